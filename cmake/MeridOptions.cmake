@@ -1,0 +1,49 @@
+# Build switches shared by every folder.
+
+if(CMAKE_SYSTEM_NAME STREQUAL "Windows")
+    set(MERID_WINDOWS ON)
+else()
+    set(MERID_WINDOWS OFF)
+endif()
+
+# The window needs gtkmm, which the Windows cross-build does not have here.
+if(MERID_WINDOWS)
+    set(_merid_gui_default OFF)
+else()
+    set(_merid_gui_default ON)
+endif()
+option(MERID_WITH_GUI "Build the window, the widgets and the program" ${_merid_gui_default})
+option(MERID_BUILD_TESTS "Build the tests" ON)
+option(MERID_BUILD_BENCH "Build the benchmarks" OFF)
+option(MERID_BUILD_TOOLS "Build the device simulator" ON)
+set(MERID_SANITIZE "" CACHE STRING "Sanitizer build: empty, address (with undefined) or thread")
+set_property(CACHE MERID_SANITIZE PROPERTY STRINGS "" address thread)
+
+if(MERID_WINDOWS)
+    set(MERID_BUILD_TOOLS OFF CACHE BOOL "" FORCE)
+    set(MERID_BUILD_BENCH OFF CACHE BOOL "" FORCE)
+endif()
+
+set(MERID_WARNINGS -Wall -Wextra -Wpedantic)
+
+if(MERID_SANITIZE STREQUAL "address")
+    add_compile_options(-fsanitize=address,undefined -fno-omit-frame-pointer -fno-sanitize-recover=undefined)
+    add_link_options(-fsanitize=address,undefined)
+elseif(MERID_SANITIZE STREQUAL "thread")
+    add_compile_options(-fsanitize=thread -fno-omit-frame-pointer)
+    add_link_options(-fsanitize=thread)
+elseif(NOT MERID_SANITIZE STREQUAL "")
+    message(FATAL_ERROR "MERID_SANITIZE must be empty, address or thread")
+endif()
+
+if(MERID_WINDOWS)
+    # One executable that runs without the MinGW runtime DLLs beside it.
+    add_link_options(-static -static-libgcc -static-libstdc++)
+    add_compile_definitions(_WIN32_WINNT=0x0A00 WIN32_LEAN_AND_MEAN NOMINMAX)
+endif()
+
+find_package(Threads REQUIRED)
+find_package(PkgConfig)
+if(MERID_WITH_GUI)
+    pkg_check_modules(GTKMM REQUIRED IMPORTED_TARGET gtkmm-3.0)
+endif()

@@ -1,0 +1,2 @@
+#!/usr/bin/env bash
+echo "make bench: not available yet"

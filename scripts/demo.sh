@@ -1,0 +1,2 @@
+#!/usr/bin/env bash
+echo "make demo: not available yet"

@@ -1,0 +1,41 @@
+#!/usr/bin/env bash
+# The whole test run: the sanitizer builds with CTest, the ThreadSanitizer
+# build of the threaded tests, and the Windows cross-build.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+JOBS=${JOBS:-$(nproc)}
+BUILD=${BUILD:-build}
+export LANG=C.UTF-8 LC_ALL=C.UTF-8 NO_AT_BRIDGE=1
+export ASAN_OPTIONS=${ASAN_OPTIONS:-detect_leaks=0:abort_on_error=0}
+export UBSAN_OPTIONS=${UBSAN_OPTIONS:-print_stacktrace=1:halt_on_error=1}
+export TSAN_OPTIONS=${TSAN_OPTIONS:-halt_on_error=1:second_deadlock_stack=1:suppressions=$PWD/tests/tsan.supp}
+
+step() { printf '\n=== %s ===\n' "$*"; }
+
+configure() { # dir, extra args
+    local dir=$1; shift
+    cmake -S . -B "$dir" -G Ninja -DCMAKE_BUILD_TYPE=Debug "$@" >/dev/null
+}
+
+step "AddressSanitizer + UndefinedBehaviorSanitizer build"
+configure "$BUILD/asan" -DMERID_SANITIZE=address
+cmake --build "$BUILD/asan" -j "$JOBS"
+step "tests (address, undefined)"
+xvfb-run -a -s "-screen 0 1280x1024x24" \
+    ctest --test-dir "$BUILD/asan" --output-on-failure -j "$JOBS"
+
+step "ThreadSanitizer build"
+configure "$BUILD/tsan" -DMERID_SANITIZE=thread
+cmake --build "$BUILD/tsan" -j "$JOBS"
+step "threaded tests (thread)"
+xvfb-run -a -s "-screen 0 1280x1024x24" \
+    ctest --test-dir "$BUILD/tsan" --output-on-failure -j "$JOBS" -L threaded --no-tests=ignore
+
+step "Windows cross-build (MinGW-w64)"
+configure "$BUILD/mingw" -DCMAKE_TOOLCHAIN_FILE="$PWD/cmake/mingw-w64.cmake" -DCMAKE_BUILD_TYPE=Release
+cmake --build "$BUILD/mingw" -j "$JOBS"
+if [ -f scripts/test-windows.sh ]; then
+    step "Windows tests under Wine"
+    bash scripts/test-windows.sh "$BUILD/mingw"
+fi
+step "all test stages passed"

@@ -1,0 +1,85 @@
+#include "FileLogger.h"
+
+#include "Platform.h"
+
+#include <filesystem>
+#include <map>
+#include <system_error>
+#include <vector>
+
+std::mutex FileLogger::instanceMutex;
+
+FileLogger& FileLogger::getInstance() {
+    static FileLogger instance;
+    std::string prefix = "application";
+    instance.createLogFile(prefix);
+    return instance;
+}
+
+FileLogger::~FileLogger() {
+    if (logFile.is_open()) {
+        logFile.close();
+    }
+}
+
+std::string FileLogger::getLogFilePath() {
+    std::lock_guard<std::mutex> lock(mutex);
+    return logFilePath;
+}
+
+bool FileLogger::createLogFile(std::string& prefix) {
+    // 1. Nothing to do once a file is open: this is the fast path of every report.
+    if (isInitialized || logFile.is_open()) {
+        return isInitialized;
+    }
+    // 2. The date suffix, with the one-digit day.
+    TimeDescription time;
+    time.updateTime();
+    const std::string suffix = "_" + time.day + "_" + time.month + "_" + time.year;
+
+    // 3. Candidate directories in order of preference.
+    std::vector<std::filesystem::path> candidates;
+    auto logDir = Platform::getEnv("MERID_LOG_DIR");
+    if (logDir && !logDir->empty()) {
+        candidates.emplace_back(std::u8string(logDir->begin(), logDir->end()));
+    }
+    candidates.push_back(std::filesystem::temp_directory_path() / "MeridKestalUtility");
+    candidates.push_back(std::filesystem::current_path());
+
+    // 4. The first directory where the file opens wins.
+    for (const auto& directory : candidates) {
+        std::error_code ignored;
+        std::filesystem::create_directories(directory, ignored);
+        std::filesystem::path path = directory / (prefix + suffix + ".log");
+        logFile.open(path, std::ios::out | std::ios::trunc);
+        if (logFile.is_open()) {
+            auto utf8 = path.u8string();
+            logFilePath.assign(utf8.begin(), utf8.end());
+            isInitialized = true;
+            break;
+        }
+        logFile.clear();
+    }
+    // 5.
+    if (logFile.is_open()) {
+        isInitialized = true;
+    }
+    return isInitialized;
+}
+
+void FileLogger::log(const std::string& message, MessageType type, const std::string& tag) {
+    std::lock_guard<std::mutex> lock(mutex);
+    if (!isInitialized || !logFile.is_open()) {
+        return;
+    }
+    static const std::map<MessageType, std::string> typeLabels = {
+        {DEBUG, "DEBUG"}, {INFO, "INFO"}, {WARNING, "WARNING"}, {ERROR, "ERROR"}, {FATAL, "FATAL"}};
+    auto label = typeLabels.find(type);
+    TimeDescription time;
+    time.updateTime();
+    logFile << "[" << (time.time + ", " + time.day + "/" + time.month + "/" + time.year) << "]"
+            << "[" << (label != typeLabels.end() ? label->second : std::string()) << "]"
+            << " " << tag << message << "\n";
+    // Each line reaches the disk at once: a crash loses nothing reported.
+    logFile.flush();
+}

@@ -1,0 +1,130 @@
+#include "Platform.h"
+
+#include <windows.h>
+
+#include <cstdlib>
+#include <knownfolders.h>
+#include <shlobj.h>
+#include <vector>
+
+namespace Platform {
+namespace {
+
+std::string narrow(const wchar_t* text) {
+    if (text == nullptr) {
+        return {};
+    }
+    int size = WideCharToMultiByte(CP_UTF8, 0, text, -1, nullptr, 0, nullptr, nullptr);
+    if (size <= 1) {
+        return {};
+    }
+    std::string result(static_cast<std::size_t>(size - 1), '\0');
+    WideCharToMultiByte(CP_UTF8, 0, text, -1, result.data(), size, nullptr, nullptr);
+    return result;
+}
+
+std::wstring widen(const std::string& text) {
+    int size = MultiByteToWideChar(CP_UTF8, 0, text.c_str(), -1, nullptr, 0);
+    if (size <= 1) {
+        return {};
+    }
+    std::wstring result(static_cast<std::size_t>(size - 1), L'\0');
+    MultiByteToWideChar(CP_UTF8, 0, text.c_str(), -1, result.data(), size);
+    return result;
+}
+
+std::optional<std::string> knownFolder(REFKNOWNFOLDERID id) {
+    PWSTR path = nullptr;
+    std::optional<std::string> result;
+    if (SUCCEEDED(SHGetKnownFolderPath(id, 0, nullptr, &path)) && path != nullptr) {
+        result = narrow(path);
+    }
+    CoTaskMemFree(path);
+    if (result && result->empty()) {
+        result.reset();
+    }
+    return result;
+}
+
+} // namespace
+
+std::optional<std::string> localTimeText(std::time_t seconds) {
+    __time64_t value = seconds;
+    const char* text = _ctime64(&value);
+    if (text == nullptr) {
+        return std::nullopt;
+    }
+    return std::string(text);
+}
+
+bool utcTime(std::time_t seconds, std::tm& out) {
+    __time64_t value = seconds;
+    return _gmtime64_s(&out, &value) == 0;
+}
+
+std::string tempDirectory() {
+    wchar_t buffer[MAX_PATH + 1];
+    DWORD length = GetTempPathW(MAX_PATH + 1, buffer);
+    if (length == 0 || length > MAX_PATH) {
+        return ".";
+    }
+    std::string result = narrow(buffer);
+    while (result.size() > 3 && (result.back() == '\\' || result.back() == '/')) {
+        result.pop_back();
+    }
+    return result;
+}
+
+std::optional<std::string> getEnv(const std::string& name) {
+    std::wstring wideName = widen(name);
+    DWORD size = GetEnvironmentVariableW(wideName.c_str(), nullptr, 0);
+    if (size == 0) {
+        if (GetLastError() == ERROR_ENVVAR_NOT_FOUND) {
+            return std::nullopt;
+        }
+        return std::string();
+    }
+    std::vector<wchar_t> buffer(size);
+    GetEnvironmentVariableW(wideName.c_str(), buffer.data(), size);
+    return narrow(buffer.data());
+}
+
+bool setEnv(const std::string& name, const std::string& value) {
+    std::wstring wideName = widen(name);
+    std::wstring wideValue = widen(value);
+    // The system's block serves child processes and Win32 readers, the CRT's
+    // copy serves getenv; both must agree.
+    bool ok = SetEnvironmentVariableW(wideName.c_str(), wideValue.c_str()) != 0;
+    std::wstring assignment = wideName + L"=" + wideValue;
+    ok = (_wputenv(assignment.c_str()) == 0) && ok;
+    return ok;
+}
+
+void unsetEnv(const std::string& name) {
+    std::wstring wideName = widen(name);
+    SetEnvironmentVariableW(wideName.c_str(), nullptr);
+    std::wstring assignment = wideName + L"=";
+    _wputenv(assignment.c_str());
+}
+
+std::optional<std::string> localAppDataDirectory() { return knownFolder(FOLDERID_LocalAppData); }
+
+std::optional<std::string> desktopDirectory() { return knownFolder(FOLDERID_Desktop); }
+
+std::string executablePath() {
+    std::vector<wchar_t> buffer(MAX_PATH);
+    for (;;) {
+        DWORD length = GetModuleFileNameW(nullptr, buffer.data(), static_cast<DWORD>(buffer.size()));
+        if (length == 0) {
+            return {};
+        }
+        if (length < buffer.size()) {
+            return narrow(buffer.data());
+        }
+        buffer.resize(buffer.size() * 2);
+    }
+}
+
+char pathListSeparator() { return ';'; }
+
+} // namespace Platform

@@ -1,0 +1,48 @@
+#include "Platform.h"
+#include "TestSupport.h"
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+
+using testsupport::ScopedEnv;
+
+TEST(Platform, LocalTimeTextHasTheFixedLayout) {
+    ScopedEnv tz("TZ", std::string("UTC"));
+#ifdef _WIN32
+    _tzset();
+#else
+    tzset();
+#endif
+    auto text = Platform::localTimeText(testsupport::utcEpoch(2026, 11, 5, 2, 16, 24));
+    ASSERT_TRUE(text.has_value());
+    EXPECT_EQ(*text, "Thu Nov  5 02:16:24 2026\n");
+}
+
+TEST(Platform, EnvironmentRoundTrip) {
+    const std::string name = "MERID_PLATFORM_TEST_VARIABLE";
+    Platform::unsetEnv(name);
+    EXPECT_FALSE(Platform::getEnv(name).has_value());
+    ASSERT_TRUE(Platform::setEnv(name, "value with spaces"));
+    EXPECT_EQ(Platform::getEnv(name).value_or(""), "value with spaces");
+    // The C runtime's view agrees with the system's.
+    const char* crt = std::getenv(name.c_str());
+    ASSERT_NE(crt, nullptr);
+    EXPECT_STREQ(crt, "value with spaces");
+    Platform::unsetEnv(name);
+    EXPECT_FALSE(Platform::getEnv(name).has_value());
+}
+
+TEST(Platform, TempDirectoryExists) {
+    const std::string dir = Platform::tempDirectory();
+    ASSERT_FALSE(dir.empty());
+    EXPECT_TRUE(std::filesystem::is_directory(dir));
+    EXPECT_NE(dir.back(), '/');
+}
+
+TEST(Platform, ExecutablePathNamesThisProgram) {
+    const std::string path = Platform::executablePath();
+    ASSERT_FALSE(path.empty());
+    EXPECT_TRUE(std::filesystem::exists(path));
+    EXPECT_NE(path.find("platform_tests"), std::string::npos);
+}

@@ -1,0 +1,131 @@
+#include "TestSupport.h"
+
+#include "Platform.h"
+
+#include <atomic>
+#include <ctime>
+#include <filesystem>
+#include <random>
+
+namespace testsupport {
+
+ScopedEnv::ScopedEnv(const std::string& variable, const std::optional<std::string>& value)
+    : name(variable), previous(Platform::getEnv(variable)) {
+    if (value) {
+        Platform::setEnv(name, *value);
+    } else {
+        Platform::unsetEnv(name);
+    }
+}
+
+ScopedEnv::~ScopedEnv() {
+    if (previous) {
+        Platform::setEnv(name, *previous);
+    } else {
+        Platform::unsetEnv(name);
+    }
+}
+
+namespace {
+std::atomic<long long> gFixedSeconds{0};
+std::chrono::system_clock::time_point fixedNow() {
+    return std::chrono::system_clock::time_point(std::chrono::seconds(gFixedSeconds.load()));
+}
+void applyTimeZone() {
+#ifdef _WIN32
+    _tzset();
+#else
+    tzset();
+#endif
+}
+} // namespace
+
+FixedClock::FixedClock(long long epochSeconds) : tz("TZ", std::string("UTC")) {
+    applyTimeZone();
+    gFixedSeconds = epochSeconds;
+    BaseLogger::setClock(&fixedNow);
+}
+
+FixedClock::~FixedClock() { BaseLogger::setClock(nullptr); }
+
+long long utcEpoch(int year, int month, int day, int hour, int minute, int second) {
+    // Days from civil, so the result needs no time zone.
+    year -= month <= 2 ? 1 : 0;
+    const long long era = (year >= 0 ? year : year - 399) / 400;
+    const long long yoe = year - era * 400;
+    const long long doy = (153 * (month + (month > 2 ? -3 : 9)) + 2) / 5 + day - 1;
+    const long long doe = yoe * 365 + yoe / 4 - yoe / 100 + doy;
+    const long long days = era * 146097 + doe - 719468;
+    return days * 86400 + hour * 3600 + minute * 60 + second;
+}
+
+CapturingLogger::CapturingLogger() {
+    auto& manager = LoggerManager::getInstance();
+    manager.overrideSink(LoggerManager::CONSOLE, this);
+    manager.setActiveLoggers({LoggerManager::CONSOLE});
+    manager.setGlobalLevel(LoggerManager::FULL);
+}
+
+CapturingLogger::~CapturingLogger() {
+    auto& manager = LoggerManager::getInstance();
+    manager.clearAllLoggers();
+    manager.overrideSink(LoggerManager::CONSOLE, nullptr);
+}
+
+void CapturingLogger::log(const std::string& message, MessageType type, const std::string& tag) {
+    std::lock_guard<std::mutex> lock(mutex);
+    captured.push_back({message, type, tag});
+}
+
+std::vector<CapturedLine> CapturingLogger::lines() {
+    std::lock_guard<std::mutex> lock(mutex);
+    return captured;
+}
+
+bool CapturingLogger::contains(const std::string& text) { return count(text) > 0; }
+
+bool CapturingLogger::contains(const std::string& text, MessageType type) {
+    std::lock_guard<std::mutex> lock(mutex);
+    for (const auto& line : captured) {
+        if (line.type == type && (line.tag + line.message).find(text) != std::string::npos) {
+            return true;
+        }
+    }
+    return false;
+}
+
+std::size_t CapturingLogger::count(const std::string& text) {
+    std::lock_guard<std::mutex> lock(mutex);
+    std::size_t n = 0;
+    for (const auto& line : captured) {
+        if ((line.tag + line.message).find(text) != std::string::npos) {
+            ++n;
+        }
+    }
+    return n;
+}
+
+void CapturingLogger::clear() {
+    std::lock_guard<std::mutex> lock(mutex);
+    captured.clear();
+}
+
+TempDir::TempDir() {
+    std::random_device random;
+    auto base = std::filesystem::temp_directory_path();
+    for (;;) {
+        auto candidate = base / ("merid-test-" + std::to_string(random()));
+        std::error_code error;
+        if (std::filesystem::create_directory(candidate, error)) {
+            dir = candidate.string();
+            return;
+        }
+    }
+}
+
+TempDir::~TempDir() {
+    std::error_code error;
+    std::filesystem::remove_all(dir, error);
+}
+
+} // namespace testsupport
