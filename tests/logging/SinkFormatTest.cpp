@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 
+#include <filesystem>
 #include <fstream>
 #include <sstream>
 
@@ -15,7 +16,7 @@ using testsupport::utcEpoch;
 namespace {
 
 std::string readAll(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
+    std::ifstream in(path); // text mode: the log is a text file on every system
     std::ostringstream out;
     out << in.rdbuf();
     return out.str();
@@ -85,8 +86,8 @@ TEST(FileLogger, LineFormatAndName) {
     FileLogger logger;
     std::string prefix = "application";
     ASSERT_TRUE(logger.createLogFile(prefix));
-    const std::string path = dir.path() + "/application_5_Nov_2026.log";
-    EXPECT_EQ(logger.getLogFilePath(), path);
+    const std::string path = (std::filesystem::path(dir.path()) / "application_5_Nov_2026.log").string();
+    EXPECT_EQ(std::filesystem::path(logger.getLogFilePath()), std::filesystem::path(path));
     logger.log("Connection success", BaseLogger::INFO, "ConnectionDialog: ");
     logger.log("boom", BaseLogger::FATAL, "X: ");
     logger.log("odd", static_cast<BaseLogger::MessageType>(9), "X: ");

@@ -24,6 +24,18 @@ private:
     std::optional<std::string> previous;
 };
 
+// Points the system's temporary directory at `dir` (TMPDIR on POSIX, TMP and
+// TEMP on Windows) while the object lives.
+class ScopedTempDirEnv {
+public:
+    explicit ScopedTempDirEnv(const std::string& dir) : tmpdir("TMPDIR", dir), tmp("TMP", dir), temp("TEMP", dir) {}
+
+private:
+    ScopedEnv tmpdir;
+    ScopedEnv tmp;
+    ScopedEnv temp;
+};
+
 // Pins the loggers' clock to one instant (seconds since the epoch) and the
 // time zone to UTC while the object lives.
 class FixedClock {
