@@ -16,6 +16,7 @@ option(MERID_WITH_GUI "Build the window, the widgets and the program" ${_merid_g
 option(MERID_BUILD_TESTS "Build the tests" ON)
 option(MERID_BUILD_BENCH "Build the benchmarks" OFF)
 option(MERID_BUILD_TOOLS "Build the device simulator" ON)
+option(MERID_BUILD_FUZZ "Build the libFuzzer targets (clang only)" OFF)
 set(MERID_SANITIZE "" CACHE STRING "Sanitizer build: empty, address (with undefined) or thread")
 set_property(CACHE MERID_SANITIZE PROPERTY STRINGS "" address thread)
 
@@ -25,6 +26,11 @@ if(MERID_WINDOWS)
 endif()
 
 set(MERID_WARNINGS -Wall -Wextra -Wpedantic)
+
+if(MERID_BUILD_FUZZ)
+    add_compile_options(-fsanitize=fuzzer-no-link,address,undefined -fno-omit-frame-pointer)
+    add_link_options(-fsanitize=address,undefined)
+endif()
 
 if(MERID_SANITIZE STREQUAL "address")
     add_compile_options(-fsanitize=address,undefined -fno-omit-frame-pointer -fno-sanitize-recover=undefined)

@@ -60,3 +60,20 @@ function(merid_finish_core_tests)
     target_compile_options(merid_core_tests PRIVATE ${MERID_WARNINGS})
     target_link_libraries(merid_core_tests PRIVATE ${libs} merid_gtest_main)
 endfunction()
+
+# merid_add_fuzzer(NAME SOURCES ... LIBS ...): a libFuzzer program fuzz_NAME.
+function(merid_add_fuzzer name)
+    cmake_parse_arguments(ARG "" "" "SOURCES;LIBS" ${ARGN})
+    add_executable(fuzz_${name} ${ARG_SOURCES})
+    target_compile_options(fuzz_${name} PRIVATE ${MERID_WARNINGS})
+    target_link_libraries(fuzz_${name} PRIVATE ${ARG_LIBS})
+    target_link_options(fuzz_${name} PRIVATE -fsanitize=fuzzer)
+endfunction()
+
+# merid_add_benchmark(NAME SOURCES ... LIBS ...): a Google Benchmark program bench_NAME.
+function(merid_add_benchmark name)
+    cmake_parse_arguments(ARG "" "" "SOURCES;LIBS" ${ARGN})
+    add_executable(bench_${name} ${ARG_SOURCES})
+    target_compile_options(bench_${name} PRIVATE ${MERID_WARNINGS})
+    target_link_libraries(bench_${name} PRIVATE ${ARG_LIBS} benchmark::benchmark)
+endfunction()
