@@ -18,7 +18,6 @@ constexpr uint32_t kMinEraseTimeoutMs = 3000;
 constexpr double kEraseTimePerMbMs = 10000.0;
 constexpr uint32_t kSyncRetryDelayMs = 100;
 constexpr uint32_t kDataAttempts = 3;
-constexpr uint32_t kFullMask = 0xFFFFFFFF;
 constexpr uint32_t kSpiBusyBit = 1u << 18;
 constexpr uint32_t kSpiPolls = 10;
 constexpr uint32_t kRomReadBlock = 64;
