@@ -62,6 +62,7 @@ void FakePort::reset() {
     nowMs = 0;
     delayedMs = 0;
     onRequest = nullptr;
+    onWrite = nullptr;
     writeResult = ESP_LOADER_SUCCESS;
     input.clear();
     deadlineMs = 0;
@@ -131,6 +132,9 @@ esp_loader_error_t FakePort::write(const uint8_t* data, uint16_t size) {
     writes.emplace_back(data, data + size);
     for (uint16_t i = 0; i < size; ++i) {
         decode(data[i]);
+    }
+    if (onWrite) {
+        onWrite(data, size);
     }
     return ESP_LOADER_SUCCESS;
 }

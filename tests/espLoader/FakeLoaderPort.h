@@ -51,6 +51,8 @@ public:
 
     // Called with each complete request frame; may push the answer.
     std::function<void(const Request&)> onRequest;
+    // Called with the bytes of each write as they stand on the wire.
+    std::function<void(const uint8_t*, size_t)> onWrite;
     // A write failure to return from the next writes.
     esp_loader_error_t writeResult = ESP_LOADER_SUCCESS;
 
