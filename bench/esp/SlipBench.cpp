@@ -99,6 +99,8 @@ BENCHMARK(BM_SlipEncodeAllEscapes)->Arg(1024);
 BENCHMARK(BM_SlipDecode)->Arg(1034)->Arg(65536);
 BENCHMARK(BM_CommandRoundTrip);
 
+ESP_LOADER_NAMESPACE_BEGIN
+
 // The line: writes are counted and dropped, reads come from the prepared
 // bytes, and time never runs out while they last.
 esp_loader_error_t loader_port_write(const uint8_t* data, uint16_t size, uint32_t) {
@@ -136,5 +138,7 @@ void loader_port_debug_print(const char*) {}
 esp_loader_error_t loader_port_change_transmission_rate(uint32_t) {
     return ESP_LOADER_SUCCESS;
 }
+
+ESP_LOADER_NAMESPACE_END
 
 BENCHMARK_MAIN();

@@ -21,6 +21,8 @@ uint64_t gDeadline = 0;
 
 } // namespace
 
+ESP_LOADER_NAMESPACE_BEGIN
+
 esp_loader_error_t loader_port_write(const uint8_t* data, uint16_t size, uint32_t) {
     return data == nullptr || size == 0 ? ESP_LOADER_ERROR_INVALID_PARAM : ESP_LOADER_SUCCESS;
 }
@@ -61,6 +63,8 @@ void loader_port_debug_print(const char*) {}
 esp_loader_error_t loader_port_change_transmission_rate(uint32_t) {
     return ESP_LOADER_SUCCESS;
 }
+
+ESP_LOADER_NAMESPACE_END
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     if (size == 0) {

@@ -47,6 +47,8 @@ void meridEspSerialFlasherPortSetUsb(UsbCommunication* usb) {
     g_usb = usb;
 }
 
+ESP_LOADER_NAMESPACE_BEGIN
+
 esp_loader_error_t loader_port_write(const uint8_t* data, uint16_t size, uint32_t) {
     UsbCommunication* usb = g_usb;
     if (data == nullptr || size == 0 || usb == nullptr) {
@@ -131,3 +133,5 @@ void loader_port_debug_print(const char* text) {
 esp_loader_error_t loader_port_change_transmission_rate(uint32_t) {
     return ESP_LOADER_SUCCESS;
 }
+
+ESP_LOADER_NAMESPACE_END

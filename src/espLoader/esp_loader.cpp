@@ -8,6 +8,8 @@
 #include <algorithm>
 #include <cstring>
 
+ESP_LOADER_NAMESPACE_BEGIN
+
 namespace {
 
 uint32_t s_target_flash_size = 0;
@@ -427,3 +429,5 @@ void esp_loader_reset_target() {
 void loader_set_target_flash_size(uint32_t size) {
     s_target_flash_size = size;
 }
+
+ESP_LOADER_NAMESPACE_END

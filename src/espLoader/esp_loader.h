@@ -5,6 +5,8 @@
 
 #include <cstdint>
 
+ESP_LOADER_NAMESPACE_BEGIN
+
 // The loader's public operations: connecting to a chip's ROM loader (or this
 // program's RAM stub), measuring its flash, and writing, erasing and reading
 // it. Each operation sets the time limit of the commands it sends.
@@ -52,3 +54,5 @@ esp_loader_error_t esp_loader_mem_finish(uint32_t entry);
 // The flash size found or assumed since the last connect; 0 when not known.
 uint32_t esp_loader_target_flash_size();
 void loader_set_target_flash_size(uint32_t size);
+
+ESP_LOADER_NAMESPACE_END

@@ -2,6 +2,17 @@
 
 #include <cstdint>
 
+// The loader's functions and tables live in an inline namespace, so callers
+// name them plainly. The program builds them in one variant; the unit tests
+// build a second one on an in-memory line, and both may share an executable.
+#ifndef MERID_ESP_LOADER_VARIANT
+#define MERID_ESP_LOADER_VARIANT serial
+#endif
+#define ESP_LOADER_NAMESPACE_BEGIN inline namespace MERID_ESP_LOADER_VARIANT {
+#define ESP_LOADER_NAMESPACE_END }
+
+ESP_LOADER_NAMESPACE_BEGIN
+
 // The result of every loader operation and of the port functions below them.
 enum esp_loader_error_t : std::int32_t {
     ESP_LOADER_SUCCESS = 0,
@@ -15,6 +26,8 @@ enum esp_loader_error_t : std::int32_t {
     ESP_LOADER_ERROR_UNSUPPORTED_FUNC = 8,
     ESP_LOADER_ERROR_INVALID_RESPONSE = 9,
 };
+
+ESP_LOADER_NAMESPACE_END
 
 // Returns early from the calling function when a loader step fails.
 #define LOADER_TRY(expr)                                                                                     \

@@ -7,6 +7,8 @@
 #include <algorithm>
 #include <cstring>
 
+ESP_LOADER_NAMESPACE_BEGIN
+
 namespace {
 
 constexpr uint32_t kDefaultTimeoutMs = 1000;
@@ -116,3 +118,5 @@ esp_loader_error_t esp_loader_connect_with_stub(esp_loader_connect_args_t* args)
     }
     return loader_run_stub(s_target);
 }
+
+ESP_LOADER_NAMESPACE_END

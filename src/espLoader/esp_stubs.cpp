@@ -3,6 +3,8 @@
 #include <array>
 #include <cstddef>
 
+ESP_LOADER_NAMESPACE_BEGIN
+
 namespace {
 
 // Placeholder bytes: a xorshift sequence seeded by the segment's load
@@ -81,3 +83,5 @@ const esp_stub_t esp_stub[ESP_MAX_CHIP] = {
 bool esp_stub_available(target_chip_t target) {
     return target >= 0 && target < ESP_MAX_CHIP && esp_stub[target].segments[0].size != 0;
 }
+
+ESP_LOADER_NAMESPACE_END

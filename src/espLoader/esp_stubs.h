@@ -4,6 +4,8 @@
 
 #include <cstdint>
 
+ESP_LOADER_NAMESPACE_BEGIN
+
 // The RAM stubs this program can load in place of a chip's ROM loader.
 //
 // No stub program for these chips ships with this source tree: the segments
@@ -28,3 +30,5 @@ extern const esp_stub_t esp_stub[ESP_MAX_CHIP];
 
 // Whether a target has a stub image at all.
 bool esp_stub_available(target_chip_t target);
+
+ESP_LOADER_NAMESPACE_END

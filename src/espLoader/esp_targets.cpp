@@ -5,6 +5,8 @@
 
 #include <bit>
 
+ESP_LOADER_NAMESPACE_BEGIN
+
 target_chip_t s_target = ESP_UNKNOWN_CHIP;
 const target_registers_t* s_reg = nullptr;
 
@@ -311,3 +313,5 @@ esp_loader_error_t esp_loader_read_mac(uint8_t* mac) {
 target_chip_t esp_loader_get_target() {
     return s_target;
 }
+
+ESP_LOADER_NAMESPACE_END

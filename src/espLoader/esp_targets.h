@@ -4,6 +4,8 @@
 
 #include <cstdint>
 
+ESP_LOADER_NAMESPACE_BEGIN
+
 // The chips the loader knows, as indices into every per-chip table.
 enum target_chip_t : int32_t {
     ESP8266_CHIP = 0,
@@ -76,3 +78,5 @@ esp_loader_error_t spi_config_unsupported(uint32_t efuse_base, uint32_t* spi_con
 // The target found by the last connect and its controller registers.
 extern target_chip_t s_target;
 extern const target_registers_t* s_reg;
+
+ESP_LOADER_NAMESPACE_END

@@ -4,6 +4,8 @@
 
 #include <cstdint>
 
+ESP_LOADER_NAMESPACE_BEGIN
+
 // What the loader needs from the line. The program's implementation runs on
 // its one UsbCommunication object (EspSerialFlasherPort.cpp); tests link
 // their own in-memory peer behind the same functions.
@@ -25,3 +27,5 @@ void loader_port_enter_bootloader();
 void loader_port_reset_target();
 void loader_port_debug_print(const char* text);
 esp_loader_error_t loader_port_change_transmission_rate(uint32_t rate);
+
+ESP_LOADER_NAMESPACE_END

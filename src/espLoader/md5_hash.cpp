@@ -2,6 +2,8 @@
 
 #include <cstring>
 
+ESP_LOADER_NAMESPACE_BEGIN
+
 namespace {
 
 // Per-round shift amounts and the sine-derived constants of RFC 1321, 3.4.
@@ -126,3 +128,5 @@ void MD5Final(uint8_t digest[16], MD5Context* context) {
     }
     std::memset(context, 0, sizeof(*context));
 }
+
+ESP_LOADER_NAMESPACE_END

@@ -6,6 +6,8 @@
 #include <algorithm>
 #include <cstring>
 
+ESP_LOADER_NAMESPACE_BEGIN
+
 namespace {
 
 uint32_t s_sequence_number = 0;
@@ -375,3 +377,5 @@ esp_loader_error_t esp_loader_write_register(uint32_t address, uint32_t reg_valu
     loader_port_start_timer(kDefaultTimeoutMs);
     return loader_write_reg_cmd(address, reg_value, kFullMask, 0);
 }
+
+ESP_LOADER_NAMESPACE_END

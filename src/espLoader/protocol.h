@@ -5,6 +5,8 @@
 #include <cstddef>
 #include <cstdint>
 
+ESP_LOADER_NAMESPACE_BEGIN
+
 // The ROM loader's commands, one function each, and the one request and
 // response routine they all go through. Time limits come from the port's
 // timer, which the caller sets before each command.
@@ -97,3 +99,5 @@ esp_loader_error_t loader_flash_read_stub_cmd(uint32_t address, uint32_t size, u
 // Reads and writes one chip register, each under a limit of 1000 ms.
 esp_loader_error_t esp_loader_read_register(uint32_t address, uint32_t* reg_value);
 esp_loader_error_t esp_loader_write_register(uint32_t address, uint32_t reg_value);
+
+ESP_LOADER_NAMESPACE_END

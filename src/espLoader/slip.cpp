@@ -4,6 +4,8 @@
 
 #include <algorithm>
 
+ESP_LOADER_NAMESPACE_BEGIN
+
 namespace {
 
 const uint8_t DELIMITER[] = {0xC0};
@@ -98,3 +100,5 @@ esp_loader_error_t SLIP_receive_packet(uint8_t* buffer, uint32_t capacity, uint3
     *received = capacity;
     return ESP_LOADER_SUCCESS;
 }
+
+ESP_LOADER_NAMESPACE_END

@@ -4,6 +4,8 @@
 
 #include <cstdint>
 
+ESP_LOADER_NAMESPACE_BEGIN
+
 // SLIP framing of the ROM loader's packets: C0 ends a frame, C0 and DB inside
 // it go out as DB DC and DB DD.
 
@@ -17,3 +19,5 @@ esp_loader_error_t SLIP_send_delimiter();
 // Reads one frame into `buffer`, skipping whatever comes before its first C0.
 // A frame longer than `capacity` is cut to it. Runs under the port's timer.
 esp_loader_error_t SLIP_receive_packet(uint8_t* buffer, uint32_t capacity, uint32_t* received);
+
+ESP_LOADER_NAMESPACE_END

@@ -172,6 +172,8 @@ uint32_t FakePort::remaining() const {
 
 using fakeport::FakePort;
 
+ESP_LOADER_NAMESPACE_BEGIN
+
 esp_loader_error_t loader_port_write(const uint8_t* data, uint16_t size, uint32_t) {
     return FakePort::instance().write(data, size);
 }
@@ -210,3 +212,5 @@ void loader_port_debug_print(const char* text) {
 esp_loader_error_t loader_port_change_transmission_rate(uint32_t) {
     return ESP_LOADER_SUCCESS;
 }
+
+ESP_LOADER_NAMESPACE_END

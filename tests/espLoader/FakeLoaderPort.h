@@ -1,5 +1,12 @@
 #pragma once
 
+// The unit tests build the loader on this line as a variant of its own,
+// beside the program's (esp_loader_error.h); include this header first.
+#ifdef ESP_LOADER_NAMESPACE_BEGIN
+#error "FakeLoaderPort.h must come before the loader's headers"
+#endif
+#define MERID_ESP_LOADER_VARIANT scripted
+
 #include "esp_loader_error.h"
 
 #include <cstdint>

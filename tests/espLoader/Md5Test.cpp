@@ -1,3 +1,4 @@
+#include "FakeLoaderPort.h"
 #include "md5_hash.h"
 
 #include <gtest/gtest.h>

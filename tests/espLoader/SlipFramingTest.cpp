@@ -1,5 +1,5 @@
-#include "slip.h"
 #include "FakeLoaderPort.h"
+#include "slip.h"
 
 #include <gtest/gtest.h>
 
