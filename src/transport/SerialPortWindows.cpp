@@ -1,6 +1,8 @@
 #include "SerialPortWindows.h"
 
 #include <windows.h>
+// wingdi.h defines ERROR, which is a message type of the logger here.
+#undef ERROR
 
 #include <algorithm>
 #include <chrono>
