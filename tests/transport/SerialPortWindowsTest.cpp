@@ -1,4 +1,5 @@
 #include "SerialPortWindows.h"
+#include "Platform.h"
 #include "PortNames.h"
 #include "TestSupport.h"
 #include "UsbCommunication.h"
@@ -66,4 +67,39 @@ TEST(SerialPortWindows, UsbCommunicationMakesTheWindowsPort) {
     EXPECT_EQ(usb.connect(UsbCommunication::MethodCom), UsbTypes::NotAvailable);
     EXPECT_TRUE(log.contains("SerialPort: Error opening port COM250 (CreateFileA err="));
     EXPECT_TRUE(log.contains("UsbCommunication: Port COM250 is not available!"));
+}
+
+// Needs a COM port whose other end echoes every byte, named in
+// MERID_TEST_ECHO_PORT (under Wine: a dosdevices link to a pseudo-terminal).
+TEST(SerialPortWindows, EchoOverARealPort) {
+    const auto name = Platform::getEnv("MERID_TEST_ECHO_PORT");
+    if (!name || name->empty()) {
+        GTEST_SKIP() << "no echo port named in MERID_TEST_ECHO_PORT";
+    }
+    CapturingLogger log;
+    SerialPortWindows port;
+    std::string portName = *name;
+    ASSERT_EQ(port.openPort(portName), UsbTypes::Ok);
+    ASSERT_TRUE(port.serialPortConfig(UsbTypes::Baud115200));
+    port.verifyPortSettings();
+    EXPECT_TRUE(log.contains("Current port settings: BaudRate=115200, ByteSize=8, Parity=0, StopBits=0"));
+
+    const char raw[] = "ping\r\n\x11\x13\x00 12345";
+    std::string text(raw, sizeof(raw) - 1);
+    const auto sent = port.writeDataImpl(reinterpret_cast<unsigned char*>(text.data()), text.size());
+    EXPECT_EQ(sent.status, UsbTypes::Ok);
+    EXPECT_EQ(sent.bytes, text.size());
+    std::string echoed;
+    unsigned char buffer[64];
+    while (echoed.size() < text.size()) {
+        const auto got = port.readDataImpl(buffer, sizeof(buffer), 2000);
+        if (got.status != UsbTypes::Ok) {
+            break;
+        }
+        echoed.append(reinterpret_cast<char*>(buffer), got.bytes);
+    }
+    EXPECT_EQ(echoed, text);
+    EXPECT_EQ(port.readDataImpl(buffer, sizeof(buffer), 20).status, UsbTypes::Timeout);
+    EXPECT_EQ(port.closePort(), UsbTypes::Ok);
+    EXPECT_EQ(port.closePort(), UsbTypes::Ok);
 }
