@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <deque>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -36,6 +37,9 @@ public:
 
     UsbTypes::IoResult writeDataImpl(unsigned char* data, unsigned long long size) override {
         written.append(reinterpret_cast<const char*>(data), static_cast<std::size_t>(size));
+        if (duringWrite) {
+            duringWrite();
+        }
         UsbTypes::IoResult result;
         result.status = writeStatus;
         result.bytes = writeShortBy < size ? size - writeShortBy : 0;
@@ -73,6 +77,8 @@ public:
     UsbTypes::Status writeStatus = UsbTypes::Ok;
     unsigned long long writeShortBy = 0;
     std::deque<std::string> incoming;
+    // Runs inside the write, as another thread would at that moment.
+    std::function<void()> duringWrite;
 
     bool open = false;
     int openCalls = 0;

@@ -173,6 +173,20 @@ TEST_F(UsbCommunicationTest, ShortWriteEndsTheConnectionToo) {
     EXPECT_EQ(usb->write(buffer, 8), UsbTypes::NotConnected);
 }
 
+TEST_F(UsbCommunicationTest, WriteFailingOnAReplacedConnectionLeavesTheNewOneOpen) {
+    connectCom();
+    port->writeStatus = UsbTypes::TransmitError;
+    // The window reconnects while the sender's write is under way.
+    port->duringWrite = [this] {
+        port->duringWrite = nullptr;
+        EXPECT_EQ(usb->connect(UsbCommunication::MethodCom), UsbTypes::Ok);
+    };
+    EXPECT_EQ(usb->write(buffer, 8), UsbTypes::TransmitError);
+    EXPECT_TRUE(log.contains("COM write failed; treating as disconnect"));
+    EXPECT_EQ(port->closeCalls, 0);
+    EXPECT_TRUE(usb->isConnected());
+}
+
 TEST_F(UsbCommunicationTest, ReadsPassThePortsResults) {
     connectCom();
     port->incoming = {"abc"};
