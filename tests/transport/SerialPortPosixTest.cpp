@@ -275,10 +275,3 @@ TEST_F(SerialPortPosixTest, ExtraPortsAreListedInNameOrder) {
     EXPECT_EQ(port.openPort(chosen), UsbTypes::Ok);
 }
 
-TEST_F(SerialPortPosixTest, ListingWithoutExtraPortsHasOnlySerialDevices) {
-    testsupport::ScopedEnv extra("MERID_EXTRA_PORTS", std::nullopt);
-    for (const auto& name : port.getAvailablePorts()) {
-        EXPECT_EQ(name.rfind("/dev/", 0), 0u) << name;
-        EXPECT_EQ(name.find("/dev/pts/"), std::string::npos) << name;
-    }
-}

@@ -53,17 +53,6 @@ TEST_F(UsbCommunicationPtyTest, ConnectTalkAndDisconnect) {
     EXPECT_FALSE(log.contains("", BaseLogger::ERROR));
 }
 
-TEST_F(UsbCommunicationPtyTest, ReadWithoutTimeOutWaitsASecondAtMost) {
-    ASSERT_EQ(usb.connect(UsbCommunication::MethodCom), UsbTypes::Ok);
-    ASSERT_TRUE(pty.send("x"));
-    auto result = usb.read(buffer, sizeof(buffer));
-    ASSERT_EQ(result.status, UsbTypes::Ok);
-    EXPECT_EQ(result.bytes, 1u);
-    result = usb.read(buffer, sizeof(buffer));
-    EXPECT_EQ(result.status, UsbTypes::Timeout);
-    EXPECT_FALSE(log.contains("Receive Error COM"));
-}
-
 TEST_F(UsbCommunicationPtyTest, UnpluggedDeviceIsNoticedOnTheNextWrite) {
     ASSERT_EQ(usb.connect(UsbCommunication::MethodCom), UsbTypes::Ok);
     pty.unplug();

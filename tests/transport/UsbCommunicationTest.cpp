@@ -248,14 +248,3 @@ TEST(UsbCommunicationWithoutPort, ReportsTheMissingBackend) {
     EXPECT_EQ(usb.write(&byte, 1), UsbTypes::NotConnected);
 }
 
-TEST(UsbTypesTest, CodesAndDefaults) {
-    EXPECT_EQ(static_cast<int>(UsbTypes::Ok), 0);
-    EXPECT_EQ(static_cast<int>(UsbTypes::NotConnected), 6);
-    UsbTypes::IoResult result;
-    EXPECT_EQ(result.status, UsbTypes::Ok);
-    EXPECT_EQ(result.bytes, 0u);
-    EXPECT_TRUE(UsbTypes::isSupportedBaudrate(2000000));
-    EXPECT_TRUE(UsbTypes::isSupportedBaudrate(57600));
-    EXPECT_FALSE(UsbTypes::isSupportedBaudrate(9600));
-    EXPECT_FALSE(UsbTypes::isSupportedBaudrate(-115200));
-}
