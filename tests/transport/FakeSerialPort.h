@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-// A port whose answers a test chooses and whose calls it can inspect.
+// A port whose answers a test chooses and whose calls it can check afterwards.
 class FakeSerialPort : public SerialPort {
 public:
     std::vector<std::string> getAvailablePorts() override { return ports; }
