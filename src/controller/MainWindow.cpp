@@ -5,6 +5,7 @@
 
 #include <filesystem>
 #include <optional>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -84,6 +85,10 @@ MainWindow* MainWindow::getInstance(const Glib::ustring& title, Glib::RefPtr<Gtk
     g_log(nullptr, G_LOG_LEVEL_MESSAGE, "MainWindow: resolving derived widget MainWindow...");
     MainWindow* window = nullptr;
     builder->get_widget_derived("MainWindow", window);
+    if (window == nullptr) {
+        // The toolkit has said why; without a window there is nothing to run.
+        throw std::runtime_error("MainWindow: the interface definition has no usable object \"MainWindow\"");
+    }
 
     g_log(nullptr, G_LOG_LEVEL_MESSAGE, "MainWindow: widget resolved, initializing...");
     window->initWidgets(builder, application);
