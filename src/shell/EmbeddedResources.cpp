@@ -29,16 +29,14 @@ void warnAboutPlaceholderImages() {
     if (!kEsp32ImageIsPlaceholder && !kStm32ImageIsPlaceholder) {
         return;
     }
-    std::string which;
-    if (kEsp32ImageIsPlaceholder) {
-        which = "ESP32";
-    }
-    if (kStm32ImageIsPlaceholder) {
-        which += which.empty() ? "STM32" : " and STM32";
-    }
+    const bool both = kEsp32ImageIsPlaceholder && kStm32ImageIsPlaceholder;
+    const std::string which = both                       ? "ESP32 and STM32 images are"
+                              : kEsp32ImageIsPlaceholder ? "ESP32 image is"
+                                                         : "STM32 image is";
     writeLogLine(kAppName, G_LOG_LEVEL_WARNING,
                  "PLACEHOLDER FIRMWARE: the built-in " + which +
-                     " image of this build is filler, not firmware. NEVER flash it into a real device.");
+                     " filler made by the build, not firmware. NEVER flash " + (both ? "them" : "it") +
+                     " into a real device.");
 }
 
 } // namespace
