@@ -334,3 +334,17 @@ TEST_F(ProgramStart, HardwareFaultLogsItsCodeAndFramesBeforeTheSignal) {
     EXPECT_LE(frames, 64u);
     EXPECT_EQ(body(lines.back()), "[CRITICAL] [Crash] Signal 11");
 }
+
+TEST_F(ProgramStart, CopiedAloneUnderAnotherNameItRunsAndNamesItsTreeAfterItself) {
+    // One file, nothing beside it: a blank and an extension in its name.
+    const std::string copy = sandbox.root() + "/Merid Tool.v2.bin";
+    fs::copy_file(program, copy);
+    fs::permissions(copy, fs::perms::owner_exec, fs::perm_options::add);
+    auto run = runUntilWindowThenClose(copy, sandbox, sandbox.environment());
+    expectCleanExit(run);
+
+    const std::string share = sandbox.runtimeShare("Merid_Tool.v2");
+    EXPECT_EQ(treeTimes(share).size(), 16u);
+    EXPECT_FALSE(fs::exists(sandbox.runtimeShare()));
+    EXPECT_TRUE(findLine(earlyLog(sandbox), "[MESSAGE] [Env] XDG_DATA_DIRS=" + share));
+}
