@@ -24,6 +24,25 @@ constexpr uint32_t kMd5HexSize = 32;
 constexpr uint32_t kMd5BinarySize = 16;
 constexpr uint32_t kSecurityInfoSize = 20;
 
+struct loader_error_text_t {
+    uint8_t code;
+    const char* text;
+};
+
+// The words for the error codes of a refused command. Code 5 shares its
+// word with 0xC3.
+const loader_error_text_t kLoaderErrorTexts[] = {
+    {5, "Error: INVALID_COMMAND"},      {6, "Error: COMMAND_FAILED"},
+    {7, "Error: INVALID_CRC"},          {8, "Error: FLASH_WRITE_ERR"},
+    {9, "Error: FLASH_READ_ERR"},       {10, "Error: READ_LENGTH_ERR"},
+    {11, "Error: DEFLATE_ERROR"},       {0xC0, "Error: BAD_DATA_LEN"},
+    {0xC1, "Error: BAD_DATA_CHECKSUM"}, {0xC2, "Error: BAD_BLOCKSIZE"},
+    {0xC3, "Error: INVALID_COMMAND"},   {0xC4, "Error: FAILED_SPI_OP"},
+    {0xC5, "Error: FAILED_SPI_UNLOCK"}, {0xC6, "Error: NOT_IN_FLASH_MODE"},
+    {0xC7, "Error: INFLATE_ERROR"},     {0xC8, "Error: NOT_ENOUGH_DATA"},
+    {0xC9, "Error: TOO_MUCH_DATA"},     {0xFF, "Error: CMD_NOT_IMPLEMENTED"},
+};
+
 void putWord(uint8_t* at, uint32_t value) {
     at[0] = static_cast<uint8_t>(value);
     at[1] = static_cast<uint8_t>(value >> 8);
@@ -175,66 +194,13 @@ esp_loader_error_t send_cmd(const send_cmd_config* config) {
 }
 
 void log_loader_internal_error(uint8_t error) {
-    const char* text = "Error: UNKNOWN ERROR";
-    switch (error) {
-    case 5:
-        text = "Error: INVALID_COMMAND";
-        break;
-    case 6:
-        text = "Error: COMMAND_FAILED";
-        break;
-    case 7:
-        text = "Error: INVALID_CRC";
-        break;
-    case 8:
-        text = "Error: FLASH_WRITE_ERR";
-        break;
-    case 9:
-        text = "Error: FLASH_READ_ERR";
-        break;
-    case 10:
-        text = "Error: READ_LENGTH_ERR";
-        break;
-    case 11:
-        text = "Error: DEFLATE_ERROR";
-        break;
-    case 0xC0:
-        text = "Error: BAD_DATA_LEN";
-        break;
-    case 0xC1:
-        text = "Error: BAD_DATA_CHECKSUM";
-        break;
-    case 0xC2:
-        text = "Error: BAD_BLOCKSIZE";
-        break;
-    case 0xC3:
-        text = "Error: INVALID_COMMAND";
-        break;
-    case 0xC4:
-        text = "Error: FAILED_SPI_OP";
-        break;
-    case 0xC5:
-        text = "Error: FAILED_SPI_UNLOCK";
-        break;
-    case 0xC6:
-        text = "Error: NOT_IN_FLASH_MODE";
-        break;
-    case 0xC7:
-        text = "Error: INFLATE_ERROR";
-        break;
-    case 0xC8:
-        text = "Error: NOT_ENOUGH_DATA";
-        break;
-    case 0xC9:
-        text = "Error: TOO_MUCH_DATA";
-        break;
-    case 0xFF:
-        text = "Error: CMD_NOT_IMPLEMENTED";
-        break;
-    default:
-        break;
+    for (const loader_error_text_t& entry : kLoaderErrorTexts) {
+        if (entry.code == error) {
+            loader_port_debug_print(entry.text);
+            return;
+        }
     }
-    loader_port_debug_print(text);
+    loader_port_debug_print("Error: UNKNOWN ERROR");
 }
 
 esp_loader_error_t loader_flash_begin_cmd(uint32_t offset, uint32_t erase_size, uint32_t block_size,

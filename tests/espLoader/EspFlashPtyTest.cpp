@@ -113,6 +113,18 @@ TEST_F(EspFlashOverPty, ShortImageReportsFortyEightyOneHundred) {
     EXPECT_EQ(chip->flash(2500, 3072 - 2500), Bytes(3072 - 2500, 0xFF));
 }
 
+TEST_F(EspFlashOverPty, SmallBlockSizesCountAsTwoHundredFiftySix) {
+    const Bytes bytes = image(1024, 9);
+    std::string error;
+    int calls = 0;
+    ASSERT_TRUE(MeridEspSerialFlasher::flashBinary(
+        usb, writeFile("app.bin", bytes), {0, 16, false}, [&](unsigned char) { ++calls; }, &error))
+        << error;
+    EXPECT_EQ(calls, 4);
+    EXPECT_EQ(chip->counters().dataBlocks, 4u);
+    EXPECT_EQ(chip->flash(0, 1024), bytes);
+}
+
 TEST_F(EspFlashOverPty, OneByteFileReachesThePortAndFailsAtTheStart) {
     std::string error;
     EXPECT_FALSE(flash(writeFile("one.bin", {0x42}), nullptr, &error));
