@@ -123,4 +123,8 @@ TEST_F(SimDeviceTest, KeepsAFileWrittenInSteps) {
     // File information answers with the finished image's size and check code.
     EXPECT_EQ(ask({9, 2, 7, 1}), (Bytes{9, 2, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0}));
     EXPECT_FALSE(device.finishedImage(4));
+
+    // Beyond the board's flash: refused, nothing kept.
+    EXPECT_EQ(ask({10, 2, 8, 2, 0, 0, 0, 1, 0xAB}), (Bytes{10, 2, SimDevice::kStatusBadRequest}));
+    EXPECT_TRUE(device.openImage(2).empty());
 }

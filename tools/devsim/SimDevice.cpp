@@ -187,6 +187,9 @@ SimDevice::Response SimDevice::fileWrite(std::uint8_t pack, const std::vector<st
     FileSlot& slot = files[request[3]];
     const std::uint32_t offset = getU32(request, 4);
     const std::size_t chunk = request.size() - 8;
+    if (static_cast<std::size_t>(offset) + chunk > kMaxFileSize) {
+        return Response{header(pack, kStatusBadRequest), {}};
+    }
     if (chunk > 0) {
         if (!slot.open) {
             // A lenient board: it takes the chunk all the same, and counts it.

@@ -39,6 +39,8 @@ public:
     static constexpr std::uint8_t kStatusBadIndex = 1;
     static constexpr std::uint8_t kStatusBadRequest = 2;
     static constexpr std::uint8_t kStatusUnknownCommand = 0x7F;
+    // The flash a file may fill; a chunk beyond it is refused.
+    static constexpr std::size_t kMaxFileSize = 16u << 20;
 
     SimDevice(std::uint8_t address, std::string name, std::uint8_t versionMajor = 1,
               std::uint8_t versionMinor = 0);
