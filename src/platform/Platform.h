@@ -43,4 +43,35 @@ std::string executablePath();
 // Separator between directory entries of a path list variable.
 char pathListSeparator();
 
+// The value of XDG_DATA_DIRS that makes `dir` the toolkit's first data
+// directory. On POSIX the data directories that the process inherited (or
+// the XDG default when there were none) stay after it, since the toolkit's
+// image loaders tell file types by the shared MIME database found there; on
+// Windows nothing else reads the variable and `dir` stands alone.
+std::string dataDirsWith(const std::string& dir);
+
+// Last-chance crash hooks. The reporters run inside a signal handler or an
+// exception filter: they must not return control to the faulting code.
+
+// Called for a fault the process cannot survive, with the fault's code and up
+// to kMaxCrashFrames return addresses of the faulting thread. When the
+// reporter returns, the process ends (exit code 128 plus the signal number on
+// POSIX, the system's handling on Windows).
+using FaultReporter = void (*)(unsigned long code, void* const* frames, int frameCount);
+constexpr int kMaxCrashFrames = 64;
+void installFaultReporter(FaultReporter reporter);
+
+// Routes one signal to `reporter`. On POSIX a segmentation fault raised by the
+// hardware reaches the fault reporter first, then this one; a signal sent by
+// another process reaches this one alone.
+using SignalReporter = void (*)(int signalNumber);
+void installSignalReporter(int signalNumber, SignalReporter reporter);
+
+// The platform's numbers of the abort and segmentation fault signals.
+int abortSignalNumber();
+int segmentationFaultSignalNumber();
+
+// Ends the process at once: no static destructors, no atexit handlers.
+[[noreturn]] void exitImmediately(int code);
+
 } // namespace Platform

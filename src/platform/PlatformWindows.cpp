@@ -2,6 +2,8 @@
 
 #include <windows.h>
 
+#include <atomic>
+#include <csignal>
 #include <cstdlib>
 #include <knownfolders.h>
 #include <shlobj.h>
@@ -31,6 +33,22 @@ std::wstring widen(const std::string& text) {
     std::wstring result(static_cast<std::size_t>(size - 1), L'\0');
     MultiByteToWideChar(CP_UTF8, 0, text.c_str(), -1, result.data(), size);
     return result;
+}
+
+std::atomic<FaultReporter> gFaultReporter{nullptr};
+
+LONG WINAPI onUnhandledException(EXCEPTION_POINTERS* info) {
+    unsigned long code = 0;
+    if (info != nullptr && info->ExceptionRecord != nullptr) {
+        code = info->ExceptionRecord->ExceptionCode;
+    }
+    void* frames[kMaxCrashFrames];
+    USHORT count = RtlCaptureStackBackTrace(0, kMaxCrashFrames, frames, nullptr);
+    FaultReporter reporter = gFaultReporter.load();
+    if (reporter != nullptr) {
+        reporter(code, frames, count);
+    }
+    return EXCEPTION_EXECUTE_HANDLER;
 }
 
 std::optional<std::string> knownFolder(REFKNOWNFOLDERID id) {
@@ -107,9 +125,13 @@ void unsetEnv(const std::string& name) {
     _wputenv(assignment.c_str());
 }
 
-std::optional<std::string> localAppDataDirectory() { return knownFolder(FOLDERID_LocalAppData); }
+std::optional<std::string> localAppDataDirectory() {
+    return knownFolder(FOLDERID_LocalAppData);
+}
 
-std::optional<std::string> desktopDirectory() { return knownFolder(FOLDERID_Desktop); }
+std::optional<std::string> desktopDirectory() {
+    return knownFolder(FOLDERID_Desktop);
+}
 
 std::string executablePath() {
     std::vector<wchar_t> buffer(MAX_PATH);
@@ -125,6 +147,33 @@ std::string executablePath() {
     }
 }
 
-char pathListSeparator() { return ';'; }
+char pathListSeparator() {
+    return ';';
+}
+
+std::string dataDirsWith(const std::string& dir) {
+    return dir;
+}
+
+void installFaultReporter(FaultReporter reporter) {
+    gFaultReporter = reporter;
+    SetUnhandledExceptionFilter(&onUnhandledException);
+}
+
+void installSignalReporter(int signalNumber, SignalReporter reporter) {
+    std::signal(signalNumber, reporter);
+}
+
+int abortSignalNumber() {
+    return SIGABRT;
+}
+
+int segmentationFaultSignalNumber() {
+    return SIGSEGV;
+}
+
+void exitImmediately(int code) {
+    _exit(code);
+}
 
 } // namespace Platform

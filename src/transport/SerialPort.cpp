@@ -1,0 +1,5 @@
+#include "SerialPort.h"
+
+SerialPort::SerialPort() : logger(&LoggerManager::getInstance()) {}
+
+SerialPort::~SerialPort() = default;

@@ -1,0 +1,308 @@
+#include "SerialPortWindows.h"
+
+#include <windows.h>
+// wingdi.h defines ERROR, which is a message type of the logger here.
+#undef ERROR
+
+#include <algorithm>
+#include <chrono>
+
+namespace {
+
+const char* const kTag = "SerialPort: ";
+
+constexpr DWORD kQueueSize = 4096;
+constexpr DWORD kPurgeAll = 0xF;   // abort and clear, both directions
+constexpr DWORD kPurgeClear = 0xC; // clear both directions
+constexpr DWORD kFormatFlags = 0x1300;
+constexpr DWORD kDefaultLanguage = 0x400;
+
+using Clock = std::chrono::steady_clock;
+
+HANDLE toHandle(std::intptr_t value) {
+    return reinterpret_cast<HANDLE>(value);
+}
+
+std::intptr_t fromHandle(HANDLE value) {
+    return reinterpret_cast<std::intptr_t>(value);
+}
+
+std::string failedWithNumber(const char* call, DWORD error) {
+    return std::string(call) + " failed (err=" + std::to_string(error) + ")";
+}
+
+// The system's text for an error number, without its trailing line break.
+std::string systemErrorText(DWORD error) {
+    LPSTR buffer = nullptr;
+    const DWORD length = FormatMessageA(kFormatFlags, nullptr, error, kDefaultLanguage,
+                                        reinterpret_cast<LPSTR>(&buffer), 0, nullptr);
+    std::string text;
+    if (length != 0 && buffer != nullptr) {
+        text.assign(buffer, length);
+    }
+    if (buffer != nullptr) {
+        LocalFree(buffer);
+    }
+    while (!text.empty() && (text.back() == '\r' || text.back() == '\n')) {
+        text.pop_back();
+    }
+    return text;
+}
+
+} // namespace
+
+SerialPortWindows::SerialPortWindows() = default;
+
+SerialPortWindows::~SerialPortWindows() {
+    closePort();
+}
+
+std::vector<std::string> SerialPortWindows::getAvailablePorts() {
+    // 1. Probing finds ports that another program holds open, too.
+    std::vector<std::string> ports;
+    char target[512];
+    for (int n = 1; n <= 256; ++n) {
+        const std::string name = "COM" + std::to_string(n);
+        if (QueryDosDeviceA(name.c_str(), target, sizeof(target)) != 0) {
+            ports.push_back(name);
+        }
+    }
+    // 2.
+    PortNames::sortComPorts(ports);
+    return ports;
+}
+
+UsbTypes::Status SerialPortWindows::openPort(std::string& name) {
+    std::lock_guard<std::recursive_mutex> lifecycle(lifecycleMutex);
+    // 1. An open port goes first, so a failing reopen loses the old line.
+    closePort();
+    // 2.
+    const std::string path = normalizePortName(name);
+    {
+        std::lock_guard<std::mutex> lock(nameMutex);
+        portName = name;
+    }
+    // 3. Exclusive, synchronous.
+    HANDLE opened =
+        CreateFileA(path.c_str(), GENERIC_READ | GENERIC_WRITE, 0, nullptr, OPEN_EXISTING, 0, nullptr);
+    // 4.
+    if (opened == INVALID_HANDLE_VALUE) {
+        const DWORD error = GetLastError();
+        logger->log("Error opening port " + name + " (CreateFileA err=" + std::to_string(error) + ")",
+                    BaseLogger::ERROR, kTag);
+        return UsbTypes::NotAvailable;
+    }
+    // 5.
+    SetupComm(opened, kQueueSize, kQueueSize);
+    PurgeComm(opened, kPurgeAll);
+    handle.store(fromHandle(opened));
+    return UsbTypes::Ok;
+}
+
+UsbTypes::Status SerialPortWindows::closePort() {
+    std::lock_guard<std::recursive_mutex> lifecycle(lifecycleMutex);
+    // 1. The handle is given up whatever CloseHandle says.
+    const std::intptr_t current = handle.exchange(COM_INVALID_HANDLE);
+    if (current == COM_INVALID_HANDLE) {
+        return UsbTypes::Ok;
+    }
+    // 2. Reads notice the close within a millisecond; a write ends within its
+    // own time-out.
+    usage.beginClose();
+    const BOOL closed = CloseHandle(toHandle(current));
+    const DWORD error = GetLastError();
+    usage.endClose();
+    // 3.
+    if (!closed) {
+        logger->log("Error closing port (CloseHandle err=" + std::to_string(error) + ")", BaseLogger::ERROR,
+                    kTag);
+        return UsbTypes::CloseError;
+    }
+    return UsbTypes::Ok;
+}
+
+bool SerialPortWindows::isOpen() const {
+    return handle.load() != COM_INVALID_HANDLE;
+}
+
+void SerialPortWindows::speedConfig(UsbTypes::Baudrate speed) {
+    // 1.
+    baudrate.store(UsbTypes::isSupportedBaudrate(speed) ? speed : UsbTypes::Baud115200);
+    // 2. The requested number, not the stored one.
+    logger->log("Set baudrate: " + std::to_string(static_cast<std::int32_t>(speed)), BaseLogger::INFO, kTag);
+}
+
+bool SerialPortWindows::serialPortConfig(UsbTypes::Baudrate speed) {
+    PortUsage::Scope scope(usage);
+    const std::intptr_t current = handle.load();
+    // 1.
+    if (!scope.isEntered() || current == COM_INVALID_HANDLE) {
+        logger->log("serialPortConfig called with unopened port", BaseLogger::ERROR, kTag);
+        return false;
+    }
+    HANDLE port = toHandle(current);
+    // 2.
+    speedConfig(speed);
+    // 3.
+    DCB dcb{};
+    dcb.DCBlength = sizeof(DCB);
+    if (!GetCommState(port, &dcb)) {
+        logger->log(failedWithNumber("GetCommState", GetLastError()), BaseLogger::ERROR, kTag);
+        return false;
+    }
+    // 4. Only these fields; the rest stays as the driver reported it.
+    dcb.BaudRate = static_cast<DWORD>(baudrate.load());
+    dcb.ByteSize = 8;
+    dcb.Parity = NOPARITY;
+    dcb.StopBits = ONESTOPBIT;
+    dcb.fBinary = 1;
+    dcb.fParity = 0;
+    dcb.fOutxCtsFlow = 0;
+    dcb.fOutxDsrFlow = 0;
+    dcb.fDtrControl = DTR_CONTROL_ENABLE;
+    dcb.fOutX = 0;
+    dcb.fInX = 0;
+    dcb.fRtsControl = RTS_CONTROL_ENABLE;
+    // 5.
+    if (!SetCommState(port, &dcb)) {
+        logger->log(failedWithNumber("SetCommState", GetLastError()), BaseLogger::ERROR, kTag);
+        return false;
+    }
+    // 6. ReadFile returns at once with what is queued; a write may take 2 s.
+    COMMTIMEOUTS timeouts{};
+    timeouts.ReadIntervalTimeout = 0xFFFFFFFF;
+    timeouts.ReadTotalTimeoutMultiplier = 0;
+    timeouts.ReadTotalTimeoutConstant = 50;
+    timeouts.WriteTotalTimeoutMultiplier = 0;
+    timeouts.WriteTotalTimeoutConstant = 2000;
+    if (!SetCommTimeouts(port, &timeouts)) {
+        logger->log(failedWithNumber("SetCommTimeouts", GetLastError()), BaseLogger::ERROR, kTag);
+        return false;
+    }
+    // 7.
+    PurgeComm(port, kPurgeClear);
+    return true;
+}
+
+void SerialPortWindows::verifyPortSettings() {
+    PortUsage::Scope scope(usage);
+    const std::intptr_t current = handle.load();
+    if (!scope.isEntered() || current == COM_INVALID_HANDLE) {
+        return;
+    }
+    DCB dcb{};
+    dcb.DCBlength = sizeof(DCB);
+    if (!GetCommState(toHandle(current), &dcb)) {
+        return;
+    }
+    logger->log("Current port settings: BaudRate=" + std::to_string(dcb.BaudRate) +
+                    ", ByteSize=" + std::to_string(dcb.ByteSize) + ", Parity=" + std::to_string(dcb.Parity) +
+                    ", StopBits=" + std::to_string(dcb.StopBits),
+                BaseLogger::INFO, kTag);
+}
+
+UsbTypes::IoResult SerialPortWindows::readDataImpl(unsigned char* data, unsigned long long size,
+                                                   int timeoutMs) {
+    // 1.
+    UsbTypes::IoResult result;
+    PortUsage::Scope scope(usage);
+    const std::intptr_t current = handle.load();
+    if (!scope.isEntered() || current == COM_INVALID_HANDLE) {
+        result.status = UsbTypes::ReceiveError;
+        return result;
+    }
+    if (data == nullptr && size > 0) {
+        logger->log("readDataImpl called without a buffer", BaseLogger::ERROR, kTag);
+        result.status = UsbTypes::ReceiveError;
+        return result;
+    }
+    HANDLE port = toHandle(current);
+    // 2.
+    timeoutMs = std::max(timeoutMs, 0);
+    const auto start = Clock::now();
+    DWORD errors = 0;
+    COMSTAT status{};
+    // 3., 4. Poll the queue length; ReadFile only takes what is queued.
+    for (;;) {
+        if (!ClearCommError(port, &errors, &status)) {
+            // 5.
+            logger->log(failedWithNumber("ClearCommError", GetLastError()), BaseLogger::ERROR, kTag);
+            result.status = UsbTypes::ReceiveError;
+            return result;
+        }
+        if (status.cbInQue != 0) {
+            break;
+        }
+        const auto elapsed =
+            std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - start).count();
+        if (timeoutMs == 0 || elapsed >= timeoutMs) {
+            result.status = UsbTypes::Timeout;
+            return result;
+        }
+        if (usage.isClosing()) {
+            result.status = UsbTypes::ReceiveError; // closed under the call
+            return result;
+        }
+        Sleep(1);
+    }
+    // 6.
+    const auto wanted = static_cast<DWORD>(std::min<unsigned long long>(status.cbInQue, size));
+    DWORD got = 0;
+    if (!ReadFile(port, data, wanted, &got, nullptr)) {
+        logger->log(failedWithNumber("ReadFile", GetLastError()), BaseLogger::ERROR, kTag);
+        result.status = UsbTypes::ReceiveError;
+        return result;
+    }
+    // 7.
+    result.bytes = got;
+    result.status = got == 0 ? UsbTypes::Timeout : UsbTypes::Ok;
+    return result;
+}
+
+UsbTypes::IoResult SerialPortWindows::writeDataImpl(unsigned char* data, unsigned long long size) {
+    // 1.
+    UsbTypes::IoResult result;
+    PortUsage::Scope scope(usage);
+    const std::intptr_t current = handle.load();
+    if (!scope.isEntered() || current == COM_INVALID_HANDLE) {
+        result.status = UsbTypes::TransmitError;
+        return result;
+    }
+    if (data == nullptr && size > 0) {
+        logger->log("writeDataImpl called without a buffer", BaseLogger::ERROR, kTag);
+        result.status = UsbTypes::TransmitError;
+        return result;
+    }
+    // 2. One call for the whole buffer: no chunks, no retry.
+    const auto requested = static_cast<DWORD>(size);
+    DWORD written = 0;
+    if (WriteFile(toHandle(current), data, requested, &written, nullptr)) {
+        // 3., 4. A short count (the write time-out ran out) stays Ok.
+        result.bytes = written;
+        if (written != size) {
+            logger->log("Partial write: " + std::to_string(written) + " of " + std::to_string(size) +
+                            " bytes",
+                        BaseLogger::WARNING, kTag);
+        }
+        return result;
+    }
+    // 5.
+    const DWORD error = GetLastError();
+    const std::string text = systemErrorText(error);
+    const std::string name = currentPortName();
+    std::string message = "WriteFile failed (err=" + std::to_string(error) + ")";
+    if (!name.empty()) {
+        message += " on " + name;
+    }
+    if (!text.empty()) {
+        message += ": " + text;
+    }
+    logger->log(message, BaseLogger::ERROR, kTag);
+    result.status = UsbTypes::TransmitError;
+    return result;
+}
+
+std::string SerialPortWindows::currentPortName() const {
+    std::lock_guard<std::mutex> lock(nameMutex);
+    return portName;
+}
