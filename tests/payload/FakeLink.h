@@ -54,7 +54,9 @@ public:
         Result result = script.front();
         script.pop_front();
         const std::size_t n = std::min<std::size_t>(result.bytes.size(), size);
-        std::memcpy(buffer, result.bytes.data(), n);
+        if (n > 0) {
+            std::memcpy(buffer, result.bytes.data(), n);
+        }
         ++reads;
         return UsbTypes::IoResult{result.status, n};
     }
