@@ -179,8 +179,9 @@ TEST_F(FileTransferTest, SixtyFourByteChunkFrame) {
     feed(handler, payloadkit::statusAnswer(handler.getPackNumber(), 2));
     auto write = payloadkit::drain(handler);
     ASSERT_EQ(write.size(), 1u);
-    Bytes expected{handler.getPackNumber(), 2, FILE_WRITE_REQ, 0, 0, 0, 0, 0};
-    expected.insert(expected.end(), 64, 0x7E);
+    Bytes expected(8 + 64, 0x7E);
+    const Bytes header{handler.getPackNumber(), 2, FILE_WRITE_REQ, 0, 0, 0, 0, 0};
+    std::copy(header.begin(), header.end(), expected.begin());
     EXPECT_EQ(write[0], payloadkit::frame(expected));
     EXPECT_EQ(write[0].size(), 75u);
 }
