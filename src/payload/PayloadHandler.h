@@ -75,6 +75,10 @@ public:
     void clearQueue(bool force) override;
 
     // The receive path: frames found in a block of bytes, each payload acted on.
+    // The handlers that process raises (SET_CURRENT_DEVICE_ADDR,
+    // UPLOAD_FIRMWARE, UPDATE_LOADING_STATUS) run with the state lock held:
+    // they may call back into the handler, but must not wait for a thread
+    // that could be waiting for the model.
     unsigned long long update(const void* data, unsigned long long size);
     void process(const void* payload, unsigned long long size);
 

@@ -114,7 +114,7 @@ private:
     std::atomic<std::uint64_t> retryCount{0};
     Handler* handler;
     LinkType* usb;
-    // Kept for the layout of the class; the sender needs no lock of its own.
+    // Never locked: what the sender shares, the handler's queue guards.
     std::mutex senderMutex;
 };
 
