@@ -1,6 +1,6 @@
 #pragma once
 
-// Helpers for the payload tests: a bit-by-bit check code (so that the tests do
+// Support for the payload tests: a bit-by-bit check code (so that the tests do
 // not trust the table they test), frame builders for the device's answers and
 // a way to take the handler's queued frames.
 

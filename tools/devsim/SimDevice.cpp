@@ -47,7 +47,7 @@ SimDevice SimDevice::standard(std::uint8_t deviceAddress, const std::string& dev
 }
 
 void SimDevice::addField(const std::string& fieldName, std::uint8_t type, std::uint64_t value) {
-    fields.push_back(FieldSpec{fieldName, type, value});
+    fields.push_back(FieldDefinition{fieldName, type, value});
 }
 
 std::optional<std::uint64_t> SimDevice::fieldValue(const std::string& fieldName) const {
@@ -131,7 +131,7 @@ SimDevice::Response SimDevice::fieldInfo(std::uint8_t pack, const std::vector<st
     if (request.size() < 4 || request[3] >= fields.size()) {
         return Response{header(pack, kStatusBadIndex), {}};
     }
-    const FieldSpec& field = fields[request[3]];
+    const FieldDefinition& field = fields[request[3]];
     std::vector<std::uint8_t> out = header(pack, 0);
     out.push_back(field.type);
     // A name of 63 or more is sent whole; the program is the one to drop it.
@@ -145,7 +145,7 @@ SimDevice::Response SimDevice::getField(std::uint8_t pack, const std::vector<std
     if (request.size() < 4 || request[3] >= fields.size()) {
         return Response{header(pack, kStatusBadIndex), {}};
     }
-    const FieldSpec& field = fields[request[3]];
+    const FieldDefinition& field = fields[request[3]];
     std::vector<std::uint8_t> out = header(pack, 0);
     out.push_back(field.type);
     for (std::size_t i = 0; i < typeSize(field.type); ++i) {
@@ -162,7 +162,7 @@ SimDevice::Response SimDevice::setField(std::uint8_t pack, const std::vector<std
     if (request.size() < 5 + size) {
         return Response{header(pack, kStatusBadRequest), {}};
     }
-    FieldSpec& field = fields[request[3]];
+    FieldDefinition& field = fields[request[3]];
     std::uint64_t value = 0;
     for (std::size_t i = 0; i < size; ++i) {
         value |= static_cast<std::uint64_t>(request[5 + i]) << (8 * i);

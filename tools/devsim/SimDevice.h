@@ -11,7 +11,7 @@
 // fields, and a store for the files written into it.
 class SimDevice {
 public:
-    struct FieldSpec {
+    struct FieldDefinition {
         std::string name;
         std::uint8_t type = 8;
         std::uint64_t value = 0;
@@ -57,7 +57,7 @@ public:
 
     std::uint8_t getAddress() const { return address; }
     const std::string& getName() const { return name; }
-    const std::vector<FieldSpec>& getFields() const { return fields; }
+    const std::vector<FieldDefinition>& getFields() const { return fields; }
     std::optional<std::uint64_t> fieldValue(const std::string& fieldName) const;
     const Counters& getCounters() const { return counters; }
 
@@ -91,7 +91,7 @@ private:
     std::string name;
     std::uint8_t versionMajor;
     std::uint8_t versionMinor;
-    std::vector<FieldSpec> fields;
+    std::vector<FieldDefinition> fields;
     std::optional<std::uint8_t> declaredCount;
     std::chrono::microseconds eraseTime{0};
     std::map<std::uint8_t, FileSlot> files;
