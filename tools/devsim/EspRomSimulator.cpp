@@ -319,11 +319,10 @@ void EspRomSimulator::handle(const Request& request, std::vector<Bytes>& replies
         return;
     case kSecurityInfo:
         if (settings.answerSecurityInfo) {
-            Bytes info;
-            putWord(info, 0);   // flags
-            info.resize(12, 0); // key purposes and revision
-            putWord(info, 0);   // chip id of the ESP32
-            putWord(info, 1);   // eco version
+            // Flags, key purposes and revision all 0; chip id 0 (the ESP32)
+            // at byte 12, eco version 1 at byte 16.
+            Bytes info(20, 0);
+            info[16] = 1;
             replies.push_back(answer(op, 0, info));
         } else {
             replies.push_back(refuse(op, kInvalidCommand));
