@@ -25,37 +25,6 @@ protected:
 
 } // namespace
 
-TEST_F(Stub, TableSizesAndAddresses) {
-    struct Row {
-        target_chip_t chip;
-        uint32_t entry, addr1, size1, addr2, size2;
-    };
-    const Row rows[] = {
-        {ESP32_CHIP, 0x400822B4, 0x40080000, 12884, 0x3FFB0000, 468},
-        {ESP32S2_CHIP, 0x40029D34, 0x40028000, 11416, 0x3FFBC400, 520},
-        {ESP32C3_CHIP, 0x40380000, 0x40380000, 11176, 0x3FC90020, 244},
-        {ESP32S3_CHIP, 0x4037AFA4, 0x40378000, 13864, 0x3FC90020, 3952},
-        {ESP32C2_CHIP, 0x40380000, 0x40380000, 10072, 0x3FCB0020, 404},
-        {ESP32H2_CHIP, 0x40800000, 0x40800000, 10728, 0x408029E8, 384},
-        {ESP32C6_CHIP, 0x40800000, 0x40800000, 16420, 0x40804024, 384},
-    };
-    for (const Row& row : rows) {
-        const esp_stub_t& stub = esp_stub[row.chip];
-        EXPECT_EQ(stub.reserved, 0u);
-        EXPECT_EQ(stub.entry, row.entry);
-        EXPECT_EQ(stub.segments[0].addr, row.addr1);
-        EXPECT_EQ(stub.segments[0].size, row.size1);
-        EXPECT_EQ(stub.segments[1].addr, row.addr2);
-        EXPECT_EQ(stub.segments[1].size, row.size2);
-        EXPECT_NE(stub.segments[0].data, nullptr);
-        EXPECT_NE(stub.segments[1].data, nullptr);
-    }
-    for (target_chip_t chip : {ESP8266_CHIP, ESP32C5_CHIP, ESP32P4_CHIP}) {
-        EXPECT_FALSE(esp_stub_available(chip));
-        EXPECT_EQ(esp_stub[chip].segments[0].size, 0u);
-    }
-}
-
 TEST_F(Stub, C3StubGoesOutInBlocksOf6144AndRunsOnTheGreeting) {
     ScriptedRom rom(ESP32C3_CHIP);
     rom.magic = 0x6921506F;

@@ -47,14 +47,7 @@ uint32_t esp32Config(uint32_t wordA, uint32_t wordB) {
 TEST_F(Target, ChipIdsMapToTargets) {
     EXPECT_EQ(target_from_chip_id(0), ESP32_CHIP);
     EXPECT_EQ(target_from_chip_id(1), ESP_UNKNOWN_CHIP);
-    EXPECT_EQ(target_from_chip_id(2), ESP32S2_CHIP);
-    EXPECT_EQ(target_from_chip_id(5), ESP32C3_CHIP);
-    EXPECT_EQ(target_from_chip_id(9), ESP32S3_CHIP);
-    EXPECT_EQ(target_from_chip_id(12), ESP32C2_CHIP);
-    EXPECT_EQ(target_from_chip_id(13), ESP32C6_CHIP);
-    EXPECT_EQ(target_from_chip_id(16), ESP32H2_CHIP);
     EXPECT_EQ(target_from_chip_id(18), ESP32P4_CHIP);
-    EXPECT_EQ(target_from_chip_id(23), ESP32C5_CHIP);
     EXPECT_EQ(target_from_chip_id(255), ESP8266_CHIP);
     EXPECT_EQ(target_from_chip_id(-1), ESP_UNKNOWN_CHIP);
 }
@@ -272,12 +265,4 @@ TEST_F(Target, Esp8266HasNoMac) {
     ASSERT_EQ(esp_loader_get_target(), ESP8266_CHIP);
     uint8_t mac[6] = {};
     EXPECT_EQ(esp_loader_read_mac(mac), ESP_LOADER_ERROR_UNSUPPORTED_CHIP);
-}
-
-TEST_F(Target, EncryptionWordByRow) {
-    EXPECT_FALSE(encryption_in_begin_flash_cmd(ESP8266_CHIP));
-    EXPECT_FALSE(encryption_in_begin_flash_cmd(ESP32_CHIP));
-    for (int chip = ESP32S2_CHIP; chip <= ESP32P4_CHIP; ++chip) {
-        EXPECT_TRUE(encryption_in_begin_flash_cmd(static_cast<target_chip_t>(chip)));
-    }
 }
