@@ -11,6 +11,7 @@ PACKAGES=(
     xvfb xauth xdotool x11-utils imagemagick libx11-dev librsvg2-bin
     g++-mingw-w64-x86-64-posix wine64
     desktop-file-utils appstream dpkg-dev file
+    zlib1g-dev
 )
 
 missing=()

@@ -2,6 +2,7 @@
 // tests. Prints the path of the port it serves and runs until interrupted.
 
 #include "DeviceSimulator.h"
+#include "EspRomBridge.h"
 
 #include <cerrno>
 #include <csignal>
@@ -10,6 +11,7 @@
 #include <cstring>
 #include <fstream>
 #include <iostream>
+#include <memory>
 #include <sstream>
 #include <string>
 #include <thread>
@@ -42,6 +44,18 @@ void usage(std::ostream& out) {
            "  --delay-ms N           delay every answer\n"
            "  --unplug-after N       close the port under the program after N frames\n"
            "  --image-dir DIR        on exit, write each received file to DIR\n"
+           "ESP32 ROM loader behind the enter frame:\n"
+           "  --no-esp               no ESP32: the enter frame is an ordinary field set\n"
+           "  --esp-flash-size N     bytes of flash, a power of two from 262144 (default 4 MiB)\n"
+           "  --esp-security-info    a ROM that answers the security info command\n"
+           "  --esp-no-banner        no boot text when the port is opened again\n"
+           "  --esp-silent-syncs N   leave the first N syncs unanswered\n"
+           "  --esp-fail-block N     refuse the Nth flash data block...\n"
+           "  --esp-fail-count N     ...and this many after it in all (default 1)...\n"
+           "  --esp-fail-error CODE  ...with this error code (default 0xC1)\n"
+           "  --esp-garbage N        N stray bytes before every answer frame\n"
+           "  --esp-spi-busy N       the SPI controller reads busy N more times\n"
+           "  --esp-flash-out FILE   on exit, write the ESP32's whole flash to FILE\n"
            "  --help                 this text\n";
 }
 
@@ -88,6 +102,25 @@ void writeImages(DeviceSimulator& simulator, const std::vector<SimDevice>& devic
     }
 }
 
+void printEspSummary(EspRomSimulator& chip) {
+    const auto counters = chip.counters();
+    std::cerr << "merid-devsim: esp32: " << counters.syncs << " syncs, " << counters.flashBegins
+              << " flash begins, " << counters.dataBlocks << " data blocks, " << counters.refusals
+              << " refusals, " << counters.stubStarts << " stub starts\n";
+}
+
+bool writeEspFlash(EspRomSimulator& chip, const std::string& path) {
+    const auto bytes = chip.flash(0, chip.config().flashSize);
+    std::ofstream out(path, std::ios::binary);
+    out.write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
+    if (!out) {
+        std::cerr << "merid-devsim: cannot write " << path << "\n";
+        return false;
+    }
+    std::cerr << "merid-devsim: wrote the ESP32 flash, " << bytes.size() << " bytes, to " << path << "\n";
+    return true;
+}
+
 void printSummary(DeviceSimulator& simulator, const std::vector<SimDevice>& devices) {
     std::size_t frames = 0;
     std::size_t badFrames = 0;
@@ -123,6 +156,10 @@ int main(int argc, char** argv) {
     long long eraseMs = 0;
     bool errorCountGiven = false;
     DeviceSimulator::Faults faults;
+    bool withEsp = true;
+    std::string espFlashOut;
+    EspRomSimulator::Config espConfig;
+    EspRomSimulator::Faults espFaults;
 
     for (std::size_t i = 0; i < args.size(); ++i) {
         const std::string& arg = args[i];
@@ -189,6 +226,39 @@ int main(int argc, char** argv) {
             faults.unplugAfterFrames = static_cast<unsigned>(number);
         } else if (arg == "--image-dir") {
             imageDir = text();
+        } else if (arg == "--no-esp") {
+            withEsp = false;
+        } else if (arg == "--esp-flash-size") {
+            value(1 << 18, 1 << 30, number);
+            if ((number & (number - 1)) != 0) {
+                std::cerr << "merid-devsim: --esp-flash-size needs a power of two\n";
+                return 2;
+            }
+            espConfig.flashSize = static_cast<std::uint32_t>(number);
+        } else if (arg == "--esp-security-info") {
+            espConfig.answerSecurityInfo = true;
+        } else if (arg == "--esp-no-banner") {
+            espConfig.bootBanner = false;
+        } else if (arg == "--esp-silent-syncs") {
+            value(0, 1'000'000, number);
+            espFaults.silentSyncs = static_cast<unsigned>(number);
+        } else if (arg == "--esp-fail-block") {
+            value(1, 1'000'000'000, number);
+            espFaults.failDataBlock = static_cast<unsigned>(number);
+        } else if (arg == "--esp-fail-count") {
+            value(1, 1'000'000'000, number);
+            espFaults.failDataCount = static_cast<unsigned>(number);
+        } else if (arg == "--esp-fail-error") {
+            value(1, 255, number);
+            espFaults.failError = static_cast<std::uint8_t>(number);
+        } else if (arg == "--esp-garbage") {
+            value(0, 4096, number);
+            espFaults.garbageBytes = static_cast<unsigned>(number);
+        } else if (arg == "--esp-spi-busy") {
+            value(0, 1000, number);
+            espFaults.spiBusyPolls = static_cast<unsigned>(number);
+        } else if (arg == "--esp-flash-out") {
+            espFlashOut = text();
         } else {
             std::cerr << "merid-devsim: unknown option " << arg << "\n";
             usage(std::cerr);
@@ -209,6 +279,12 @@ int main(int argc, char** argv) {
     }
 
     DeviceSimulator simulator;
+    std::shared_ptr<EspRomSimulator> chip;
+    if (withEsp) {
+        chip = std::make_shared<EspRomSimulator>(espConfig);
+        chip->setFaults(espFaults);
+        EspRomBridge::install(simulator, chip);
+    }
     for (auto device : devices) {
         device.setEraseTime(std::chrono::milliseconds(eraseMs));
         simulator.addDevice(device);
@@ -232,6 +308,12 @@ int main(int argc, char** argv) {
     }
     simulator.stop();
     printSummary(simulator, devices);
+    if (chip) {
+        printEspSummary(*chip);
+        if (!espFlashOut.empty() && !writeEspFlash(*chip, espFlashOut)) {
+            return 1;
+        }
+    }
     if (!imageDir.empty()) {
         writeImages(simulator, devices, imageDir);
     }

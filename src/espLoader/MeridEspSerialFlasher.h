@@ -1,0 +1,28 @@
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <string>
+
+class LoggerManager;
+class UsbCommunication;
+
+// Writes one binary file into the ESP32's flash through its ROM loader, over
+// the program's one serial link.
+class MeridEspSerialFlasher {
+public:
+    struct FlashOptions {
+        uint32_t address = 0;      // flash offset of the image
+        uint32_t blockSize = 1024; // bytes of one data block; below 256 counts as 256
+        bool reboot = false;       // leave the loader when done
+    };
+
+    // True when the image is written. `path` is UTF-8. `progress` receives
+    // the percentage after each acknowledged block and may be empty; the
+    // failure text goes to `error` when it isn't null.
+    static bool flashBinary(UsbCommunication& usb, const std::string& path, const FlashOptions& options,
+                            const std::function<void(unsigned char)>& progress, std::string* error);
+
+private:
+    static LoggerManager* loggerManager;
+};
