@@ -30,10 +30,15 @@ images=()
 [ -n "${MERID_ESP32_IMAGE:-}" ] && images+=("-DMERID_ESP32_IMAGE=$MERID_ESP32_IMAGE")
 [ -n "${MERID_STM32_IMAGE:-}" ] && images+=("-DMERID_STM32_IMAGE=$MERID_STM32_IMAGE")
 
+# A folder configured before (for example with the image paths, as the
+# README shows) keeps its generator.
+generator=()
+[ -f "$BUILD_DIR/CMakeCache.txt" ] || generator=(-G Ninja)
+
 echo "package: configuring $BUILD_DIR"
 # The environment of a sanitizer build must not leak into the package.
 env -u CFLAGS -u CXXFLAGS -u LDFLAGS \
-    cmake -S "$SOURCE_DIR" -B "$BUILD_DIR" -G Ninja -DCMAKE_BUILD_TYPE=Release \
+    cmake -S "$SOURCE_DIR" -B "$BUILD_DIR" "${generator[@]}" -DCMAKE_BUILD_TYPE=Release \
     -DMERID_SANITIZE= -DMERID_BUILD_TESTS=OFF -DMERID_BUILD_TOOLS=OFF \
     -DMERID_BUILD_BENCH=OFF -DMERID_BUILD_FUZZ=OFF "${images[@]}" >/dev/null
 echo "package: building"
