@@ -1,9 +1,11 @@
 // The Debian package that `make package` builds, as a user gets it: its
 // control fields, its files, apt's view of it, and the program unpacked from
-// it into a scratch root, started the way its menu entry starts it.
+// it into a scratch root, started the way its menu entry starts it, with a
+// simulated board on a port when the build has the device simulator.
 #include "PackageTestSupport.h"
 #include "ProgramRun.h"
 #include "Sandbox.h"
+#include "SimulatedBoard.h"
 #include "X11Windows.h"
 
 #include <gtest/gtest.h>
@@ -143,6 +145,13 @@ TEST_F(DebianPackage, UnpackedProgramStartsFromItsMenuEntryWithNothingFromTheBui
     environment["MERID_LOG_DIR"] = std::nullopt;
     environment["PATH"] = bin + ":/usr/bin:/bin";
     keepDescriptorsFromChildren();
+#ifdef MERID_DEVSIM_PATH
+    // A board on a pseudo-terminal, offered to the program as a port.
+    SimulatedBoard board(MERID_DEVSIM_PATH, sandbox.root() + "/board");
+    const auto port = board.waitForPort(std::chrono::seconds(20));
+    ASSERT_TRUE(port.has_value()) << "the simulator served no port:\n" << board.standardError();
+    environment["MERID_EXTRA_PORTS"] = *port;
+#endif
     std::optional<ProgramRun> run;
     {
         ScopedWorkingDirectory outside(sandbox.root());
@@ -172,6 +181,9 @@ TEST_F(DebianPackage, UnpackedProgramStartsFromItsMenuEntryWithNothingFromTheBui
     ASSERT_TRUE(exit.has_value()) << "still running after its window was closed";
     EXPECT_TRUE(exit->exited);
     EXPECT_EQ(exit->exitCode, 0) << run->standardError();
+#ifdef MERID_DEVSIM_PATH
+    EXPECT_TRUE(board.stop()) << "the simulator did not outlive the program:\n" << board.standardError();
+#endif
 }
 
 } // namespace
