@@ -10,7 +10,7 @@ PACKAGES=(
     clang libclang-rt-14-dev clang-format
     xvfb xauth xdotool x11-utils imagemagick libx11-dev librsvg2-bin
     g++-mingw-w64-x86-64-posix wine64
-    desktop-file-utils appstream dpkg-dev file
+    desktop-file-utils appstream dpkg-dev file groff-base
     zlib1g-dev
 )
 
