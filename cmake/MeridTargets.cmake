@@ -43,7 +43,18 @@ function(merid_add_test name)
     gtest_discover_tests(${name}
         DISCOVERY_MODE PRE_TEST
         DISCOVERY_TIMEOUT 60
-        PROPERTIES LABELS "${labels}" TIMEOUT ${ARG_TIMEOUT} ENVIRONMENT "${ARG_ENVIRONMENT}")
+        PROPERTIES TIMEOUT ${ARG_TIMEOUT})
+    # Discovery flattens list-valued properties, so several labels or
+    # variables would be lost; a script run after it sets them on each case.
+    set(props_file ${CMAKE_CURRENT_BINARY_DIR}/${name}_properties.cmake)
+    file(WRITE ${props_file}
+        "foreach(case IN LISTS ${name}_TESTS)\n"
+        "    set_tests_properties(\"\${case}\" PROPERTIES LABELS \"${labels}\"")
+    if(ARG_ENVIRONMENT)
+        file(APPEND ${props_file} " ENVIRONMENT \"${ARG_ENVIRONMENT}\"")
+    endif()
+    file(APPEND ${props_file} ")\nendforeach()\n")
+    set_property(DIRECTORY APPEND PROPERTY TEST_INCLUDE_FILES ${props_file})
 endfunction()
 
 function(merid_finish_core_tests)
