@@ -40,10 +40,16 @@ function(merid_add_test name)
     if(NOT labels)
         set(labels unit)
     endif()
+    # The discovery passes the property list through several layers that
+    # each split it: the separators inside a list-valued property (several
+    # labels, several variables) are escaped once for each layer.
+    set(escapedSeparator "\\\\\\\\\\\\\\;")
+    string(REPLACE ";" "${escapedSeparator}" labels "${labels}")
+    string(REPLACE ";" "${escapedSeparator}" environment "${ARG_ENVIRONMENT}")
     gtest_discover_tests(${name}
         DISCOVERY_MODE PRE_TEST
         DISCOVERY_TIMEOUT 60
-        PROPERTIES LABELS "${labels}" TIMEOUT ${ARG_TIMEOUT} ENVIRONMENT "${ARG_ENVIRONMENT}")
+        PROPERTIES LABELS "${labels}" TIMEOUT ${ARG_TIMEOUT} ENVIRONMENT "${environment}")
 endfunction()
 
 function(merid_finish_core_tests)

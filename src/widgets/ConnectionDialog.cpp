@@ -130,7 +130,13 @@ void ConnectionDialog::definitionDefaultValues() {
     if (resetSearchPortsButton) {
         resetSearchPortsButton->signal_clicked().connect([this] { resetUsbList(usbList); });
     }
-    // Every way of closing the dialog ends here, the window frame included.
+    // The window frame's close button hides the dialog too: it is shown again
+    // at the next opening, never rebuilt.
+    signal_delete_event().connect([this](GdkEventAny*) {
+        hide();
+        return true;
+    });
+    // Every way of closing the dialog ends here.
     signal_hide().connect([this] {
         if (owner != nullptr) {
             owner->set_sensitive(true);
