@@ -96,8 +96,8 @@ TEST_F(DeviceListBoxTest, AFailedSearchStartsNoThread) {
 TEST_F(DeviceListBoxTest, OnePassAfter200MillisecondsInAddressOrder) {
     keys.answer(SEARCH_DEVICES, GlobalHandlerEvents::Success);
     CapturingLogger captured;
-    button->clicked();
     const auto pressed = std::chrono::steady_clock::now();
+    button->clicked();
     // Answers arrive while the filler waits; two share a name.
     model.addDevice(deviceInfo(9, "Radio"));
     model.addDevice(deviceInfo(2, "Motor"));
