@@ -1,0 +1,8 @@
+#include "AbstractProtocolHandler.h"
+
+AbstractProtocolHandler::~AbstractProtocolHandler() {
+    for (auto& message : sendQueue) {
+        delete[] message.data;
+    }
+    sendQueue.clear();
+}

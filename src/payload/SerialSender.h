@@ -1,0 +1,121 @@
+#pragma once
+
+#include "GlobalHandlerEvents.h"
+#include "PayloadTypes.h"
+#include "QueuedMessage.h"
+#include "Thread.h"
+
+#include <atomic>
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <type_traits>
+
+namespace PayloadProtocol {
+
+// Takes finished frames from the handler's queue and writes them to the link.
+// A frame that fails to go out is tried six times in all, then dropped.
+template <std::size_t BufferSize, typename Link, typename Handler, typename Crc>
+class SerialSender : public Thread {
+public:
+    using LinkType = std::remove_reference_t<Link>;
+    // The largest frame this sender is meant for.
+    static constexpr std::size_t kBufferSize = BufferSize;
+    // Writes of one frame before it is dropped.
+    static constexpr std::uint64_t kMaxRetries = 5;
+
+    SerialSender(LinkType& link, Handler& protocolHandler)
+        : Thread("SerialSender: "), handler(&protocolHandler), usb(&link) {}
+
+    ~SerialSender() override {
+        logger.log("run() is STOP", BaseLogger::DEBUG, tag);
+        shutdown();
+    }
+
+    void search() {
+        logger.log("device info request. Search device...", BaseLogger::INFO, tag);
+        handler->onMessage(SEARCH_DEVICES_MSG, nullptr);
+        handler->generateResponse(SEARCH_DEVICES_MSG, nullptr);
+    }
+
+    void getInfoFields(unsigned char device, unsigned char) {
+        logger.log("fields info request. Get fields...", BaseLogger::INFO, tag);
+        MessageArgs args;
+        args.device = device;
+        handler->onMessage(FIELD_INFO_MSG, &args);
+        handler->generateResponse(FIELD_INFO_MSG, nullptr);
+    }
+
+    void setFieldValue(unsigned char device, unsigned char field) {
+        logger.log("set value for field " + std::to_string(field), BaseLogger::INFO, tag);
+        MessageArgs args;
+        args.device = device;
+        args.field = field;
+        handler->onMessage(SET_FIELD_MSG, &args);
+        handler->generateResponse(SET_FIELD_MSG, nullptr);
+    }
+
+    std::uint64_t getRetryCount() const { return retryCount.load(); }
+
+protected:
+    void run() override {
+        // 1.
+        logger.log(" run() is START", BaseLogger::DEBUG, tag);
+        // 2.
+        bool retry = false;
+        QueuedMessage current;
+        // 3. A stopped sender goes on sending: only `running` counts here.
+        while (running.load()) {
+            // 4.
+            bool haveFrame = false;
+            if (handler->getQueueSize() != 0 && retryCount.load() == 0) {
+                logger.log("Get message from queue!", BaseLogger::INFO, tag);
+                current = handler->fetchToQueue();
+                GlobalHandlerEvents::getInstance()._executeHandler(SET_LISTENER_TIMEOUT);
+                haveFrame = true;
+            } else if (retry) {
+                // 5.
+                haveFrame = true;
+            }
+            if (haveFrame) {
+                retry = send(current);
+            }
+            // 9.
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        }
+    }
+
+private:
+    // Steps 6 to 8; returns whether the frame is to be tried again.
+    bool send(const QueuedMessage& message) {
+        // 6. A frame of size 0 leaves the queue without touching the link.
+        if (message.data != nullptr &&
+            (message.size == 0 || static_cast<int>(usb->write(message.data, message.size)) <= 0)) {
+            logger.log("Response transmit success", BaseLogger::INFO, tag);
+            handler->freeFrontFromQueue();
+            retryCount.store(0);
+            return false;
+        }
+        // 7.
+        logger.log("Response transmit not success. Try again!", BaseLogger::WARNING, tag);
+        // 8.
+        if (retryCount.fetch_add(1) + 1 > kMaxRetries) {
+            handler->freeFrontFromQueue();
+            retryCount.store(0);
+            logger.log("Response count exceeded", BaseLogger::ERROR, tag);
+            return false;
+        }
+        return true;
+    }
+
+    std::atomic<std::uint64_t> retryCount{0};
+    Handler* handler;
+    LinkType* usb;
+    // Never locked: what the sender shares, the handler's queue guards.
+    std::mutex senderMutex;
+};
+
+} // namespace PayloadProtocol

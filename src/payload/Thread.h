@@ -1,0 +1,53 @@
+#pragma once
+
+#include "LoggerManager.h"
+
+#include <atomic>
+#include <mutex>
+#include <string>
+#include <thread>
+
+// A long-lived worker: a loop flag, a pause flag and a log tag. The derived
+// class supplies the loop in run() and keeps looking at `running` and
+// `active` itself.
+class Thread {
+public:
+    explicit Thread(std::string logTag);
+    virtual ~Thread();
+    Thread(const Thread&) = delete;
+    Thread& operator=(const Thread&) = delete;
+
+    // Starts the loop, or resumes it after stop().
+    void start(bool detach);
+    // Ends the loop and waits for it, unless called from the loop itself.
+    void terminate();
+    // The pause: the loop goes on but does no work.
+    void stop();
+
+    bool isRunning() const { return running.load(); }
+    bool isActive() const { return active.load(); }
+    bool isDetached() const { return detached.load(); }
+    const std::string& getTag() const { return tag; }
+
+protected:
+    virtual void run() = 0;
+
+    // For the destructors of derived classes: ends the loop before their
+    // members go, and waits for a loop that ended itself. A loop still
+    // running in the base destructor would call into a destroyed object.
+    void shutdown();
+
+    std::atomic<bool> running{false};
+    std::atomic<bool> active{false};
+    std::atomic<bool> detached{false};
+    LoggerManager& logger;
+    std::thread thread;
+    std::string tag;
+
+private:
+    // Hands over a loop that ended by itself, to be joined before a new one starts.
+    std::thread takeFinished();
+
+    // Guards `thread`: the owner and the loop itself may both terminate.
+    std::mutex threadMutex;
+};
