@@ -1,14 +1,39 @@
 #pragma once
 
+#include "ConnectionDialog.h"
+#include "DeviceListBox.h"
+#include "EraseCmd.h"
+#include "FastCrc8.h"
+#include "FirmwareMethodBox.h"
+#include "GlobalHandlerEvents.h"
 #include "LoggerManager.h"
+#include "MenuBar.h"
+#include "OpenFileDialog.h"
+#include "PayloadHandler.h"
+#include "SelectFirmwareBox.h"
+#include "SerialListener.h"
+#include "SerialSender.h"
+#include "UsbCommunication.h"
 
 #include <gtkmm.h>
 
+#include <atomic>
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+
 // The top-level window and the controller of the program. The builder makes
-// it on the interface definition's "MainWindow" object; it owns what the
-// window holds and runs the flows.
+// it on the interface definition's "MainWindow" object; it owns the link,
+// the protocol objects and the widgets, registers the handlers the widgets
+// raise, and runs the flows.
 class MainWindow : public Gtk::Window {
 public:
+    using Listener = PayloadProtocol::SerialListener<UsbCommunication&, PayloadHandler>;
+    using Sender = PayloadProtocol::SerialSender<256, UsbCommunication&, PayloadHandler, FastCrc8>;
+    using HandlerStatus = GlobalHandlerEvents::HandlerEventsStatus;
+
     // Loads the interface definition (the file in MERID_UI_GLADE when it
     // names something, else the embedded one, else a file found beside the
     // program or in the source tree), builds the window on it and gives it
@@ -20,14 +45,91 @@ public:
     MainWindow(const MainWindow&) = delete;
     MainWindow& operator=(const MainWindow&) = delete;
 
+    // Part of the window's interface, for callers outside the flows.
+    void searchPayloadDevices();
+    void getInfoFieldsRespond();
+    void startPayloadListener();
+    void startPayloadSender();
+    void stopPayloadListener();
+    void stopPayloadSender();
+    void terminatePayloadListener();
+    void terminatePayloadSender();
+
 private:
     // Only the builder constructs the window, through get_widget_derived.
     friend class Gtk::Builder;
+    // The GUI tests look at the model and the link behind the window.
+    friend class MainWindowTestAccess;
     MainWindow(BaseObjectType* cobject, const Glib::RefPtr<Gtk::Builder>& builder);
 
+    void setUpLogging();
+    void initPayloadProtocol();
     void initWidgets(Glib::RefPtr<Gtk::Builder>& builder, Glib::RefPtr<Gtk::Application>& application);
+    void initGlobalHandlersEvents();
+    void getPlainWidgets();
+    void stopWorkers();
+    void log(const std::string& message, BaseLogger::MessageType type);
 
+    // Handlers of the keys the widgets and the protocol raise.
+    HandlerStatus changeLanguageHandler();
+    HandlerStatus quitAppHandler();
+    HandlerStatus connectHandler();
+    HandlerStatus disconnectHandler();
+    HandlerStatus selectStm32Handler();
+    HandlerStatus selectEsp32Handler();
+    HandlerStatus searchFileHandler(HandlersFuncKeys& key);
+    HandlerStatus uploadFirmwareHandler(LoadStage stage);
+    HandlerStatus searchDevicesHandler();
+    HandlerStatus getInfoFieldsHandler();
+    HandlerStatus setCurrentDeviceAddrHandler();
+    HandlerStatus updateLoadStatusHandler();
+
+    // The load's progress display.
+    void resetLoadStatus();
+    void onPayloadProgressUiUpdate();
+    void updateLoadStatusUi();
+    void onEspFlashUiUpdate();
+    void showProgress(unsigned value, bool done);
+
+    UsbCommunication usb;
     Glib::RefPtr<Gtk::Application> application;
     Glib::RefPtr<Gtk::Builder> builder;
     LoggerManager* logger = nullptr;
+    // The latest request handed to the protocol; replaced, not freed.
+    MessageArgs* fileRequest = nullptr;
+    // The device all requests go to; the listener's discovery chain sets it.
+    std::atomic<std::uint64_t> currentDeviceAddress{0};
+    // 0 is the STM32, 1 the ESP32.
+    std::atomic<std::int32_t> firmwareTarget{0};
+    std::uint8_t waitingForErase = 0;
+    EraseCmd pendingEraseCmd = EraseFile0;
+    std::int32_t eraseWaitTicks = 0;
+    sigc::connection eraseTimer;
+    std::unique_ptr<PayloadHandler> payloadHandler;
+    std::unique_ptr<Listener> serialListener;
+    std::unique_ptr<Sender> serialSender;
+    DeviceHandler* deviceHandler = nullptr;
+    std::unique_ptr<MeridKestalWidgets::OpenFileDialog> openFileDialog;
+    std::unique_ptr<MeridKestalWidgets::ConnectionDialog> connectionDialog;
+    std::unique_ptr<MeridKestalWidgets::MenuBar> menuBar;
+    std::unique_ptr<MeridKestalWidgets::FirmwareMethodBox> firmwareMethodBox;
+    std::unique_ptr<MeridKestalWidgets::SelectFirmwareBox> selectFirmwareBox;
+    std::unique_ptr<MeridKestalWidgets::DeviceListBox> deviceListBox;
+    std::unique_ptr<Gtk::LevelBar> loadStatusBar;
+    Gtk::Label* loadStatusLabel = nullptr;
+    Gtk::Statusbar* appStatusbar = nullptr;
+    std::uint32_t statusContextId = 0;
+    Glib::Dispatcher espFlashDispatcher;
+    Glib::Dispatcher payloadProgressDispatcher;
+    // At most one progress wake-up in flight.
+    std::atomic<std::uint8_t> payloadProgressPending{0};
+    std::thread::id uiThreadId;
+    std::thread espFlashThread;
+    std::atomic<bool> espFlashRunning{false};
+    std::atomic<std::uint8_t> espFlashProgress{0};
+    std::atomic<bool> espFlashDone{false};
+    std::mutex espFlashMutex;
+    std::string espFlashError;
+    std::thread reconnectThread;
+    std::atomic<bool> reconnectScheduled{false};
 };

@@ -1,6 +1,7 @@
 // The window as the builder makes it from the interface definition, in
 // this process, on the test display.
 #include "MainWindow.h"
+#include "GlobalHandlerEvents.h"
 #include "MeridResources.h"
 #include "TestSupport.h"
 
@@ -60,9 +61,14 @@ protected:
         gMessages.clear();
     }
 
-    void TearDown() override { delete window; }
+    void TearDown() override {
+        delete window;
+        GlobalHandlerEvents::getInstance().clearAllHandlers();
+    }
 
+    // The handlers of an earlier window point at a window that is gone.
     MainWindow* load() {
+        GlobalHandlerEvents::getInstance().clearAllHandlers();
         window = MainWindow::getInstance("MeridKestalUtility", application());
         return window;
     }
