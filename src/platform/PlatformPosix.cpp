@@ -2,10 +2,15 @@
 
 #include <array>
 #include <atomic>
+#include <cerrno>
 #include <climits>
 #include <csignal>
+#include <cstdint>
 #include <cstdlib>
 #include <execinfo.h>
+#include <fcntl.h>
+#include <pthread.h>
+#include <time.h>
 #include <unistd.h>
 
 namespace Platform {
@@ -33,35 +38,113 @@ bool isFaultSignal(int signalNumber) {
     return false;
 }
 
-void reportFault(int signalNumber) {
-    FaultReporter reporter = gFaultReporter.load();
-    if (reporter == nullptr) {
+// What a handler hands to the reporting thread. Small enough for one atomic
+// pipe write.
+struct CrashNote {
+    int signalNumber;
+    int isFault;
+    int frameCount;
+    void* frames[kMaxCrashFrames];
+};
+static_assert(sizeof(CrashNote) < PIPE_BUF, "a crash note must fit one atomic pipe write");
+
+std::atomic<int> gCrashPipeWrite{-1};
+CrashNote gHandlerNote;
+std::atomic_flag gHandlerBusy = ATOMIC_FLAG_INIT;
+
+void reportAndExit(const CrashNote& note) {
+    if (note.isFault != 0) {
+        if (FaultReporter reporter = gFaultReporter.load()) {
+            reporter(static_cast<unsigned long>(note.signalNumber), note.frames, note.frameCount);
+        }
+    }
+    SignalReporter reporter = nullptr;
+    if (note.signalNumber > 0 && note.signalNumber < kSignalSlots) {
+        reporter = gSignalReporters[static_cast<std::size_t>(note.signalNumber)].load();
+    }
+    if (reporter != nullptr) {
+        reporter(note.signalNumber);
+    }
+    ::_exit(128 + note.signalNumber);
+}
+
+// The log needs the allocator and locks, which a signal may have caught
+// half-way on the interrupted thread; so the report is written by a thread
+// of its own that no signal interrupts.
+void* crashReportingThread(void* arg) {
+    const int readEnd = static_cast<int>(reinterpret_cast<std::intptr_t>(arg));
+    CrashNote note{};
+    for (;;) {
+        ssize_t got = ::read(readEnd, &note, sizeof(note));
+        if (got == static_cast<ssize_t>(sizeof(note))) {
+            reportAndExit(note);
+        }
+        if (got == 0 || (got < 0 && errno != EINTR)) {
+            return nullptr;
+        }
+    }
+}
+
+void startCrashReportingThread() {
+    static std::atomic_flag started = ATOMIC_FLAG_INIT;
+    if (started.test_and_set()) {
         return;
     }
-    void* frames[kMaxCrashFrames];
-    int count = ::backtrace(frames, kMaxCrashFrames);
-    reporter(static_cast<unsigned long>(signalNumber), frames, count < 0 ? 0 : count);
+    int fds[2];
+    if (::pipe2(fds, O_CLOEXEC) != 0) {
+        return;
+    }
+    sigset_t all;
+    sigset_t previous;
+    sigfillset(&all);
+    ::pthread_sigmask(SIG_SETMASK, &all, &previous); // inherited by the new thread
+    pthread_t thread;
+    const bool ok = ::pthread_create(&thread, nullptr, &crashReportingThread,
+                                     reinterpret_cast<void*>(static_cast<std::intptr_t>(fds[0]))) == 0;
+    ::pthread_sigmask(SIG_SETMASK, &previous, nullptr);
+    if (!ok) {
+        ::close(fds[0]);
+        ::close(fds[1]);
+        return;
+    }
+    ::pthread_detach(thread);
+    gCrashPipeWrite = fds[1];
+}
+
+void handleSignal(int signalNumber, bool isFault) {
+    // One note at a time; a second signal while one is reported just waits.
+    if (!gHandlerBusy.test_and_set()) {
+        gHandlerNote.signalNumber = signalNumber;
+        gHandlerNote.isFault = isFault ? 1 : 0;
+        gHandlerNote.frameCount = 0;
+        if (isFault) {
+            int count = ::backtrace(gHandlerNote.frames, kMaxCrashFrames);
+            gHandlerNote.frameCount = count < 0 ? 0 : count;
+        }
+        const int pipeWrite = gCrashPipeWrite.load();
+        if (pipeWrite < 0 || ::write(pipeWrite, &gHandlerNote, sizeof(gHandlerNote)) !=
+                                 static_cast<ssize_t>(sizeof(gHandlerNote))) {
+            reportAndExit(gHandlerNote); // no reporting thread: do it here, as well as it goes
+        }
+    }
+    // The reporting thread ends the process; should it hang on a lock this
+    // thread holds, end it here after a while.
+    struct timespec pauseTime {
+        2, 0
+    };
+    while (::nanosleep(&pauseTime, &pauseTime) != 0 && errno == EINTR) {
+    }
+    ::_exit(128 + signalNumber);
 }
 
 void onFault(int signalNumber, siginfo_t*, void*) {
-    reportFault(signalNumber);
-    ::_exit(128 + signalNumber);
+    handleSignal(signalNumber, true);
 }
 
 void onSignal(int signalNumber, siginfo_t* info, void*) {
     // A positive code means the kernel raised it for this thread's own fault;
     // kill() and raise() give zero or a negative code and carry no fault.
-    if (isFaultSignal(signalNumber) && info != nullptr && info->si_code > 0) {
-        reportFault(signalNumber);
-    }
-    SignalReporter reporter = nullptr;
-    if (signalNumber > 0 && signalNumber < kSignalSlots) {
-        reporter = gSignalReporters[static_cast<std::size_t>(signalNumber)].load();
-    }
-    if (reporter != nullptr) {
-        reporter(signalNumber);
-    }
-    ::_exit(128 + signalNumber);
+    handleSignal(signalNumber, isFaultSignal(signalNumber) && info != nullptr && info->si_code > 0);
 }
 
 // A stack overflow leaves no stack to run a handler on.
@@ -168,6 +251,7 @@ void installFaultReporter(FaultReporter reporter) {
     ::backtrace(warmUp, 1);
     ensureAlternateSignalStack();
     gFaultReporter = reporter;
+    startCrashReportingThread();
     for (int signalNumber : kFaultSignals) {
         installAction(signalNumber, &onFault);
     }
@@ -178,6 +262,7 @@ void installSignalReporter(int signalNumber, SignalReporter reporter) {
         return;
     }
     gSignalReporters[static_cast<std::size_t>(signalNumber)] = reporter;
+    startCrashReportingThread();
     installAction(signalNumber, &onSignal);
 }
 
