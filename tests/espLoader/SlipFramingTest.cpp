@@ -4,17 +4,15 @@
 #include <gtest/gtest.h>
 
 using fakeport::Bytes;
-using fakeport::FakePort;
 
 namespace {
 
-class Slip : public ::testing::Test {
+class Slip : public fakeport::PortTest {
 protected:
     void SetUp() override {
-        port().reset();
+        PortTest::SetUp();
         port().startTimer(1000);
     }
-    static FakePort& port() { return FakePort::instance(); }
 
     esp_loader_error_t receive(uint32_t capacity, Bytes& out) {
         out.assign(capacity, 0xAA);
@@ -29,66 +27,51 @@ protected:
 
 } // namespace
 
-TEST_F(Slip, EmptySendWritesNothing) {
-    const uint8_t byte = 0x55;
-    EXPECT_EQ(SLIP_send(&byte, 0), ESP_LOADER_SUCCESS);
-    EXPECT_TRUE(port().writes.empty());
-}
-
-TEST_F(Slip, EscapesGoOutAsSeparateWritesBetweenRuns) {
-    const uint8_t data[] = {0x00, 0xC0, 0xDB, 0x01};
-    ASSERT_EQ(SLIP_send(data, sizeof(data)), ESP_LOADER_SUCCESS);
-    const std::vector<Bytes> expected = {{0x00}, {0xDB, 0xDC}, {0xDB, 0xDD}, {0x01}};
-    EXPECT_EQ(port().writes, expected);
-}
-
-TEST_F(Slip, PlainDataIsOneWriteAndTrailingEscapeLeavesNoEmptyRun) {
-    const uint8_t plain[] = {1, 2, 3, 4, 5};
-    ASSERT_EQ(SLIP_send(plain, sizeof(plain)), ESP_LOADER_SUCCESS);
-    ASSERT_EQ(port().writes.size(), 1u);
-    EXPECT_EQ(port().writes[0], Bytes(plain, plain + 5));
-
+TEST_F(Slip, SendWritesPlainRunsAndEachEscapeSeparately) {
+    const std::pair<Bytes, std::vector<Bytes>> cases[] = {
+        {{}, {}},
+        {{0x00, 0xC0, 0xDB, 0x01}, {{0x00}, {0xDB, 0xDC}, {0xDB, 0xDD}, {0x01}}},
+        {{1, 2, 3, 4, 5}, {{1, 2, 3, 4, 5}}},
+        {{0xC0, 0xC0}, {{0xDB, 0xDC}, {0xDB, 0xDC}}}, // no empty run behind an escape
+    };
+    for (const auto& [data, writes] : cases) {
+        port().writes.clear();
+        ASSERT_EQ(SLIP_send(data.data(), static_cast<uint32_t>(data.size())), ESP_LOADER_SUCCESS);
+        EXPECT_EQ(port().writes, writes) << data.size();
+    }
     port().writes.clear();
-    const uint8_t escapesOnly[] = {0xC0, 0xC0};
-    ASSERT_EQ(SLIP_send(escapesOnly, sizeof(escapesOnly)), ESP_LOADER_SUCCESS);
-    const std::vector<Bytes> expected = {{0xDB, 0xDC}, {0xDB, 0xDC}};
-    EXPECT_EQ(port().writes, expected);
-}
+    ASSERT_EQ(SLIP_send_delimiter(), ESP_LOADER_SUCCESS);
+    EXPECT_EQ(port().writes, std::vector<Bytes>{{0xC0}});
 
-TEST_F(Slip, RunsLongerThanOnePortWriteAreSplit) {
+    // Runs longer than one port write are split.
+    port().writes.clear();
     Bytes big(70000, 0x11);
     ASSERT_EQ(SLIP_send(big.data(), static_cast<uint32_t>(big.size())), ESP_LOADER_SUCCESS);
     ASSERT_EQ(port().writes.size(), 2u);
     EXPECT_EQ(port().writes[0].size(), 65535u);
     EXPECT_EQ(port().writes[1].size(), 70000u - 65535u);
-}
 
-TEST_F(Slip, WriteFailureEndsTheSend) {
     port().writeResult = ESP_LOADER_ERROR_FAIL;
-    const uint8_t data[] = {0x00, 0xC0};
-    EXPECT_EQ(SLIP_send(data, sizeof(data)), ESP_LOADER_ERROR_FAIL);
+    const uint8_t escaped[] = {0x00, 0xC0};
+    EXPECT_EQ(SLIP_send(escaped, 2), ESP_LOADER_ERROR_FAIL);
     EXPECT_EQ(SLIP_send_delimiter(), ESP_LOADER_ERROR_FAIL);
 }
 
-TEST_F(Slip, DelimiterIsOneC0) {
-    ASSERT_EQ(SLIP_send_delimiter(), ESP_LOADER_SUCCESS);
-    EXPECT_EQ(port().writes, std::vector<Bytes>{{0xC0}});
-}
-
-TEST_F(Slip, GarbageAndRepeatedDelimitersBeforeAFrameAreSkipped) {
-    port().pushRaw({0x12, 0x34, 0xDB, 0xC0, 0xC0, 0xC0, 0x01, 0xDB, 0xDC, 0xDB, 0xDD, 0x02, 0xC0});
-    Bytes frame;
-    ASSERT_EQ(receive(16, frame), ESP_LOADER_SUCCESS);
-    EXPECT_EQ(frame, (Bytes{0x01, 0xC0, 0xDB, 0x02}));
-    EXPECT_EQ(port().pendingInput(), 0u);
-}
-
-TEST_F(Slip, FirstByteIsStoredAsItStands) {
-    // Only bytes after the first are unescaped.
-    port().pushRaw({0xC0, 0xDB, 0xDD, 0xC0});
-    Bytes frame;
-    ASSERT_EQ(receive(8, frame), ESP_LOADER_SUCCESS);
-    EXPECT_EQ(frame, (Bytes{0xDB, 0xDD}));
+TEST_F(Slip, ReceiveSkipsGarbageAndUnescapesAllButTheFirstByte) {
+    const std::tuple<Bytes, uint32_t, Bytes> cases[] = {
+        {{0x12, 0x34, 0xDB, 0xC0, 0xC0, 0xC0, 0x01, 0xDB, 0xDC, 0xDB, 0xDD, 0x02, 0xC0},
+         16,
+         {1, 0xC0, 0xDB, 2}},
+        {{0xC0, 0xDB, 0xDD, 0xC0}, 8, {0xDB, 0xDD}},
+        {{0xC0, 1, 2, 3, 0xC0}, 3, {1, 2, 3}}, // exactly the capacity
+    };
+    for (const auto& [raw, capacity, expected] : cases) {
+        port().pushRaw(raw);
+        Bytes frame;
+        ASSERT_EQ(receive(capacity, frame), ESP_LOADER_SUCCESS);
+        EXPECT_EQ(frame, expected);
+        EXPECT_EQ(port().pendingInput(), 0u);
+    }
 }
 
 TEST_F(Slip, OverlongFrameIsCutAndTheRestDropped) {
@@ -102,33 +85,19 @@ TEST_F(Slip, OverlongFrameIsCutAndTheRestDropped) {
     EXPECT_EQ(frame, (Bytes{9, 8}));
 }
 
-TEST_F(Slip, FrameOfExactlyTheCapacityIsWhole) {
-    port().pushFrame({1, 2, 3});
-    Bytes frame;
-    ASSERT_EQ(receive(3, frame), ESP_LOADER_SUCCESS);
-    EXPECT_EQ(frame, (Bytes{1, 2, 3}));
-    EXPECT_EQ(port().pendingInput(), 0u);
-}
-
-TEST_F(Slip, BadEscapeIsAnInvalidResponse) {
+TEST_F(Slip, BadEscapeSilenceAndAnExpiredTimerFail) {
     port().pushRaw({0xC0, 0x01, 0xDB, 0x00, 0x02, 0xC0});
     Bytes frame;
     EXPECT_EQ(receive(16, frame), ESP_LOADER_ERROR_INVALID_RESPONSE);
-}
 
-TEST_F(Slip, SilenceRunsOutTheTimer) {
-    Bytes frame;
     EXPECT_EQ(receive(16, frame), ESP_LOADER_ERROR_TIMEOUT);
-    // A frame that never ends runs it out as well.
     port().startTimer(1000);
-    port().pushRaw({0xC0, 0x01, 0x02});
+    port().pushRaw({0xC0, 0x01, 0x02}); // a frame that never ends
     EXPECT_EQ(receive(16, frame), ESP_LOADER_ERROR_TIMEOUT);
-}
 
-TEST_F(Slip, ExpiredTimerDoesNotTouchThePort) {
+    port().reset();
     port().startTimer(0);
     port().pushFrame({1});
-    Bytes frame;
     EXPECT_EQ(receive(16, frame), ESP_LOADER_ERROR_TIMEOUT);
     EXPECT_EQ(port().readCalls, 0);
 }

@@ -7,16 +7,12 @@
 #include <gtest/gtest.h>
 
 using fakeport::Bytes;
-using fakeport::FakePort;
 using fakeport::Request;
 
 namespace {
 
-class Stub : public ::testing::Test {
+class Stub : public fakeport::PortTest {
 protected:
-    void SetUp() override { port().reset(); }
-    static FakePort& port() { return FakePort::instance(); }
-
     static Bytes segmentBytes(target_chip_t chip, int index, uint32_t from, uint32_t size) {
         const esp_stub_segment_t& segment = esp_stub[chip].segments[index];
         return Bytes(segment.data + from, segment.data + from + size);
@@ -76,30 +72,18 @@ TEST_F(Stub, C3StubGoesOutInBlocksOf6144AndRunsOnTheGreeting) {
 }
 
 TEST_F(Stub, GreetingIsComparedAsFourBytes) {
-    {
+    const std::pair<Bytes, esp_loader_error_t> cases[] = {
+        {{'O', 'H', 'A'}, ESP_LOADER_ERROR_INVALID_RESPONSE},
+        {{'O', 'H', 'A', 'I', '!', '!'}, ESP_LOADER_SUCCESS},
+        {{'O', 'H', 'A', 'X'}, ESP_LOADER_ERROR_INVALID_RESPONSE},
+        {{}, ESP_LOADER_ERROR_TIMEOUT},
+    };
+    for (const auto& [greeting, result] : cases) {
+        port().reset();
         ScriptedRom rom;
-        rom.greeting = {'O', 'H', 'A'};
-        EXPECT_EQ(loader_run_stub(ESP32_CHIP), ESP_LOADER_ERROR_INVALID_RESPONSE);
-        EXPECT_FALSE(esp_stub_get_running());
-    }
-    port().reset();
-    {
-        ScriptedRom rom;
-        rom.greeting = {'O', 'H', 'A', 'I', '!', '!'};
-        EXPECT_EQ(loader_run_stub(ESP32_CHIP), ESP_LOADER_SUCCESS);
-        EXPECT_TRUE(esp_stub_get_running());
-    }
-    port().reset();
-    {
-        ScriptedRom rom;
-        rom.greeting = {'O', 'H', 'A', 'X'};
-        EXPECT_EQ(loader_run_stub(ESP32_CHIP), ESP_LOADER_ERROR_INVALID_RESPONSE);
-    }
-    port().reset();
-    {
-        ScriptedRom rom;
-        rom.greeting = {};
-        EXPECT_EQ(loader_run_stub(ESP32_CHIP), ESP_LOADER_ERROR_TIMEOUT);
+        rom.greeting = greeting;
+        EXPECT_EQ(loader_run_stub(ESP32_CHIP), result) << greeting.size();
+        EXPECT_EQ(esp_stub_get_running(), result == ESP_LOADER_SUCCESS);
     }
 }
 

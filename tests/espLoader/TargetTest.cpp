@@ -7,14 +7,16 @@
 #include <gtest/gtest.h>
 
 using fakeport::Bytes;
-using fakeport::FakePort;
 
 namespace {
 
-class Target : public ::testing::Test {
+class Target : public fakeport::PortTest {
 protected:
-    void SetUp() override { port().reset(); }
-    static FakePort& port() { return FakePort::instance(); }
+    static esp_loader_error_t detect(target_chip_t& target, const target_registers_t*& reg) {
+        target = ESP_UNKNOWN_CHIP;
+        reg = nullptr;
+        return loader_detect_chip(&target, &reg);
+    }
 };
 
 Bytes securityInfo(uint32_t flags, uint32_t chipId, uint32_t eco, const Bytes& middle = {}) {
@@ -52,11 +54,11 @@ TEST_F(Target, ChipIdsMapToTargets) {
     EXPECT_EQ(target_from_chip_id(-1), ESP_UNKNOWN_CHIP);
 }
 
-TEST_F(Target, LongSecurityInfoFormWithFlagsAndParity) {
+TEST_F(Target, SecurityInfoForms) {
     ScriptedRom rom;
-    // Bits 0, 3, 8, 9 and 10 set; bit 11 set too, but no field reads it.
+    // Long form. Bits 0, 3, 8, 9 and 10 set; bit 11 set too, but no field
+    // reads it. Byte 4 is 0xFF and not counted; bytes 5 to 11 hold three ones.
     const uint32_t flags = (1u << 0) | (1u << 3) | (1u << 8) | (1u << 9) | (1u << 10) | (1u << 11);
-    // Byte 4 is 0xFF and not counted; bytes 5 to 11 hold three one bits.
     rom.securityInfo = securityInfo(flags, 9, 2, {0xFF, 0x01, 0x00, 0x03});
     esp_loader_security_info_t info = {};
     ASSERT_EQ(esp_loader_get_security_info(&info), ESP_LOADER_SUCCESS);
@@ -67,75 +69,68 @@ TEST_F(Target, LongSecurityInfoFormWithFlagsAndParity) {
         EXPECT_EQ(info.flag[i], expected[i]) << "field " << i;
     }
     EXPECT_EQ(port().requests[0].timerMs, 100u);
-}
 
-TEST_F(Target, ParityCountsBytesFiveToEleven) {
-    ScriptedRom rom;
-    rom.securityInfo = securityInfo(0, 0, 0, {0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x80});
-    esp_loader_security_info_t info = {};
-    ASSERT_EQ(esp_loader_get_security_info(&info), ESP_LOADER_SUCCESS);
-    EXPECT_TRUE(info.flag[9]);
+    // The parity counts bytes 5 to 11 only.
+    const std::pair<Bytes, bool> parities[] = {{{0, 0, 0, 0, 0, 0, 0, 0x80}, true},
+                                               {{0x01, 0, 0, 0, 0, 0, 0, 0}, false},
+                                               {{0, 0x11, 0, 0, 0, 0, 0, 0}, false}};
+    for (const auto& [middle, parity] : parities) {
+        rom.securityInfo = securityInfo(0, 0, 0, middle);
+        ASSERT_EQ(esp_loader_get_security_info(&info), ESP_LOADER_SUCCESS);
+        EXPECT_EQ(info.flag[9], parity);
+    }
 
-    rom.securityInfo = securityInfo(0, 0, 0, {0x01, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00});
-    ASSERT_EQ(esp_loader_get_security_info(&info), ESP_LOADER_SUCCESS);
-    EXPECT_FALSE(info.flag[9]);
-
-    rom.securityInfo = securityInfo(0, 0, 0, {0x00, 0x11, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00});
-    ASSERT_EQ(esp_loader_get_security_info(&info), ESP_LOADER_SUCCESS);
-    EXPECT_FALSE(info.flag[9]);
-}
-
-TEST_F(Target, ShortSecurityInfoFormIsTheS2) {
-    ScriptedRom rom;
+    // The short form is the S2's.
     Bytes shortForm = securityInfo(0x2, 99, 99);
     shortForm.resize(12);
     rom.securityInfo = shortForm;
-    esp_loader_security_info_t info = {};
     ASSERT_EQ(esp_loader_get_security_info(&info), ESP_LOADER_SUCCESS);
     EXPECT_EQ(info.target_chip, ESP32S2_CHIP);
     EXPECT_EQ(info.eco_version, 0u);
     EXPECT_TRUE(info.flag[1]);
-}
 
-TEST_F(Target, SecurityInfoOfAnotherLengthIsInvalid) {
-    ScriptedRom rom;
     rom.securityInfo = Bytes(16, 0);
-    esp_loader_security_info_t info = {};
     EXPECT_EQ(esp_loader_get_security_info(&info), ESP_LOADER_ERROR_INVALID_RESPONSE);
 }
 
-TEST_F(Target, DetectionBySecurityInfoSendsNoRegisterRead) {
-    ScriptedRom rom(ESP32C3_CHIP);
-    rom.securityInfo = securityInfo(0, 5, 3);
-    target_chip_t target = ESP_UNKNOWN_CHIP;
-    const target_registers_t* reg = nullptr;
-    ASSERT_EQ(loader_detect_chip(&target, &reg), ESP_LOADER_SUCCESS);
-    EXPECT_EQ(target, ESP32C3_CHIP);
-    EXPECT_EQ(reg, &get_esp_target_data(ESP32C3_CHIP)->regs);
-    EXPECT_EQ(port().opcodes(), std::vector<uint8_t>{GET_SECURITY_INFO});
-}
-
-TEST_F(Target, RefusedSecurityInfoFallsBackToTheMagicRegister) {
-    ScriptedRom rom;
-    rom.magic = 0x00F01D83;
-    target_chip_t target = ESP_UNKNOWN_CHIP;
-    const target_registers_t* reg = nullptr;
-    ASSERT_EQ(loader_detect_chip(&target, &reg), ESP_LOADER_SUCCESS);
-    EXPECT_EQ(target, ESP32_CHIP);
-    EXPECT_EQ(reg->cmd, 0x3FF42000u);
-    EXPECT_EQ(rom.registerReads, std::vector<uint32_t>{0x40001000});
-    EXPECT_EQ(port().requests[1].timerMs, 1000u);
-}
-
-TEST_F(Target, SilentSecurityInfoFallsBackAfterItsHundredMilliseconds) {
-    ScriptedRom rom;
-    rom.silentOpcodes.insert(GET_SECURITY_INFO);
-    rom.magic = 0x1B31506F;
-    target_chip_t target = ESP_UNKNOWN_CHIP;
-    const target_registers_t* reg = nullptr;
-    ASSERT_EQ(loader_detect_chip(&target, &reg), ESP_LOADER_SUCCESS);
-    EXPECT_EQ(target, ESP32C3_CHIP);
-    EXPECT_EQ(port().nowMs, 100u);
+TEST_F(Target, DetectionBySecurityInfoOrTheMagicRegister) {
+    target_chip_t target;
+    const target_registers_t* reg;
+    {
+        ScriptedRom rom(ESP32C3_CHIP);
+        rom.securityInfo = securityInfo(0, 5, 3);
+        ASSERT_EQ(detect(target, reg), ESP_LOADER_SUCCESS);
+        EXPECT_EQ(target, ESP32C3_CHIP);
+        EXPECT_EQ(reg, &get_esp_target_data(ESP32C3_CHIP)->regs);
+        EXPECT_EQ(port().opcodes(), std::vector<uint8_t>{GET_SECURITY_INFO});
+    }
+    port().reset();
+    {
+        // Refused: the magic register, under its own limit.
+        ScriptedRom rom;
+        ASSERT_EQ(detect(target, reg), ESP_LOADER_SUCCESS);
+        EXPECT_EQ(target, ESP32_CHIP);
+        EXPECT_EQ(reg->cmd, 0x3FF42000u);
+        EXPECT_EQ(rom.registerReads, std::vector<uint32_t>{0x40001000});
+        EXPECT_EQ(port().requests[1].timerMs, 1000u);
+    }
+    port().reset();
+    {
+        // Silent: the fallback comes after its hundred milliseconds.
+        ScriptedRom rom;
+        rom.silentOpcodes.insert(GET_SECURITY_INFO);
+        rom.magic = 0x1B31506F;
+        ASSERT_EQ(detect(target, reg), ESP_LOADER_SUCCESS);
+        EXPECT_EQ(target, ESP32C3_CHIP);
+        EXPECT_EQ(port().nowMs, 100u);
+    }
+    port().reset();
+    {
+        ScriptedRom rom;
+        rom.failing[READ_REG] = {1, 6};
+        EXPECT_EQ(detect(target, reg), ESP_LOADER_ERROR_INVALID_RESPONSE);
+        EXPECT_EQ(target, ESP_UNKNOWN_CHIP);
+    }
 }
 
 TEST_F(Target, EveryListedMagicValueFindsItsChip) {
@@ -145,46 +140,38 @@ TEST_F(Target, EveryListedMagicValueFindsItsChip) {
             port().reset();
             ScriptedRom rom;
             rom.magic = row->chip_magic_value[i];
-            target_chip_t target = ESP_UNKNOWN_CHIP;
-            const target_registers_t* reg = nullptr;
-            ASSERT_EQ(loader_detect_chip(&target, &reg), ESP_LOADER_SUCCESS);
+            target_chip_t target;
+            const target_registers_t* reg;
+            ASSERT_EQ(detect(target, reg), ESP_LOADER_SUCCESS);
             EXPECT_EQ(target, chip);
         }
     }
 }
 
 TEST_F(Target, P4IsFoundByItsChipIdRegisterWithHighBitsIgnored) {
-    ScriptedRom rom;
-    rom.magic = 0x12345678;
-    rom.registers[0x500D0000] = 0xF8000000 | 0x2207202;
-    target_chip_t target = ESP_UNKNOWN_CHIP;
-    const target_registers_t* reg = nullptr;
-    ASSERT_EQ(loader_detect_chip(&target, &reg), ESP_LOADER_SUCCESS);
-    EXPECT_EQ(target, ESP32P4_CHIP);
-    EXPECT_EQ(reg->cmd, 0x5008D000u);
-
-    port().reset();
-    ScriptedRom other;
-    other.magic = 0x12345678;
-    other.registers[0x500D0000] = 0x2207203;
-    EXPECT_EQ(loader_detect_chip(&target, &reg), ESP_LOADER_ERROR_INVALID_TARGET);
-}
-
-TEST_F(Target, FailingMagicReadIsReturned) {
-    ScriptedRom rom;
-    rom.failing[READ_REG] = {1, 6};
-    target_chip_t target = ESP_UNKNOWN_CHIP;
-    const target_registers_t* reg = nullptr;
-    EXPECT_EQ(loader_detect_chip(&target, &reg), ESP_LOADER_ERROR_INVALID_RESPONSE);
-    EXPECT_EQ(target, ESP_UNKNOWN_CHIP);
+    target_chip_t target;
+    const target_registers_t* reg;
+    for (uint32_t id : {0xF8000000u | 0x2207202u, 0x2207203u}) {
+        port().reset();
+        ScriptedRom rom;
+        rom.magic = 0x12345678;
+        rom.registers[0x500D0000] = id;
+        if (id == 0x2207203u) {
+            EXPECT_EQ(detect(target, reg), ESP_LOADER_ERROR_INVALID_TARGET);
+        } else {
+            ASSERT_EQ(detect(target, reg), ESP_LOADER_SUCCESS);
+            EXPECT_EQ(target, ESP32P4_CHIP);
+            EXPECT_EQ(reg->cmd, 0x5008D000u);
+        }
+    }
 }
 
 TEST_F(Target, UnlistedChipIdGivesAnEmptyRowAndNoCrash) {
     ScriptedRom rom;
     rom.securityInfo = securityInfo(0, 1, 0);
-    target_chip_t target = ESP32_CHIP;
-    const target_registers_t* reg = nullptr;
-    ASSERT_EQ(loader_detect_chip(&target, &reg), ESP_LOADER_SUCCESS);
+    target_chip_t target;
+    const target_registers_t* reg;
+    ASSERT_EQ(detect(target, reg), ESP_LOADER_SUCCESS);
     EXPECT_EQ(target, ESP_UNKNOWN_CHIP);
     ASSERT_NE(reg, nullptr);
     EXPECT_EQ(reg->cmd, 0u);
@@ -207,19 +194,11 @@ TEST_F(Target, Esp32PinRules) {
               6u | (7u << 6) | (8u << 12) | (32u << 18) | (33u << 24));
 
     // Colliding pins keep the defaults; cs equal to d is not a collision.
-    EXPECT_EQ(esp32Config(pinWord(6, 7, 8, 6), 0), 0u);
-    EXPECT_EQ(esp32Config(pinWord(6, 7, 6, 9), 0), 0u);
-    EXPECT_EQ(esp32Config(pinWord(6, 6, 8, 9), 0), 0u);
-    EXPECT_EQ(esp32Config(pinWord(6, 7, 8, 7), 0), 0u);
-    EXPECT_EQ(esp32Config(pinWord(6, 7, 7, 9), 0), 0u);
+    for (uint32_t word : {pinWord(6, 7, 8, 6), pinWord(6, 7, 6, 9), pinWord(6, 6, 8, 9), pinWord(6, 7, 8, 7),
+                          pinWord(6, 7, 7, 9)}) {
+        EXPECT_EQ(esp32Config(word, 0), 0u) << std::hex << word;
+    }
     EXPECT_EQ(esp32Config(pinWord(6, 7, 8, 8), 0), 6u | (7u << 6) | (8u << 12) | (8u << 18));
-}
-
-TEST_F(Target, Esp32PinConfigReadsWordAThenWordB) {
-    ScriptedRom rom;
-    uint32_t config = 0;
-    ASSERT_EQ(spi_config_esp32(0x3FF5A000, &config), ESP_LOADER_SUCCESS);
-    EXPECT_EQ(rom.registerReads, (std::vector<uint32_t>{0x3FF5A014, 0x3FF5A00C}));
 }
 
 TEST_F(Target, Esp32xxPinConfigJoinsTwoHalfWords) {
@@ -230,34 +209,29 @@ TEST_F(Target, Esp32xxPinConfigJoinsTwoHalfWords) {
     ASSERT_EQ(spi_config_esp32xx(0x60008800, &config), ESP_LOADER_SUCCESS);
     EXPECT_EQ(config, (0xABCDu | (0xF0F0u << 16)) & 0x3FFFFFFF);
 
-    rom.registers.clear();
-    config = 5;
-    ASSERT_EQ(spi_config_esp32xx(0x60008800, &config), ESP_LOADER_SUCCESS);
-    EXPECT_EQ(config, 0u);
-
     rom.failing[READ_REG] = {1, 6};
     config = 5;
     EXPECT_EQ(spi_config_esp32xx(0x60008800, &config), ESP_LOADER_ERROR_INVALID_RESPONSE);
     EXPECT_EQ(config, 0u);
-}
 
-TEST_F(Target, UnsupportedPinConfigIsZeroWithoutTraffic) {
-    uint32_t config = 9;
+    // Chips without a pin config get zero without traffic.
+    port().requests.clear();
+    config = 9;
     EXPECT_EQ(loader_read_spi_config(ESP32C6_CHIP, &config), ESP_LOADER_SUCCESS);
     EXPECT_EQ(config, 0u);
     EXPECT_TRUE(port().requests.empty());
 }
 
-TEST_F(Target, MacIsTheBigEndianReadingOfHighAndLow) {
-    ScriptedRom rom;
-    rom.registers[0x3FF5A004] = 0x33445566;
-    rom.registers[0x3FF5A008] = 0xFFFF1122;
-    uint8_t mac[6] = {};
-    ASSERT_EQ(loader_read_mac(ESP32_CHIP, mac), ESP_LOADER_SUCCESS);
-    EXPECT_EQ(Bytes(mac, mac + 6), (Bytes{0x11, 0x22, 0x33, 0x44, 0x55, 0x66}));
-}
-
-TEST_F(Target, Esp8266HasNoMac) {
+TEST_F(Target, MacIsTheBigEndianReadingOfHighAndLowAndTheEsp8266HasNone) {
+    {
+        ScriptedRom rom;
+        rom.registers[0x3FF5A004] = 0x33445566;
+        rom.registers[0x3FF5A008] = 0xFFFF1122;
+        uint8_t mac[6] = {};
+        ASSERT_EQ(loader_read_mac(ESP32_CHIP, mac), ESP_LOADER_SUCCESS);
+        EXPECT_EQ(Bytes(mac, mac + 6), (Bytes{0x11, 0x22, 0x33, 0x44, 0x55, 0x66}));
+    }
+    port().reset();
     ScriptedRom rom(ESP8266_CHIP);
     rom.magic = 0xFFF0C101;
     esp_loader_connect_args_t args{100, 1};

@@ -10,10 +10,6 @@ TEST(FastCrc8, CheckValueAndTable) {
     const std::string check = "123456789";
     EXPECT_EQ(FastCrc8::update(0, check.data(), check.size()), 0xA1);
     const auto& table = FastCrc8::table();
-    const std::uint8_t head[8] = {0x00, 0x5E, 0xBC, 0xE2, 0x61, 0x3F, 0xDD, 0x83};
-    for (int i = 0; i < 8; ++i) {
-        EXPECT_EQ(table[i], head[i]) << i;
-    }
     for (unsigned value = 0; value < 256; ++value) {
         EXPECT_EQ(table[value], payloadkit::referenceCrc({static_cast<std::uint8_t>(value)})) << value;
     }
@@ -66,15 +62,14 @@ TEST_F(FramingTest, LargestPayloadAndTheSyncByteInside) {
     EXPECT_EQ(sent[0].size(), 258u);
 }
 
-TEST_F(FramingTest, ShortOrMissingPayloadIsRefusedWithALine) {
+TEST_F(FramingTest, ShortMissingAndEmptyPayloads) {
     const unsigned char two[] = {1, 2};
     handler.castCommand(two, 2, 500);
     handler.castCommand(nullptr, 4, 500);
     EXPECT_EQ(handler.getQueueSize(), 0u);
     EXPECT_TRUE(log.contains("castCommand", BaseLogger::ERROR));
-}
 
-TEST_F(FramingTest, EmptyMessageIsQueuedWithItsCommand) {
+    // An empty message is queued with its command.
     const unsigned char payload[] = {9, 2, FILE_READ_REQ};
     handler.castCommand(payload, 0, 123);
     auto sent = payloadkit::drainWithTimeouts(handler);

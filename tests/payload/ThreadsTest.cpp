@@ -215,36 +215,3 @@ TEST_F(ThreadsTest, ListenerEndsItselfWhenTheLinkIsGone) {
     EXPECT_TRUE(waitUntil([&] { return log.contains("Thread is terminated"); }));
     EXPECT_FALSE(listener.isActive());
 }
-
-TEST_F(ThreadsTest, SearchAndFieldsOverTheThreadsWithASimulatedDevice) {
-    SimDevice device = SimDevice::standard(2, "Loop");
-    link.attach(&device);
-    Listener listener(link, handler);
-    Sender sender(link, handler);
-    std::atomic<int> devicesAdded{0};
-    GlobalHandlerEvents::getInstance().addHandler(SET_CURRENT_DEVICE_ADDR, [&] {
-        ++devicesAdded;
-        // As the window does: ask for the fields of the device just added.
-        sender.getInfoFields(handler.getDeviceHandler().currentAddress, 0);
-        return GlobalHandlerEvents::Success;
-    });
-    listener.start(false);
-    sender.start(false);
-    sender.search();
-    ASSERT_TRUE(waitUntil([&] {
-        auto devices = handler.getDeviceHandler().getDeviceListCopy();
-        std::lock_guard<std::recursive_mutex> lock(handler.getDeviceHandler().getMutex());
-        return devices.count(2) != 0 && devices[2]->getFieldCount() == device.getFields().size();
-    }));
-    EXPECT_EQ(devicesAdded, 1);
-    // Meanwhile the UI thread may read the model under its lock.
-    {
-        std::lock_guard<std::recursive_mutex> lock(handler.getDeviceHandler().getMutex());
-        EXPECT_NE(handler.getDeviceHandler().getDevice(2)->getFieldByName("erase"), nullptr);
-    }
-    sender.terminate();
-    listener.terminate();
-    // The last frame sent was a field request, with its 500 ms.
-    EXPECT_EQ(listener.getPendingMessage().timeout, 500u);
-    EXPECT_EQ(handler.getPendingCount(), 0u);
-}
