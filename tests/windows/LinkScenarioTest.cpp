@@ -25,7 +25,9 @@
 #include <cstdint>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <string>
+#include <thread>
 #include <vector>
 
 using namespace std::chrono_literals;
@@ -71,6 +73,14 @@ protected:
         }
     }
 
+    static bool eventually(const std::function<bool()>& done) {
+        const auto end = std::chrono::steady_clock::now() + 5s;
+        while (!done() && std::chrono::steady_clock::now() < end) {
+            std::this_thread::sleep_for(2ms);
+        }
+        return done();
+    }
+
     // Writes the image where the script looks for it; the UTF-8 path of it.
     std::string writeImage(const std::string& name, const Bytes& bytes) {
         const std::string path = Platform::pathToUtf8(Platform::pathFromUtf8(dir) / name);
@@ -114,8 +124,10 @@ TEST_F(LinkScenario, Stm32ImageGoesOverByteForByte) {
     ASSERT_EQ(session.connect(), UsbTypes::Ok);
     ASSERT_TRUE(session.discover(20s));
     ASSERT_TRUE(session.loadStm32(path, 180s));
-    EXPECT_TRUE(log.contains("Firmware transfer complete: " + std::to_string(kStm32ImageSize) + " bytes in ",
-                             BaseLogger::WARNING));
+    // The line follows the last progress report.
+    const std::string complete =
+        "Firmware transfer complete: " + std::to_string(kStm32ImageSize) + " bytes in ";
+    EXPECT_TRUE(eventually([&] { return log.contains(complete, BaseLogger::WARNING); }));
     // At least one report for each of the 1166 chunks of 32 bytes.
     EXPECT_GE(session.progressReports(), 1166);
     EXPECT_FALSE(log.contains("Listener timeout waiting for response"));
