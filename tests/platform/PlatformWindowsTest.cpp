@@ -11,6 +11,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -86,7 +87,27 @@ long runProcess(std::wstring commandLine) {
     return static_cast<long>(code);
 }
 
+// A fault reporter as the shell installs one: it writes and returns.
+void reportFault(unsigned long code, void* const* frames, int frameCount) {
+    const bool haveFrames = frameCount > 0 && frames[0] != nullptr;
+    std::fprintf(stderr, "fault %lX %s frames\n", code, haveFrames ? "with" : "without");
+    std::fflush(stderr);
+}
+
 } // namespace
+
+// An exception nobody handles reaches the reporter through the unhandled
+// exception filter, with the faulting thread's return addresses; the process
+// then ends with the exception's code.
+TEST(PlatformWindowsDeathTest, UnhandledExceptionReachesTheFaultReporter) {
+    EXPECT_EXIT(
+        {
+            Platform::installFaultReporter(&reportFault);
+            RaiseException(EXCEPTION_ACCESS_VIOLATION, EXCEPTION_NONCONTINUABLE, 0, nullptr);
+        },
+        ::testing::ExitedWithCode(static_cast<int>(EXCEPTION_ACCESS_VIOLATION)),
+        "fault C0000005 with frames");
+}
 
 TEST(PlatformWindows, LocalAppDataIsTheUsersKnownFolder) {
     const auto dir = Platform::localAppDataDirectory();
