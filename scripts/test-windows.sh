@@ -24,6 +24,11 @@ export LANG=C.UTF-8 LC_ALL=C.UTF-8
 export ASAN_OPTIONS=${ASAN_OPTIONS:-detect_leaks=0}
 WINE=/usr/lib/wine/wine64
 [ -x "$WINE" ] || WINE=$(command -v wine64 || command -v wine)
+# The server beside the loader: /usr/bin/wineserver comes only with the
+# package that wine64 merely recommends.
+WINESERVER=/usr/lib/wine/wineserver64
+[ -x "$WINESERVER" ] || WINESERVER=$(command -v wineserver)
+export WINESERVER
 
 core_tests=$MINGW_DIR/merid_core_tests.exe
 windows_scenario=$MINGW_DIR/tests/windows/merid_windows_integration.exe
@@ -44,7 +49,7 @@ cleanup() {
         kill -TERM "$pid" 2>/dev/null || true
         wait "$pid" 2>/dev/null || true
     done
-    WINEPREFIX="$work/prefix" wineserver -k >/dev/null 2>&1 || true
+    WINEPREFIX="$work/prefix" "$WINESERVER" -k >/dev/null 2>&1 || true
     rm -rf "$work"
 }
 trap cleanup EXIT
@@ -114,11 +119,11 @@ say "Wine prefix with COM5 on the board ($wine_board_pty) and COM6 on the echo (
 "$WINE" wineboot -i >/dev/null 2>&1
 "$WINE" reg add 'HKLM\Software\Wine\Ports' /v COM5 /d "$wine_board_pty" /f >/dev/null
 "$WINE" reg add 'HKLM\Software\Wine\Ports' /v COM6 /d "$echo_pty" /f >/dev/null
-wineserver -w
+"$WINESERVER" -w
 # One server for the runs below. It holds the pseudo-terminals as its
 # controlling terminals and takes their hang-up as a request to dump its
 # objects: that goes to its own log, not here.
-wineserver -p 2>"$work/wineserver.log"
+"$WINESERVER" -p 2>"$work/wineserver.log"
 
 say "core tests (Windows build)"
 mkdir -p "$WINEPREFIX/drive_c/merid"
