@@ -45,11 +45,11 @@ done
 work=$(mktemp -d "${TMPDIR:-/tmp}/merid-wine.XXXXXX")
 started=() # processes of ours still running
 cleanup() {
+    WINEPREFIX="$work/prefix" "$WINESERVER" -k >/dev/null 2>&1 || true
     for pid in "${started[@]}"; do
         kill -TERM "$pid" 2>/dev/null || true
         wait "$pid" 2>/dev/null || true
     done
-    WINEPREFIX="$work/prefix" "$WINESERVER" -k >/dev/null 2>&1 || true
     rm -rf "$work"
 }
 trap cleanup EXIT
@@ -84,7 +84,7 @@ start_serving() { # variable, output file, program, args...
     printf -v "$variable" '%s' "$line"
 }
 
-# Stops the most recently started of the programs above, if it is `pid`.
+# Stops one of the programs started above; its exit status.
 stop_serving() { # pid
     local pid=$1 status=0
     kill -TERM "$pid"
