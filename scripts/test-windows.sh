@@ -1,16 +1,178 @@
 #!/usr/bin/env bash
-# Runs the Windows build of the core tests under Wine, in a throw-away prefix.
+# The Windows stage of the tests, under Wine in a throw-away prefix.
+#
+#   test-windows.sh MINGW_BUILD_DIR [NATIVE_BUILD_DIR]
+#
+# 1. The core unit tests (merid_core_tests.exe), with an echoing
+#    pseudo-terminal mapped as COM6 for the serial port's echo test; the
+#    platform tests once more from a folder whose name is not ASCII.
+# 2. The link scenario of tests/windows: merid_windows_integration.exe opens
+#    COM5, which the prefix maps to a simulated board (merid-devsim on a
+#    pseudo-terminal), and runs the search, the STM32 transfer and the ESP32
+#    flash; the same scenario built natively runs against a second board.
+#    The images each board kept must equal the files the scenario wrote, and
+#    the two boards' journals of the frames they received must be equal.
+#
+# The native programs (merid-devsim, merid_pty_echo and the native scenario)
+# come from NATIVE_BUILD_DIR, by default the asan build beside the MinGW one,
+# which scripts/test.sh builds before this stage.
 set -euo pipefail
-BUILD_DIR=${1:?usage: test-windows.sh BUILD_DIR}
+MINGW_DIR=$(realpath "${1:?usage: test-windows.sh MINGW_BUILD_DIR [NATIVE_BUILD_DIR]}")
+NATIVE_DIR=$(realpath -m "${2:-$(dirname "$MINGW_DIR")/asan}")
+
+export LANG=C.UTF-8 LC_ALL=C.UTF-8
+export ASAN_OPTIONS=${ASAN_OPTIONS:-detect_leaks=0}
 WINE=/usr/lib/wine/wine64
 [ -x "$WINE" ] || WINE=$(command -v wine64 || command -v wine)
-prefix=$(mktemp -d "${TMPDIR:-/tmp}/merid-wine.XXXXXX")
+# The server beside the loader: /usr/bin/wineserver comes only with the
+# package that wine64 merely recommends.
+WINESERVER=/usr/lib/wine/wineserver64
+[ -x "$WINESERVER" ] || WINESERVER=$(command -v wineserver)
+export WINESERVER
+
+core_tests=$MINGW_DIR/merid_core_tests.exe
+windows_scenario=$MINGW_DIR/tests/windows/merid_windows_integration.exe
+devsim=$NATIVE_DIR/tools/devsim/merid-devsim
+pty_echo=$NATIVE_DIR/tests/windows/merid_pty_echo
+native_scenario=$NATIVE_DIR/tests/windows/merid_native_link_scenario
+for program in "$core_tests" "$windows_scenario" "$devsim" "$pty_echo" "$native_scenario"; do
+    if [ ! -x "$program" ] && [ ! -f "$program" ]; then
+        echo "test-windows: missing $program (build the MinGW and the native tree first)" >&2
+        exit 1
+    fi
+done
+
+work=$(mktemp -d "${TMPDIR:-/tmp}/merid-wine.XXXXXX")
+started=() # processes of ours still running
 cleanup() {
-    WINEPREFIX="$prefix" wineserver -k >/dev/null 2>&1 || true
-    rm -rf "$prefix"
+    WINEPREFIX="$work/prefix" "$WINESERVER" -k >/dev/null 2>&1 || true
+    for pid in "${started[@]}"; do
+        kill -TERM "$pid" 2>/dev/null || true
+        wait "$pid" 2>/dev/null || true
+    done
+    rm -rf "$work"
 }
 trap cleanup EXIT
-export WINEPREFIX="$prefix" WINEDEBUG=-all WINEDLLOVERRIDES="mscoree,mshtml="
+
+# A home of its own, so that the prefix's user folders (Desktop and the
+# rest, which Wine links into the home) stay inside the throw-away tree.
+mkdir -p "$work/home/Desktop"
+export HOME="$work/home" WINEPREFIX="$work/prefix" WINEDEBUG=-all WINEDLLOVERRIDES="mscoree,mshtml="
 # A fixed zone, so the time-stamp tests see the same clock as natively.
 export TZ=UTC
-"$WINE" "$BUILD_DIR/merid_core_tests.exe" --gtest_brief=1
+
+say() { printf -- '--- %s\n' "$*"; }
+fail() {
+    echo "test-windows: $*" >&2
+    exit 1
+}
+
+# Starts a native program in the background; its first line of output (the
+# pseudo-terminal it serves) goes to the variable named first.
+start_serving() { # variable, output file, program, args...
+    local variable=$1 output=$2
+    shift 2
+    "$@" >"$output" 2>"$output.err" &
+    started+=($!)
+    local line=""
+    for _ in $(seq 100); do
+        line=$(head -n 1 "$output" 2>/dev/null || true)
+        [ -n "$line" ] && break
+        sleep 0.1
+    done
+    [ -n "$line" ] || fail "$1 did not start: $(cat "$output.err")"
+    printf -v "$variable" '%s' "$line"
+}
+
+# Stops one of the programs started above; its exit status.
+stop_serving() { # pid
+    local pid=$1 status=0
+    kill -TERM "$pid"
+    wait "$pid" || status=$?
+    local left=()
+    for other in "${started[@]}"; do
+        [ "$other" = "$pid" ] || left+=("$other")
+    done
+    started=("${left[@]}")
+    return "$status"
+}
+
+# The prefix's name for a Unix path: drive Z: is the root.
+windows_path() {
+    local path=$1
+    printf 'Z:%s' "${path//\//\\}"
+}
+
+say "simulated boards and the echo port"
+mkdir -p "$work/native" "$work/wine"
+start_serving echo_pty "$work/echo.port" "$pty_echo"
+start_serving wine_board_pty "$work/wine/board.port" "$devsim" \
+    --image-dir "$work/wine" --journal "$work/wine/journal.txt" --esp-flash-out "$work/wine/esp32-flash.bin"
+wine_board_pid=${started[-1]}
+start_serving native_board_pty "$work/native/board.port" "$devsim" \
+    --image-dir "$work/native" --journal "$work/native/journal.txt" --esp-flash-out "$work/native/esp32-flash.bin"
+native_board_pid=${started[-1]}
+
+say "Wine prefix with COM5 on the board ($wine_board_pty) and COM6 on the echo ($echo_pty)"
+# Ports named in the registry are registered when the server starts, as
+# real ones: so they are listed as well as opened.
+"$WINE" wineboot -i >/dev/null 2>&1
+"$WINE" reg add 'HKLM\Software\Wine\Ports' /v COM5 /d "$wine_board_pty" /f >/dev/null
+"$WINE" reg add 'HKLM\Software\Wine\Ports' /v COM6 /d "$echo_pty" /f >/dev/null
+"$WINESERVER" -w
+# One server for the runs below. It holds the pseudo-terminals as its
+# controlling terminals and takes their hang-up as a request to dump its
+# objects: that goes to its own log, not here.
+"$WINESERVER" -p 2>"$work/wineserver.log"
+
+say "core tests (Windows build)"
+mkdir -p "$WINEPREFIX/drive_c/merid"
+cp "$core_tests" "$WINEPREFIX/drive_c/merid/"
+MERID_TEST_ECHO_PORT=COM6 MERID_TEST_EXECUTABLE='C:\merid\merid_core_tests.exe' \
+    timeout 600 "$WINE" 'C:\merid\merid_core_tests.exe' --gtest_brief=1
+
+# The platform layer again from a folder whose name is not ASCII, so that
+# its paths go through UTF-8. (GoogleTest's death tests start their child
+# by the ANSI name of the program, which such a folder defeats.)
+say "platform tests (Windows build) from a Cyrillic folder"
+mkdir -p "$WINEPREFIX/drive_c/Проверка сборки"
+cp "$core_tests" "$WINEPREFIX/drive_c/Проверка сборки/"
+MERID_TEST_EXECUTABLE='C:\Проверка сборки\merid_core_tests.exe' \
+    timeout 600 "$WINE" 'C:\Проверка сборки\merid_core_tests.exe' --gtest_brief=1 \
+    --gtest_filter='Platform*:-*DeathTest*'
+
+say "link scenario, native build, on $native_board_pty"
+MERID_EXTRA_PORTS="$native_board_pty" MERID_LINK_PORT="$native_board_pty" \
+    MERID_LINK_DIR="$work/native/Прошивки" \
+    timeout 600 "$native_scenario" --gtest_brief=1
+stop_serving "$native_board_pid" || fail "the native run's board exited badly: $(cat "$work/native/board.port.err")"
+
+say "link scenario, Windows build, on COM5"
+MERID_LINK_PORT=COM5 MERID_LINK_DIR="$(windows_path "$work/wine/Прошивки")" \
+    timeout 600 "$WINE" "$windows_scenario" --gtest_brief=1
+stop_serving "$wine_board_pid" || fail "the Windows run's board exited badly: $(cat "$work/wine/board.port.err")"
+
+say "what the boards kept"
+for run in native wine; do
+    cmp "$work/$run/Прошивки/stm32.bin" "$work/$run/device2_file0.bin" ||
+        fail "$run run: the STM32 image the board received differs from the file sent"
+    image_size=$(stat -c %s "$work/$run/Прошивки/esp32.bin")
+    [ "$image_size" -eq 65536 ] || fail "$run run: the ESP32 image has $image_size bytes"
+    cmp -n "$image_size" "$work/$run/Прошивки/esp32.bin" "$work/$run/esp32-flash.bin" ||
+        fail "$run run: the ESP32 flash differs from the image sent"
+    # The enter frame, then the program's close and reopen of the port.
+    grep -qx -A 2 'frame ok 7E 08 00 02 03 02 08 01 00 00 00 1E' "$work/$run/journal.txt" ||
+        fail "$run run: the journal lacks the frame that enters the ESP32 loader"
+    [ "$(grep -x -A 2 'frame ok 7E 08 00 02 03 02 08 01 00 00 00 1E' "$work/$run/journal.txt" | tail -n 2 |
+        tr '\n' '/')" = "raw port closed/raw port opened/" ] ||
+        fail "$run run: the port was not closed and reopened after the enter frame"
+    grep -q '^raw C0 ' "$work/$run/journal.txt" || fail "$run run: the journal holds no ESP32 loader frames"
+done
+echo "both runs: 37312-byte STM32 image received byte-exact, 64 KiB ESP32 image in the flash at 0"
+
+say "journals of the frames on the wire, native and Windows"
+if ! cmp -s "$work/native/journal.txt" "$work/wine/journal.txt"; then
+    diff "$work/native/journal.txt" "$work/wine/journal.txt" | cut -c 1-160 | head -n 40 >&2 || true
+    fail "the Windows build put other frames on the wire than the native one"
+fi
+echo "equal: $(wc -l <"$work/wine/journal.txt") lines, $(grep -c '^frame ' "$work/wine/journal.txt") payload frames, $(grep -c '^raw C0 ' "$work/wine/journal.txt") loader frames"

@@ -140,6 +140,46 @@ TEST(DevsimProgram, ServesItsPortThroughTheLinkAndKeepsTheImage) {
     rmdir(dir.c_str());
 }
 
+TEST(DevsimProgram, JournalListsWhatCameInOrderAcrossTheSwitchToTheEsp32) {
+    char dirTemplate[] = "/tmp/merid-devsim-journal-XXXXXX";
+    ASSERT_NE(mkdtemp(dirTemplate), nullptr);
+    const std::string dir = dirTemplate;
+    const std::string journal = dir + "/journal.txt";
+    DevsimProcess devsim({"--journal", journal});
+    const std::string slave = devsim.firstLine();
+    ASSERT_FALSE(slave.empty());
+    const int fd = open(slave.c_str(), O_RDWR | O_NOCTTY);
+    ASSERT_GE(fd, 0);
+    ASSERT_EQ(exchange(fd, SimFrameCodec::encode({1, 255, 1}), 79).size(), 79u);
+    Bytes broken = SimFrameCodec::encode({2, 2, 4, 0});
+    broken.back() ^= 0xFF;
+    ASSERT_EQ(write(fd, broken.data(), broken.size()), static_cast<ssize_t>(broken.size()));
+    usleep(100000);
+    // The enter frame, then a loader frame in the same block.
+    Bytes block = SimFrameCodec::encode({0, 2, 3, 2, 8, 1, 0, 0, 0});
+    const Bytes loaderFrame{0xC0, 0x00, 0x99, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0xC0};
+    block.insert(block.end(), loaderFrame.begin(), loaderFrame.end());
+    ASSERT_EQ(write(fd, block.data(), block.size()), static_cast<ssize_t>(block.size()));
+    usleep(100000);
+    close(fd);
+    usleep(200000);
+    EXPECT_EQ(devsim.stop(), 0);
+
+    std::ifstream in(journal);
+    std::vector<std::string> lines;
+    for (std::string line; std::getline(in, line);) {
+        lines.push_back(line);
+    }
+    ASSERT_EQ(lines.size(), 5u);
+    EXPECT_EQ(lines[0], "frame ok 7E 02 01 FF 01 74");
+    EXPECT_EQ(lines[1].rfind("frame bad-crc 7E 03 02 02 04 00 ", 0), 0u) << lines[1];
+    EXPECT_EQ(lines[2], "frame ok 7E 08 00 02 03 02 08 01 00 00 00 1E");
+    EXPECT_EQ(lines[3], "raw C0 00 99 00 00 00 00 00 00 C0");
+    EXPECT_EQ(lines[4], "raw port closed");
+    std::remove(journal.c_str());
+    rmdir(dir.c_str());
+}
+
 TEST(DevsimProgram, RefusesBadOptions) {
     DevsimProcess unknown({"--no-such-option"});
     EXPECT_EQ(unknown.waitForExit(), 2);

@@ -1,4 +1,5 @@
 #include "Platform.h"
+#include "PlatformPaths.h"
 #include "TestSupport.h"
 
 #include <gtest/gtest.h>
@@ -40,13 +41,14 @@ TEST(Platform, EnvironmentRoundTrip) {
 TEST(Platform, TempDirectoryExists) {
     const std::string dir = Platform::tempDirectory();
     ASSERT_FALSE(dir.empty());
-    EXPECT_TRUE(std::filesystem::is_directory(dir));
+    EXPECT_TRUE(std::filesystem::is_directory(Platform::pathFromUtf8(dir)));
     EXPECT_NE(dir.back(), '/');
 }
 
 TEST(Platform, ExecutablePathNamesThisProgram) {
     const std::string path = Platform::executablePath();
     ASSERT_FALSE(path.empty());
-    EXPECT_TRUE(std::filesystem::exists(path));
+    // UTF-8, whatever the system's narrow code page is.
+    EXPECT_TRUE(std::filesystem::exists(Platform::pathFromUtf8(path)));
     EXPECT_NE(path.find("_tests"), std::string::npos);
 }

@@ -3,18 +3,22 @@
 
 #include "DeviceSimulator.h"
 #include "EspRomBridge.h"
+#include "RawLinkRecorder.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
+#include <iomanip>
 #include <iostream>
 #include <memory>
 #include <sstream>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 namespace {
@@ -44,6 +48,7 @@ void usage(std::ostream& out) {
            "  --delay-ms N           delay every answer\n"
            "  --unplug-after N       close the port under the program after N frames\n"
            "  --image-dir DIR        on exit, write each received file to DIR\n"
+           "  --journal FILE         on exit, write every frame received to FILE\n"
            "ESP32 ROM loader behind the enter frame:\n"
            "  --no-esp               no ESP32: the enter frame is an ordinary field set\n"
            "  --esp-flash-size N     bytes of flash, a power of two from 262144 (default 4 MiB)\n"
@@ -121,6 +126,54 @@ bool writeEspFlash(EspRomSimulator& chip, const std::string& path) {
     return true;
 }
 
+std::string hexText(const std::vector<std::uint8_t>& bytes) {
+    std::ostringstream text;
+    text << std::hex << std::uppercase << std::setfill('0');
+    for (std::size_t i = 0; i < bytes.size(); ++i) {
+        text << (i == 0 ? "" : " ") << std::setw(2) << int(bytes[i]);
+    }
+    return text.str();
+}
+
+// One line per frame the board received, in the order of arrival: payload
+// frames with their check-code verdict, the update-mode request, and what
+// came while the link was handed to the ESP32 (its frames and the port's
+// closes and opens). Two runs of the same scenario give the same file.
+bool writeJournal(DeviceSimulator& simulator, RawLinkRecorder& raw, const std::string& path) {
+    std::vector<std::pair<DeviceSimulator::Clock::time_point, std::string>> lines;
+    for (const auto& entry : simulator.journal()) {
+        const bool frame = entry.kind == DeviceSimulator::JournalEntry::Frame;
+        const std::string head = frame ? (entry.crcOk ? "frame ok " : "frame bad-crc ") : "update-mode ";
+        lines.emplace_back(entry.at, head + hexText(entry.raw));
+    }
+    for (const auto& entry : raw.entries()) {
+        switch (entry.kind) {
+        case RawLinkRecorder::Entry::Bytes:
+            lines.emplace_back(entry.at, "raw " + hexText(entry.bytes));
+            break;
+        case RawLinkRecorder::Entry::PortClosed:
+            lines.emplace_back(entry.at, "raw port closed");
+            break;
+        case RawLinkRecorder::Entry::PortOpened:
+            lines.emplace_back(entry.at, "raw port opened");
+            break;
+        }
+    }
+    std::stable_sort(lines.begin(), lines.end(),
+                     [](const auto& a, const auto& b) { return a.first < b.first; });
+    std::ofstream out(path);
+    for (const auto& line : lines) {
+        out << line.second << "\n";
+    }
+    out.flush();
+    if (!out) {
+        std::cerr << "merid-devsim: cannot write " << path << "\n";
+        return false;
+    }
+    std::cerr << "merid-devsim: wrote the journal, " << lines.size() << " lines, to " << path << "\n";
+    return true;
+}
+
 void printSummary(DeviceSimulator& simulator, const std::vector<SimDevice>& devices) {
     std::size_t frames = 0;
     std::size_t badFrames = 0;
@@ -149,6 +202,7 @@ int main(int argc, char** argv) {
     std::vector<std::string> args(argv + 1, argv + argc);
     std::string portLink;
     std::string imageDir;
+    std::string journalPath;
     std::string deviceList = "2:MeridKestal STM32";
     bool secondDevice = false;
     long long baud = 0;
@@ -226,6 +280,8 @@ int main(int argc, char** argv) {
             faults.unplugAfterFrames = static_cast<unsigned>(number);
         } else if (arg == "--image-dir") {
             imageDir = text();
+        } else if (arg == "--journal") {
+            journalPath = text();
         } else if (arg == "--no-esp") {
             withEsp = false;
         } else if (arg == "--esp-flash-size") {
@@ -278,12 +334,17 @@ int main(int argc, char** argv) {
         devices.push_back(SimDevice::standard(3, "MeridKestal Aux"));
     }
 
+    // Declared before the simulator, whose raw-mode handlers it records.
+    RawLinkRecorder rawRecorder;
     DeviceSimulator simulator;
     std::shared_ptr<EspRomSimulator> chip;
     if (withEsp) {
         chip = std::make_shared<EspRomSimulator>(espConfig);
         chip->setFaults(espFaults);
-        EspRomBridge::install(simulator, chip);
+        RawLinkRecorder::Factory bridge = [chip]() -> std::unique_ptr<RawLinkHandler> {
+            return std::make_unique<EspRomBridge>(chip);
+        };
+        simulator.setRawModeFactory(journalPath.empty() ? bridge : rawRecorder.wrap(bridge));
     }
     for (auto device : devices) {
         device.setEraseTime(std::chrono::milliseconds(eraseMs));
@@ -316,6 +377,9 @@ int main(int argc, char** argv) {
     }
     if (!imageDir.empty()) {
         writeImages(simulator, devices, imageDir);
+    }
+    if (!journalPath.empty() && !writeJournal(simulator, rawRecorder, journalPath)) {
+        return 1;
     }
     return 0;
 }
