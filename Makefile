@@ -3,7 +3,7 @@ JOBS ?= $(shell nproc)
 BUILD ?= build
 CMAKE_GEN = -G Ninja
 
-.PHONY: all deps run demo test test-native test-tsan test-windows bench format fuzz screenshots package clean
+.PHONY: all deps run demo test bench format fuzz screenshots package clean
 
 all: deps
 	cmake -S . -B $(BUILD)/release $(CMAKE_GEN) -DCMAKE_BUILD_TYPE=RelWithDebInfo -DMERID_BUILD_TESTS=OFF
