@@ -7,11 +7,13 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <memory>
 #include <string>
+#include <unistd.h>
 
 using MeridKestalWidgets::SelectFirmwareBox;
 using testsupport::CapturingLogger;
@@ -25,9 +27,25 @@ namespace fs = std::filesystem;
 constexpr std::uintmax_t kEsp32Size = 1803184;
 constexpr std::uintmax_t kStm32Size = 37312;
 
+// CTest runs these cases as parallel processes, and one of them puts a file
+// where the firmware folder goes: each process gets a temporary directory of
+// its own before the toolkit reads (and keeps) the variable.
+void useOwnTemporaryDirectory() {
+    static const bool done = [] {
+        const char* base = std::getenv("TMPDIR");
+        fs::path dir = fs::path(base != nullptr && *base != '\0' ? base : "/tmp") /
+                       ("firmware-box-" + std::to_string(::getpid()));
+        fs::create_directories(dir);
+        ::setenv("TMPDIR", dir.c_str(), 1);
+        return true;
+    }();
+    (void)done;
+}
+
 class SelectFirmwareBoxTest : public ::testing::Test {
 protected:
     void SetUp() override {
+        useOwnTemporaryDirectory();
         root = fs::path(Glib::get_tmp_dir()) / "MeridKestalUtility";
         fs::remove_all(root);
         builder = loadInterface();
