@@ -56,7 +56,6 @@ std::vector<std::filesystem::path> gladeCandidates() {
     return candidates;
 }
 
-// The first interface file that exists, as UTF-8; kUiPath when none does.
 // The file index the erase command word selects for the load that follows.
 std::uint8_t eraseFileIndex(EraseCmd cmd) {
     switch (cmd) {
@@ -69,6 +68,7 @@ std::uint8_t eraseFileIndex(EraseCmd cmd) {
     }
 }
 
+// The first interface file that exists, as UTF-8; kUiPath when none does.
 std::string resolveGladePath() {
     for (const auto& candidate : gladeCandidates()) {
         if (pathExists(candidate)) {

@@ -170,6 +170,31 @@ TEST_F(Stm32Load, ADeviceThatNeverAnswersEndsTheWaitAfterTwelveSearches) {
     expectLoadOf(bytes);
 }
 
+TEST_F(Stm32Load, ALinkClosedDuringTheWaitEndsItAtTheNextTick) {
+    DeviceSimulator::Faults silent;
+    silent.silent = true;
+    board.setFaults(silent);
+    connect();
+    pressUpload();
+    pumpFor(std::chrono::milliseconds(500));
+    disconnect();
+    ASSERT_TRUE(pumpUntil([&] {
+        return captured->contains("MainWindow: USB connection lost while waiting to start STM32 erase",
+                                  BaseLogger::ERROR);
+    }));
+    const std::size_t searches = framesWithCommand(kDeviceInfoReq);
+    pumpFor(std::chrono::milliseconds(1200));
+    EXPECT_EQ(framesWithCommand(kDeviceInfoReq), searches);
+    EXPECT_FALSE(captured->contains("Timeout waiting for device"));
+
+    board.setFaults(DeviceSimulator::Faults{});
+    const Bytes bytes = makeImage(640, 23);
+    connect();
+    pickFile(writeFile("small.bin", bytes));
+    pressUpload();
+    expectLoadOf(bytes);
+}
+
 TEST_F(Stm32Load, ABoardWithoutAnEraseFieldEndsTheWaitForFieldInfo) {
     SimDevice noErase(kAddress, "MeridKestal STM32", 2, 7);
     noErase.addField("reboot", 8);
