@@ -45,17 +45,28 @@ void BoardLoadTest::SetUp() {
 
 void BoardLoadTest::TearDown() {
     if (HasFailure() && captured) {
-        // The end of what the program said, to tell why.
-        const auto lines = captured->lines();
-        const std::size_t from =
-            lines.size() > kLinesShownOnFailure ? lines.size() - kLinesShownOnFailure : 0;
-        for (std::size_t i = from; i < lines.size(); ++i) {
-            std::printf("  log: %s%s\n", lines[i].tag.c_str(), lines[i].message.c_str());
-        }
+        dumpLog();
     }
     ui.reset();
     captured.reset();
     board.stop();
+}
+
+// The end of what the program said, to tell why a test failed; all of it
+// goes to a file beside the test's temporary files.
+void BoardLoadTest::dumpLog() {
+    const auto* test = ::testing::UnitTest::GetInstance()->current_test_info();
+    const std::string path = std::string(g_get_tmp_dir()) + "/" + test->name() + ".log";
+    std::ofstream file(path);
+    const auto lines = captured->lines();
+    for (const auto& line : lines) {
+        file << line.tag << line.message << "\n";
+    }
+    const std::size_t from = lines.size() > kLinesShownOnFailure ? lines.size() - kLinesShownOnFailure : 0;
+    for (std::size_t i = from; i < lines.size(); ++i) {
+        std::printf("  log: %s%s\n", lines[i].tag.c_str(), lines[i].message.c_str());
+    }
+    std::printf("  the whole log: %s\n", path.c_str());
 }
 
 void BoardLoadTest::startBoard() {
@@ -88,9 +99,17 @@ void BoardLoadTest::disconnect() {
 }
 
 void BoardLoadTest::search() {
-    auto* list = ui->get<Gtk::ListBox>("ListDeviceListBox");
     ui->get<Gtk::Button>("SearchDeviceButton")->clicked();
-    ASSERT_TRUE(pumpUntil([&] { return !list->get_children().empty(); }));
+    // The board and all the fields it declares are known: the discovery the
+    // press started has run its course.
+    DeviceHandler* model = MainWindowTestAccess::deviceHandler(window());
+    ASSERT_TRUE(pumpUntil(
+        [&] {
+            std::lock_guard<std::recursive_mutex> lock(model->getMutex());
+            App::Device* device = model->getDevice(kAddress);
+            return device != nullptr && device->getFieldCount() == device->getInfo()->fieldCount;
+        },
+        std::chrono::seconds(20)));
 }
 
 void BoardLoadTest::chooseMethod(const std::string& method) {

@@ -43,6 +43,7 @@ protected:
 
     void SetUp() override;
     void TearDown() override;
+    void dumpLog();
 
     // The board on a fresh pseudo-terminal, listed for the program.
     void startBoard();
@@ -53,7 +54,7 @@ protected:
     // Connection > Connect, the board's port, 921600 baud, the connect button.
     void connect();
     void disconnect();
-    // The search button; waits until the board is listed.
+    // The search button; waits until the board and its fields are known.
     void search();
     // "STM32" or "ESP32" in the method list.
     void chooseMethod(const std::string& method);
