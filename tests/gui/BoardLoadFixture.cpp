@@ -124,16 +124,17 @@ void BoardLoadTest::pickFile(const std::string& path) {
     auto* dialog = ui->get<Gtk::FileChooserDialog>("OpenFileDialog");
     // The dialog runs in a nested loop: it is answered from a timer set
     // before the click, once the chooser has taken the file.
-    bool asked = false;
+    unsigned asked = 0;
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
     auto answer = Glib::signal_timeout().connect(
         [&] {
             if (!dialog->get_visible()) {
                 return true;
             }
-            if (!asked) {
+            // The chooser loads its folder in the background and may drop a
+            // name given too early: it is given again.
+            if (asked++ % 10 == 0) {
                 dialog->set_filename(path);
-                asked = true;
                 return true;
             }
             if (dialog->get_filename() == path) {
