@@ -34,7 +34,7 @@ struct LoadWatch {
 
 // The real window against a simulated board (one payload device at address
 // 2 with an ESP32 behind it) on a pseudo-terminal listed in
-// MERID_EXTRA_PORTS. The helpers act as a user would: menus, dialogs,
+// MERID_EXTRA_PORTS. Its operations act as a user would: menus, dialogs,
 // buttons and the method list.
 class BoardLoadTest : public ::testing::Test {
 protected:
