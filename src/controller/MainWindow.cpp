@@ -1,8 +1,10 @@
 #include "MainWindow.h"
 
+#include "MeridEspSerialFlasher.h"
 #include "Platform.h"
 #include "PlatformPaths.h"
 
+#include <chrono>
 #include <filesystem>
 #include <functional>
 #include <optional>
@@ -19,6 +21,14 @@ constexpr int kDefaultHeight = 550;
 constexpr const char* kTag = "MainWindow: ";
 constexpr const char* kSenderTag = "SerialSender: ";
 constexpr const char* kFlashedText = "Устройство прошито успешно";
+// The erase poll: its period, how often it asks again, and its whole budget.
+constexpr unsigned kErasePollMs = 200;
+constexpr std::int32_t kEraseRetryTicks = 5;
+constexpr std::int32_t kEraseWaitTicks = 51;
+// The type code of a 4-byte integer field.
+constexpr std::uint8_t kEraseFieldType = 8;
+constexpr std::uint32_t kEspBlockSize = 1024;
+constexpr int kReconnectAttempts = 30;
 
 using Platform::pathExists;
 using Platform::pathFromUtf8;
@@ -44,6 +54,18 @@ std::vector<std::filesystem::path> gladeCandidates() {
     candidates.push_back(sourceRoot / "Sources" / "UserInterface.glade");
 #endif
     return candidates;
+}
+
+// The file index the erase command word selects for the load that follows.
+std::uint8_t eraseFileIndex(EraseCmd cmd) {
+    switch (cmd) {
+    case EraseFile1:
+        return 1;
+    case EraseFile2:
+        return 2;
+    default:
+        return 0;
+    }
 }
 
 // The first interface file that exists, as UTF-8; kUiPath when none does.
@@ -114,11 +136,17 @@ MainWindow::MainWindow(BaseObjectType* cobject, const Glib::RefPtr<Gtk::Builder>
 
 MainWindow::~MainWindow() {
     // Workers first: they use what goes next.
+    eraseTimer.disconnect();
     if (espFlashThread.joinable()) {
         espFlashThread.join();
     }
     if (reconnectThread.joinable()) {
         reconnectThread.join();
+    }
+    // A closed link wakes a read that waits for a slow answer, so that the
+    // listener ends at once.
+    if (usb.isConnected()) {
+        usb.disconnect();
     }
     if (serialListener) {
         serialListener->terminate();
@@ -218,6 +246,15 @@ void MainWindow::getPlainWidgets() {
 }
 
 void MainWindow::stopWorkers() {
+    eraseTimer.disconnect();
+    // A flash or a reconnect under way finishes first: both use the link and
+    // the protocol threads.
+    if (espFlashThread.joinable()) {
+        espFlashThread.join();
+    }
+    if (reconnectThread.joinable()) {
+        reconnectThread.join();
+    }
     if (deviceListBox) {
         deviceListBox->terminate();
     }
@@ -457,17 +494,374 @@ void MainWindow::terminatePayloadSender() {
 // --- Loads ----------------------------------------------------------------
 
 MainWindow::HandlerStatus MainWindow::uploadFirmwareHandler(LoadStage stage) {
+    // 1.
     if (!usb.isConnected()) {
         return GlobalHandlerEvents::Failure;
     }
-    if (stage != Erase) {
+    // 2.
+    if (stage == Erase) {
+        resetLoadStatus();
+        if (firmwareTarget == 1) {
+            return flashEsp32Firmware() ? GlobalHandlerEvents::Success : GlobalHandlerEvents::Failure;
+        }
+        log("Start upload", BaseLogger::INFO);
+        log("Erase firmware", BaseLogger::INFO);
+        serialListener->start(false);
+        serialSender->start(false);
+        waitingForErase = 1;
+        pendingEraseCmd = EraseFile0;
+        eraseWaitTicks = 0;
+        serialSender->search();
+        // A press during the wait only resets the counter: the running poll
+        // goes on.
+        if (!eraseTimer.connected()) {
+            eraseTimer = Glib::signal_timeout().connect(
+                sigc::mem_fun(*this, &MainWindow::probeStm32EraseReady), kErasePollMs);
+        }
         return GlobalHandlerEvents::Success;
     }
-    resetLoadStatus();
-    // The transfers themselves (payload chunks for the STM32, the ROM loader
-    // for the ESP32) are not part of this build yet.
-    log("Firmware upload is not available in this build", BaseLogger::ERROR);
-    return GlobalHandlerEvents::Failure;
+    // 3. On the listener's thread: the device has confirmed the erase.
+    if (stage == Write && firmwareTarget != 1) {
+        log("Load firmware", BaseLogger::INFO);
+        writeFirmware();
+        return GlobalHandlerEvents::Success;
+    }
+    // 4.
+    return GlobalHandlerEvents::Success;
+}
+
+// Each tick of the erase poll; true keeps the timer. Searches and field
+// requests go out again every fifth tick, and both waits share one budget.
+bool MainWindow::probeStm32EraseReady() {
+    // 1.
+    if (waitingForErase == 0) {
+        return false;
+    }
+    // 2.
+    if (!usb.isConnected()) {
+        log("USB connection lost while waiting to start STM32 erase", BaseLogger::ERROR);
+        waitingForErase = 0;
+        return false;
+    }
+    // 3.
+    if (deviceHandler == nullptr) {
+        log("deviceHandler doesn't exist while waiting to start STM32 erase", BaseLogger::ERROR);
+        waitingForErase = 0;
+        return false;
+    }
+    // 4.
+    const std::uint64_t address = currentDeviceAddress.load();
+    bool deviceKnown = false;
+    bool eraseKnown = false;
+    {
+        std::lock_guard<std::recursive_mutex> lock(deviceHandler->getMutex());
+        App::Device* device = deviceHandler->getDevice(address);
+        deviceKnown = device != nullptr;
+        eraseKnown = deviceKnown && device->getFieldByName("erase") != nullptr;
+    }
+    // 5.
+    if (!deviceKnown) {
+        return continueEraseWait([this] { serialSender->search(); },
+                                 "Timeout waiting for device discovery before STM32 erase");
+    }
+    // 6.
+    if (!eraseKnown) {
+        const auto device = static_cast<unsigned char>(address & 0xFF);
+        return continueEraseWait([this, device] { serialSender->getInfoFields(device, 0); },
+                                 "Timeout waiting for device field info before STM32 erase");
+    }
+    // 7.
+    waitingForErase = 0;
+    eraseWaitTicks = 0;
+    eraseMemorySector(pendingEraseCmd, "");
+    return false;
+}
+
+bool MainWindow::continueEraseWait(const std::function<void()>& request, const char* timeoutLine) {
+    if (eraseWaitTicks % kEraseRetryTicks == 0) {
+        request();
+    }
+    ++eraseWaitTicks;
+    if (eraseWaitTicks < kEraseWaitTicks) {
+        return true;
+    }
+    log(timeoutLine, BaseLogger::ERROR);
+    waitingForErase = 0;
+    return false;
+}
+
+// Writes `cmd` into the current device's "erase" field. Each failure ends
+// the load with its line only.
+void MainWindow::eraseMemorySector(EraseCmd cmd, const std::string& path) {
+    const std::uint64_t address = currentDeviceAddress.load();
+    const auto device = static_cast<std::uint8_t>(address & 0xFF);
+    if (deviceHandler == nullptr) {
+        log("device didn't exist for erase request", BaseLogger::ERROR);
+        return;
+    }
+    // The listener fills the same model; the request goes out before it
+    // can answer.
+    std::lock_guard<std::recursive_mutex> lock(deviceHandler->getMutex());
+    // 1.
+    replaceFileRequest(device, eraseFileIndex(cmd), path);
+    // 2.
+    App::Device* target = deviceHandler->getDevice(address);
+    if (target == nullptr) {
+        log("device didn't exist for erase request", BaseLogger::ERROR);
+        return;
+    }
+    // 3.
+    Field* field = target->getFieldByName("erase");
+    if (field == nullptr) {
+        log("erase field didn't exist", BaseLogger::ERROR);
+        return;
+    }
+    // 4.
+    FieldInfo* info = field->getInfo();
+    if (info == nullptr) {
+        log("erase field info didn't exist", BaseLogger::ERROR);
+        return;
+    }
+    // 5. The command word always goes as a 4-byte integer, whatever type
+    // the device described.
+    FieldInfo forced = *info;
+    forced.type = kEraseFieldType;
+    field->setInfo(forced);
+    // 6.
+    const std::uint32_t word = cmd;
+    field->setData(true, &word);
+    // 7.
+    const long long index = target->getFieldIndexByName("erase");
+    if (index < 0) {
+        log("erase field didn't exist", BaseLogger::ERROR);
+        return;
+    }
+    // 8.
+    serialSender->setFieldValue(device, static_cast<unsigned char>(index));
+}
+
+// On the listener's thread, inside the receive path that holds the model's
+// lock: hands the chosen file to the protocol, which sends its first step.
+bool MainWindow::writeFirmware() {
+    // 1.
+    if (!selectFirmwareBox) {
+        log("selectFirmwareBox don't exist!!!", BaseLogger::ERROR);
+        return false;
+    }
+    // 2. Puts a preinstalled image on disk when that is the source.
+    const std::string path = selectFirmwareBox->getFilePath();
+    if (path.empty()) {
+        log("File path is empty or did't exist", BaseLogger::WARNING);
+        return false;
+    }
+    std::lock_guard<std::recursive_mutex> lock(deviceHandler->getMutex());
+    // 3.
+    const auto device = static_cast<std::uint8_t>(currentDeviceAddress.load() & 0xFF);
+    replaceFileRequest(device, firmwareTarget == 1 ? 2 : 0, path);
+    // 4.
+    logger->log("load device firmware", BaseLogger::INFO, kSenderTag);
+    // 5.
+    payloadHandler->onMessage(FILE_START_MSG, fileRequest.get());
+    payloadHandler->generateResponse(FILE_WRITE_MSG);
+    return true;
+}
+
+// The protocol copies what it keeps, so the previous request may go.
+void MainWindow::replaceFileRequest(std::uint8_t device, std::uint8_t field, const std::string& path) {
+    auto request = std::make_unique<MessageArgs>();
+    request->device = device;
+    request->field = field;
+    request->path = path;
+    fileRequest = std::move(request);
+}
+
+void MainWindow::setFieldValue(const void* value, unsigned long long index) {
+    if (deviceHandler == nullptr || value == nullptr) {
+        log("device didn't exist for set field value", BaseLogger::ERROR);
+        return;
+    }
+    const std::uint64_t address = currentDeviceAddress.load();
+    std::lock_guard<std::recursive_mutex> lock(deviceHandler->getMutex());
+    App::Device* device = deviceHandler->getDevice(address);
+    if (device == nullptr) {
+        log("device didn't exist for set field value", BaseLogger::ERROR);
+        return;
+    }
+    Field* field = device->getField(static_cast<unsigned char>(index & 0xFF));
+    if (field == nullptr) {
+        log("field didn't exist for set field value", BaseLogger::ERROR);
+        return;
+    }
+    field->setData(true, value);
+    serialSender->setFieldValue(static_cast<unsigned char>(address & 0xFF),
+                                static_cast<unsigned char>(index));
+}
+
+void MainWindow::setDeviceDfuMode() {
+    logger->log("set device to DFU mode", BaseLogger::INFO, kSenderTag);
+    std::uint8_t device = static_cast<std::uint8_t>(currentDeviceAddress.load() & 0xFF);
+    payloadHandler->onMessage(DFU_MSG, &device);
+    payloadHandler->generateResponse(DFU_MSG);
+}
+
+// --- The ESP32 flash --------------------------------------------------------
+
+bool MainWindow::flashEsp32Firmware() {
+    // 1.
+    if (!selectFirmwareBox) {
+        log("selectFirmwareBox don't exist!!!", BaseLogger::ERROR);
+        return false;
+    }
+    // 2.
+    if (!loadStatusBar) {
+        log("loadStatusBar doesn't exist!!!", BaseLogger::ERROR);
+        return false;
+    }
+    // 3.
+    const std::string path = selectFirmwareBox->getFilePath();
+    if (path.empty()) {
+        log("File path is empty or did't exist", BaseLogger::WARNING);
+        return false;
+    }
+    // 4.
+    if (espFlashRunning.exchange(true)) {
+        log("ESP32 flashing already in progress", BaseLogger::WARNING);
+        return false;
+    }
+    // 5. The finished worker of an earlier flash.
+    if (espFlashThread.joinable()) {
+        espFlashThread.join();
+    }
+    // 6.
+    espFlashDone.exchange(false);
+    espFlashProgress.exchange(0);
+    {
+        std::lock_guard<std::mutex> lock(espFlashMutex);
+        espFlashError.clear();
+    }
+    // 7. The worker has the link to itself until the window comes back.
+    loadStatusBar->set_value(0);
+    set_sensitive(false);
+    // 8.
+    espFlashThread = std::thread([this, path] { runEspFlash(path); });
+    return true;
+}
+
+// The worker: never touches a widget; the dispatcher carries each change to
+// the window's thread.
+void MainWindow::runEspFlash(const std::string& path) {
+    // 1.
+    const MeridEspSerialFlasher::FlashOptions options{0, kEspBlockSize, false};
+    std::string error;
+    const std::function<void(unsigned char)> progress = [this](unsigned char percent) {
+        onEspFlashProgress(percent);
+    };
+    // 2.
+    const bool flashed = MeridEspSerialFlasher::flashBinary(usb, path, options, progress, &error);
+    // 3. A failure must never read as success, even one without words.
+    if (!flashed) {
+        std::lock_guard<std::mutex> lock(espFlashMutex);
+        espFlashError = error.empty() ? std::string("the loader gave no reason") : error;
+    }
+    // 4. Done before not running, both before the wake-up, so that the last
+    // refresh sees the result.
+    espFlashDone.exchange(true);
+    espFlashRunning.exchange(false);
+    // 5.
+    espFlashDispatcher.emit();
+}
+
+void MainWindow::onEspFlashProgress(unsigned char percent) {
+    espFlashProgress.exchange(percent);
+    espFlashDispatcher.emit();
+}
+
+// --- The link after a reboot ------------------------------------------------
+
+void MainWindow::rebootDevice() {
+    if (deviceHandler == nullptr) {
+        log("device didn't exist for reboot", BaseLogger::ERROR);
+        return;
+    }
+    const std::uint64_t address = currentDeviceAddress.load();
+    {
+        std::lock_guard<std::recursive_mutex> lock(deviceHandler->getMutex());
+        App::Device* device = deviceHandler->getDevice(address);
+        if (device == nullptr) {
+            log("device didn't exist for reboot", BaseLogger::ERROR);
+            return;
+        }
+        Field* field = device->getFieldByName("reboot");
+        if (field == nullptr) {
+            log("choose field didn't exist", BaseLogger::WARNING);
+            return;
+        }
+        // Wide enough for any field type; the low bytes carry the 1.
+        const std::uint64_t one = 1;
+        field->setData(true, &one);
+        serialSender->setFieldValue(static_cast<unsigned char>(address & 0xFF),
+                                    static_cast<unsigned char>(device->getFieldIndexByName("reboot")));
+    }
+    scheduleSerialReconnectAfterReboot();
+}
+
+void MainWindow::scheduleSerialReconnectAfterReboot() {
+    // 1.
+    if (usb.getConnectionMethod() != UsbCommunication::MethodCom) {
+        return;
+    }
+    // 2.
+    if (reconnectScheduled.exchange(true)) {
+        return;
+    }
+    // 3.
+    if (reconnectThread.joinable()) {
+        reconnectThread.join();
+    }
+    // 4.
+    reconnectThread = std::thread([this] { runSerialReconnect(); });
+}
+
+// The reconnect worker: the device drops off the link while it reboots and
+// comes back on the same port.
+void MainWindow::runSerialReconnect() {
+    // 1. Lets the reboot request leave.
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    // 2.
+    serialSender->terminate();
+    serialListener->terminate();
+    // 3.
+    if (payloadHandler) {
+        payloadHandler->resetState();
+    }
+    // 4.
+    usb.disconnect();
+    std::this_thread::sleep_for(std::chrono::milliseconds(150));
+    // 5. The workers stay stopped when the port does not come back.
+    if (!reconnectSerialPort()) {
+        reconnectScheduled.exchange(false);
+        return;
+    }
+    // 6.
+    std::this_thread::sleep_for(std::chrono::milliseconds(150));
+    std::this_thread::sleep_for(std::chrono::milliseconds(500));
+    // 7.
+    serialListener->start(false);
+    serialSender->start(false);
+    // 8.
+    serialSender->search();
+    // 9.
+    reconnectScheduled.exchange(false);
+}
+
+bool MainWindow::reconnectSerialPort() {
+    for (int attempt = 0; attempt < kReconnectAttempts; ++attempt) {
+        if (usb.connect(UsbCommunication::MethodCom) == UsbTypes::Ok) {
+            return true;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(200));
+    }
+    return false;
 }
 
 void MainWindow::resetLoadStatus() {

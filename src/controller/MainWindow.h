@@ -19,6 +19,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -54,6 +55,13 @@ public:
     void stopPayloadSender();
     void terminatePayloadListener();
     void terminatePayloadSender();
+    // Sets a field of the current device to `value` and sends it.
+    void setFieldValue(const void* value, unsigned long long index);
+    // Asks the current device to enter its update mode.
+    void setDeviceDfuMode();
+    // Sets the current device's "reboot" field and restores the link after
+    // the reboot.
+    void rebootDevice();
 
 private:
     // Only the builder constructs the window, through get_widget_derived.
@@ -84,6 +92,23 @@ private:
     HandlerStatus setCurrentDeviceAddrHandler();
     HandlerStatus updateLoadStatusHandler();
 
+    // The STM32 load: the erase poll, the erase command and the transfer.
+    bool probeStm32EraseReady();
+    bool continueEraseWait(const std::function<void()>& request, const char* timeoutLine);
+    void eraseMemorySector(EraseCmd cmd, const std::string& path);
+    bool writeFirmware();
+    void replaceFileRequest(std::uint8_t device, std::uint8_t field, const std::string& path);
+
+    // The ESP32 flash on a worker of its own.
+    bool flashEsp32Firmware();
+    void runEspFlash(const std::string& path);
+    void onEspFlashProgress(unsigned char percent);
+
+    // The link's return after a reboot of the device.
+    void scheduleSerialReconnectAfterReboot();
+    void runSerialReconnect();
+    bool reconnectSerialPort();
+
     // The load's progress display.
     void resetLoadStatus();
     void onPayloadProgressUiUpdate();
@@ -95,8 +120,10 @@ private:
     Glib::RefPtr<Gtk::Application> application;
     Glib::RefPtr<Gtk::Builder> builder;
     LoggerManager* logger = nullptr;
-    // The latest request handed to the protocol; replaced, not freed.
-    MessageArgs* fileRequest = nullptr;
+    // The latest request handed to the protocol. Written on the window's
+    // thread (erase) and the listener's (write), always under the device
+    // model's lock, which the protocol holds while it uses the request.
+    std::unique_ptr<MessageArgs> fileRequest;
     // The device all requests go to; the listener's discovery chain sets it.
     std::atomic<std::uint64_t> currentDeviceAddress{0};
     // 0 is the STM32, 1 the ESP32.

@@ -2,5 +2,5 @@
 # places where the window looks for its interface file when the embedded one
 # is missing.
 merid_add_library(controller SOURCES MainWindow.h MainWindow.cpp EraseCmd.h
-    DEPS handlers logging platform device transport payload widgets PkgConfig::GTKMM)
+    DEPS handlers logging platform device transport payload espLoader widgets PkgConfig::GTKMM)
 target_compile_definitions(controller PRIVATE MERID_SOURCE_ROOT="${PROJECT_SOURCE_DIR}")

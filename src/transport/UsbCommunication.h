@@ -35,6 +35,8 @@ public:
     UsbTypes::Status connect(ConnectionMethod method);
     UsbTypes::Status disconnect();
     bool isConnected();
+    // The method in force: MethodNone while closed.
+    ConnectionMethod getConnectionMethod() const { return connectionMethod.load(); }
     UsbTypes::Status toDetermineDevices(ConnectionMethod method);
     UsbTypes::Status write(void* data, unsigned long long size);
     // Waits up to one second.

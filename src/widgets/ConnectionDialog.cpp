@@ -175,7 +175,9 @@ int ConnectionDialog::connect() {
     if (usbCommunication == nullptr) {
         return 1;
     }
-    if (isConnected) {
+    // A link that dropped by itself (a cable pulled during a load) is no
+    // longer this dialog's: it may be opened again.
+    if (isConnected && usbCommunication->isConnected()) {
         return 0;
     }
     const std::string port = portsList ? std::string(portsList->get_active_text()) : std::string();

@@ -177,6 +177,27 @@ TEST_F(ConnectionDialogTest, DisconnectAnswers) {
     EXPECT_FALSE(usb->isConnected());
 }
 
+TEST_F(ConnectionDialogTest, ALinkThatDroppedByItselfIsOpenedAgain) {
+    port->ports = {"/dev/ttyUSB0"};
+    open();
+    child<Gtk::Button>("DialogConnectButton").clicked();
+    ASSERT_TRUE(usb->isConnected());
+    // The cable is pulled: the next write fails and the link drops.
+    port->writeStatus = UsbTypes::TransmitError;
+    unsigned char byte = 0x7E;
+    usb->write(&byte, 1);
+    ASSERT_FALSE(usb->isConnected());
+
+    port->writeStatus = UsbTypes::Ok;
+    open();
+    CapturingLogger captured;
+    child<Gtk::Button>("DialogConnectButton").clicked();
+    EXPECT_EQ(port->openCalls, 2);
+    EXPECT_TRUE(usb->isConnected());
+    EXPECT_TRUE(captured.contains("ConnectionDialog: Connection success", BaseLogger::INFO));
+    EXPECT_FALSE(dialog->get_visible());
+}
+
 TEST_F(ConnectionDialogTest, EveryWayOfClosingGivesTheOwnerBack) {
     open();
     child<Gtk::Button>("DialogCloseButton").clicked();

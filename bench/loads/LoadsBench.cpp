@@ -1,0 +1,420 @@
+// Whole loads through the real window over a pseudo-terminal with the
+// simulated board: the time from the press of the upload button to the
+// success text, for the 37312-byte STM32 image and a 1 MiB ESP32 image, and
+// beside each the same transfer driven at the protocol level (the payload
+// handler and its threads alone; flashBinary alone). The ratio shows what
+// the controller and the window add: for the STM32 the search, the erase
+// poll's first tick (200 ms), the erase command and the progress display;
+// for the ESP32 the worker and the dispatcher.
+//
+// The window is shown on the display (make bench runs under Xvfb). Logging
+// is off unless MERID_LOG_LEVEL says otherwise, as in the protocol benchmarks.
+#include "DeviceSimulator.h"
+#include "EspRomBridge.h"
+#include "FastCrc8.h"
+#include "GlobalHandlerEvents.h"
+#include "MainWindow.h"
+#include "MainWindowTestAccess.h"
+#include "MeridEspSerialFlasher.h"
+#include "MeridResources.h"
+#include "PayloadHandler.h"
+#include "SerialListener.h"
+#include "SerialSender.h"
+#include "UsbCommunication.h"
+
+#include <benchmark/benchmark.h>
+#include <gtkmm.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <functional>
+#include <map>
+#include <memory>
+#include <string>
+#include <thread>
+#include <unistd.h>
+#include <vector>
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+using Bytes = std::vector<std::uint8_t>;
+using Listener = PayloadProtocol::SerialListener<UsbCommunication&, PayloadHandler>;
+using Sender = PayloadProtocol::SerialSender<256, UsbCommunication&, PayloadHandler, FastCrc8>;
+
+constexpr std::uint8_t kAddress = 2;
+constexpr std::size_t kStm32Image = 37312;
+constexpr std::size_t kEsp32Image = 1u << 20;
+constexpr const char* kFlashedText = "Устройство прошито успешно";
+// Runs of each case; the comparison takes the best.
+constexpr int kRuns = 3;
+
+// Seconds of each measured case, by name, for the figures at the end.
+std::map<std::string, double> gSeconds;
+
+Bytes makeImage(std::size_t size, std::uint32_t seed) {
+    Bytes bytes(size);
+    for (auto& byte : bytes) {
+        seed = seed * 1664525u + 1013904223u;
+        byte = static_cast<std::uint8_t>(seed >> 24);
+    }
+    return bytes;
+}
+
+// A scratch file holding `bytes`, removed with the object.
+class ImageFile {
+public:
+    explicit ImageFile(const Bytes& bytes) {
+        const char* dir = std::getenv("TMPDIR");
+        std::string pattern = std::string(dir != nullptr ? dir : "/tmp") + "/merid-loads-bench-XXXXXX";
+        const int fd = mkstemp(pattern.data());
+        if (fd >= 0) {
+            close(fd);
+        }
+        path = pattern;
+        std::ofstream out(path, std::ios::binary);
+        out.write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
+    }
+    ~ImageFile() { std::remove(path.c_str()); }
+    ImageFile(const ImageFile&) = delete;
+    ImageFile& operator=(const ImageFile&) = delete;
+
+    std::string path;
+};
+
+// The simulated board: one payload device with an ESP32 behind it.
+class Board {
+public:
+    Board() : chip(std::make_shared<EspRomSimulator>()) {
+        simulator.addDevice(SimDevice::standard(kAddress, "MeridKestal STM32"));
+        EspRomBridge::install(simulator, chip);
+        started = simulator.start();
+    }
+
+    DeviceSimulator simulator;
+    std::shared_ptr<EspRomSimulator> chip;
+    bool started = false;
+};
+
+// Runs the toolkit's events until `done` holds or `timeout` has passed.
+bool pumpUntil(const std::function<bool()>& done, std::chrono::milliseconds timeout) {
+    auto context = Glib::MainContext::get_default();
+    // Wakes the loop now and then, so that the test of `done` is not left
+    // waiting for an event.
+    auto tick = Glib::signal_timeout().connect([] { return true; }, 5);
+    const auto deadline = Clock::now() + timeout;
+    bool result = done();
+    while (!result && Clock::now() < deadline) {
+        context->iteration(true);
+        result = done();
+    }
+    tick.disconnect();
+    return result;
+}
+
+Glib::RefPtr<Gtk::Application>& application() {
+    static Glib::RefPtr<Gtk::Application> app = [] {
+        int argc = 1;
+        static char name[] = "bench_loads";
+        static char* args[] = {name, nullptr};
+        char** argv = args;
+        g_resources_register(merid_ui_get_resource());
+        g_resources_register(merid_icons_get_resource());
+        g_resources_register(merid_firmware_get_resource());
+        return Gtk::Application::create(argc, argv, "", Gio::APPLICATION_FLAGS_NONE);
+    }();
+    return app;
+}
+
+template <typename T> T* widget(MainWindow& window, const char* id) {
+    return dynamic_cast<T*>(MainWindowTestAccess::builder(window)->get_object(id).get());
+}
+
+// The window as a user drives it: connected to the board in the dialog, the
+// board searched, the method chosen and the file picked in the file dialog.
+class WindowSession {
+public:
+    WindowSession() {
+        GlobalHandlerEvents::getInstance().clearAllHandlers();
+        window = MainWindow::getInstance("MeridKestalUtility", application());
+        window->show();
+    }
+
+    ~WindowSession() {
+        delete window;
+        GlobalHandlerEvents::getInstance().clearAllHandlers();
+        pumpUntil([] { return !Gtk::Main::events_pending(); }, std::chrono::seconds(1));
+    }
+
+    WindowSession(const WindowSession&) = delete;
+    WindowSession& operator=(const WindowSession&) = delete;
+
+    // Empty when the window is ready for the upload, else the step that failed.
+    std::string prepare(const std::string& port, const std::string& method, const std::string& path) {
+        if (!connect(port)) {
+            return "cannot connect in the dialog";
+        }
+        if (!search()) {
+            return "the search did not find the board and its fields";
+        }
+        if (!choose(method)) {
+            return "cannot choose " + method;
+        }
+        if (!pick(method, path)) {
+            return "cannot pick the file in the file dialog";
+        }
+        return {};
+    }
+
+    // Seconds from the press to the success text; negative when it never showed.
+    double upload(std::chrono::milliseconds timeout) {
+        auto* label = widget<Gtk::Label>(*window, "LoadStatusOverlayLabel");
+        const auto pressed = Clock::now();
+        widget<Gtk::Button>(*window, "UploadButton")->clicked();
+        const bool shown =
+            pumpUntil([&] { return label->get_text() == kFlashedText && window->get_sensitive(); }, timeout);
+        return shown ? std::chrono::duration<double>(Clock::now() - pressed).count() : -1;
+    }
+
+private:
+    bool connect(const std::string& port) {
+        widget<Gtk::MenuItem>(*window, "ConnectImageMenuItem")->activate();
+        auto* ports = widget<Gtk::ComboBoxText>(*window, "PortsListComboTextBox");
+        ports->set_active_text(port);
+        widget<Gtk::ComboBoxText>(*window, "BaudratesListComboTextBox")->set_active_text("921600");
+        widget<Gtk::Button>(*window, "DialogConnectButton")->clicked();
+        auto* dialog = widget<Gtk::Dialog>(*window, "ConnectionDialog");
+        return pumpUntil([&] { return !dialog->get_visible(); }, std::chrono::seconds(5)) &&
+               MainWindowTestAccess::usb(*window).isConnected();
+    }
+
+    // The board and all its fields known, as after a search the user waited for.
+    bool search() {
+        widget<Gtk::Button>(*window, "SearchDeviceButton")->clicked();
+        DeviceHandler* model = MainWindowTestAccess::deviceHandler(*window);
+        const std::size_t fields = SimDevice::standard(kAddress, "").getFields().size();
+        return pumpUntil(
+            [&] {
+                std::lock_guard<std::recursive_mutex> lock(model->getMutex());
+                App::Device* device = model->getDevice(kAddress);
+                return device != nullptr && device->getFieldCount() == fields;
+            },
+            std::chrono::seconds(10));
+    }
+
+    bool choose(const std::string& method) {
+        auto* methods = widget<Gtk::ComboBoxText>(*window, "FirmwareMethodComboBoxText");
+        methods->set_active_text(method);
+        return methods->get_active_text() == method;
+    }
+
+    // The file dialog runs in a nested loop; a timer set before the click
+    // answers it once the chooser has taken the file.
+    bool pick(const std::string& method, const std::string& path) {
+        auto* dialog = widget<Gtk::FileChooserDialog>(*window, "OpenFileDialog");
+        unsigned asked = 0;
+        const auto deadline = Clock::now() + std::chrono::seconds(10);
+        auto answer = Glib::signal_timeout().connect(
+            [&] {
+                if (!dialog->get_visible()) {
+                    return true;
+                }
+                // The chooser loads its folder in the background and may
+                // drop a name given too early: it is given again.
+                if (asked++ % 10 == 0) {
+                    dialog->set_filename(path);
+                    return true;
+                }
+                const bool taken = dialog->get_filename() == path;
+                if (taken || Clock::now() > deadline) {
+                    dialog->response(taken ? Gtk::RESPONSE_OK : Gtk::RESPONSE_CANCEL);
+                    return false;
+                }
+                return true;
+            },
+            20);
+        widget<Gtk::Button>(*window,
+                            method == "ESP32" ? "SelectFirmwareEsp32Button" : "SelectFirmwareStm32Button")
+            ->clicked();
+        answer.disconnect();
+        auto* entry = widget<Gtk::Entry>(*window, method == "ESP32" ? "SelectFirmwareSearchEntryEsp32"
+                                                                    : "SelectFirmwareSearchEntryStm32");
+        return entry->get_tooltip_text() == path;
+    }
+
+    MainWindow* window = nullptr;
+};
+
+// Each case keeps its best run for the comparison: the figures compare what
+// each path costs, not the machine's other load.
+void record(benchmark::State& state, const std::string& name, double seconds, std::size_t bytes) {
+    state.SetIterationTime(seconds);
+    state.counters["ms"] = seconds * 1000.0;
+    state.counters["bytes_per_s"] = static_cast<double>(bytes) / seconds;
+    const auto known = gSeconds.find(name);
+    gSeconds[name] = known == gSeconds.end() ? seconds : std::min(known->second, seconds);
+}
+
+// The STM32 transfer as the protocol runs it, without the window: the file
+// handed to the payload handler, until the board holds the finished image.
+void BM_Stm32Protocol(benchmark::State& state) {
+    for (auto _ : state) {
+        GlobalHandlerEvents::getInstance().clearAllHandlers();
+        Board board;
+        const Bytes bytes = makeImage(kStm32Image, 7);
+        ImageFile image(bytes);
+        UsbCommunication usb;
+        usb.portName = board.simulator.slavePath();
+        usb.baudrate = UsbTypes::Baud921600;
+        if (!board.started || usb.connect(UsbCommunication::MethodCom) != UsbTypes::Ok) {
+            state.SkipWithError("cannot open the simulated board's port");
+            break;
+        }
+        PayloadHandler handler;
+        Listener listener(usb, handler, PayloadHandler::getDefaultTimeout());
+        Sender sender(usb, handler);
+        handler.getDeviceHandler().addDevice(DeviceInfo{kAddress, 1, 0, {}, 0, {}, 0, {}});
+        listener.start(false);
+        sender.start(false);
+
+        const auto start = Clock::now();
+        MessageArgs args;
+        args.device = kAddress;
+        args.path = image.path;
+        handler.onMessage(FILE_START_MSG, &args);
+        handler.generateResponse(FILE_WRITE_MSG);
+        const auto limit = start + std::chrono::minutes(5);
+        while (!board.simulator.finishedImage(kAddress, 0) && Clock::now() < limit) {
+            std::this_thread::sleep_for(std::chrono::microseconds(200));
+        }
+        const double seconds = std::chrono::duration<double>(Clock::now() - start).count();
+        const bool ok = board.simulator.finishedImage(kAddress, 0) == bytes;
+        usb.disconnect();
+        sender.terminate();
+        listener.terminate();
+        GlobalHandlerEvents::getInstance().clearAllHandlers();
+        if (!ok) {
+            state.SkipWithError("the board did not receive the image");
+            break;
+        }
+        record(state, "stm32-protocol", seconds, bytes.size());
+    }
+}
+
+void BM_Stm32ThroughTheWindow(benchmark::State& state) {
+    for (auto _ : state) {
+        Board board;
+        const Bytes bytes = makeImage(kStm32Image, 7);
+        ImageFile image(bytes);
+        setenv("MERID_EXTRA_PORTS", board.simulator.slavePath().c_str(), 1);
+        WindowSession session;
+        const std::string failed =
+            board.started ? session.prepare(board.simulator.slavePath(), "STM32", image.path) : "no pty";
+        if (!failed.empty()) {
+            state.SkipWithError(failed.c_str());
+            break;
+        }
+        const double seconds = session.upload(std::chrono::minutes(5));
+        // The text shows when the finish step leaves; the board completes
+        // the file on its arrival.
+        pumpUntil([&] { return board.simulator.finishedImage(kAddress, 0).has_value(); },
+                  std::chrono::seconds(5));
+        if (seconds < 0 || board.simulator.finishedImage(kAddress, 0) != bytes) {
+            state.SkipWithError("the load did not finish with the image on the board");
+            break;
+        }
+        record(state, "stm32-window", seconds, bytes.size());
+    }
+}
+
+// The ESP32 flash as the loader runs it, without the window.
+void BM_Esp32Protocol(benchmark::State& state) {
+    for (auto _ : state) {
+        Board board;
+        const Bytes bytes = makeImage(kEsp32Image, 9);
+        ImageFile image(bytes);
+        UsbCommunication usb;
+        usb.portName = board.simulator.slavePath();
+        usb.baudrate = UsbTypes::Baud921600;
+        if (!board.started || usb.connect(UsbCommunication::MethodCom) != UsbTypes::Ok) {
+            state.SkipWithError("cannot open the simulated board's port");
+            break;
+        }
+        std::string error;
+        const auto start = Clock::now();
+        const bool ok = MeridEspSerialFlasher::flashBinary(usb, image.path, {0, 1024, false}, {}, &error);
+        const double seconds = std::chrono::duration<double>(Clock::now() - start).count();
+        usb.disconnect();
+        if (!ok || board.chip->flash(0, kEsp32Image) != bytes) {
+            state.SkipWithError(ok ? "the flash differs from the image" : error.c_str());
+            break;
+        }
+        record(state, "esp32-protocol", seconds, bytes.size());
+        state.counters["syncs"] = board.chip->counters().syncs;
+    }
+}
+
+void BM_Esp32ThroughTheWindow(benchmark::State& state) {
+    for (auto _ : state) {
+        Board board;
+        const Bytes bytes = makeImage(kEsp32Image, 9);
+        ImageFile image(bytes);
+        setenv("MERID_EXTRA_PORTS", board.simulator.slavePath().c_str(), 1);
+        WindowSession session;
+        const std::string failed =
+            board.started ? session.prepare(board.simulator.slavePath(), "ESP32", image.path) : "no pty";
+        if (!failed.empty()) {
+            state.SkipWithError(failed.c_str());
+            break;
+        }
+        const double seconds = session.upload(std::chrono::minutes(5));
+        if (seconds < 0 || board.chip->flash(0, kEsp32Image) != bytes) {
+            state.SkipWithError("the flash did not finish with the image in the chip");
+            break;
+        }
+        record(state, "esp32-window", seconds, bytes.size());
+        state.counters["syncs"] = board.chip->counters().syncs;
+    }
+}
+
+void printComparison(const char* what, std::size_t bytes, const std::string& protocol,
+                     const std::string& window) {
+    const auto p = gSeconds.find(protocol);
+    const auto w = gSeconds.find(window);
+    if (p == gSeconds.end() || w == gSeconds.end()) {
+        std::printf("%s: not measured\n", what);
+        return;
+    }
+    std::printf("%s, %zu bytes, pty unpaced, best of %d: protocol %.1f ms (%.0f bytes/s), press to success "
+                "text %.1f ms "
+                "(%.0f bytes/s), ratio %.2f, the window adds %.1f ms\n",
+                what, bytes, kRuns, p->second * 1000.0, static_cast<double>(bytes) / p->second,
+                w->second * 1000.0, static_cast<double>(bytes) / w->second, w->second / p->second,
+                (w->second - p->second) * 1000.0);
+}
+
+} // namespace
+
+BENCHMARK(BM_Stm32Protocol)->Iterations(kRuns)->UseManualTime()->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_Stm32ThroughTheWindow)->Iterations(kRuns)->UseManualTime()->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_Esp32Protocol)->Iterations(kRuns)->UseManualTime()->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_Esp32ThroughTheWindow)->Iterations(kRuns)->UseManualTime()->Unit(benchmark::kMillisecond);
+
+int main(int argc, char** argv) {
+    // The log sinks stay quiet unless MERID_LOG_LEVEL says otherwise.
+    setenv("MERID_LOG_LEVEL", "OFF", 0);
+    setenv("NO_AT_BRIDGE", "1", 0);
+    application();
+    benchmark::Initialize(&argc, argv);
+    if (benchmark::ReportUnrecognizedArguments(argc, argv)) {
+        return 1;
+    }
+    benchmark::RunSpecifiedBenchmarks();
+    benchmark::Shutdown();
+    printComparison("STM32 load", kStm32Image, "stm32-protocol", "stm32-window");
+    printComparison("ESP32 flash", kEsp32Image, "esp32-protocol", "esp32-window");
+    return 0;
+}
