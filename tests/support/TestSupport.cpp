@@ -5,7 +5,10 @@
 #include <atomic>
 #include <ctime>
 #include <filesystem>
+#include <fstream>
+#include <iterator>
 #include <random>
+#include <thread>
 
 namespace testsupport {
 
@@ -46,7 +49,9 @@ FixedClock::FixedClock(long long epochSeconds) : tz("TZ", std::string("UTC")) {
     BaseLogger::setClock(&fixedNow);
 }
 
-FixedClock::~FixedClock() { BaseLogger::setClock(nullptr); }
+FixedClock::~FixedClock() {
+    BaseLogger::setClock(nullptr);
+}
 
 long long utcEpoch(int year, int month, int day, int hour, int minute, int second) {
     // Days from civil, so the result needs no time zone.
@@ -82,7 +87,9 @@ std::vector<CapturedLine> CapturingLogger::lines() {
     return captured;
 }
 
-bool CapturingLogger::contains(const std::string& text) { return count(text) > 0; }
+bool CapturingLogger::contains(const std::string& text) {
+    return count(text) > 0;
+}
 
 bool CapturingLogger::contains(const std::string& text, MessageType type) {
     std::lock_guard<std::mutex> lock(mutex);
@@ -126,6 +133,31 @@ TempDir::TempDir() {
 TempDir::~TempDir() {
     std::error_code error;
     std::filesystem::remove_all(dir, error);
+}
+
+bool writeFile(const std::string& path, const Bytes& bytes) {
+    std::ofstream out(std::filesystem::u8path(path), std::ios::binary | std::ios::trunc);
+    out.write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
+    return static_cast<bool>(out);
+}
+
+std::optional<Bytes> readFile(const std::string& path) {
+    std::ifstream in(std::filesystem::u8path(path), std::ios::binary);
+    if (!in) {
+        return std::nullopt;
+    }
+    return Bytes(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+}
+
+bool waitUntil(const std::function<bool()>& done, std::chrono::milliseconds timeout) {
+    const auto end = std::chrono::steady_clock::now() + timeout;
+    while (!done()) {
+        if (std::chrono::steady_clock::now() > end) {
+            return done();
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    }
+    return true;
 }
 
 } // namespace testsupport

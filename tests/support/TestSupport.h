@@ -4,6 +4,8 @@
 #include "LoggerManager.h"
 
 #include <chrono>
+#include <cstdint>
+#include <functional>
 #include <mutex>
 #include <optional>
 #include <string>
@@ -28,7 +30,8 @@ private:
 // TEMP on Windows) while the object lives.
 class ScopedTempDirEnv {
 public:
-    explicit ScopedTempDirEnv(const std::string& dir) : tmpdir("TMPDIR", dir), tmp("TMP", dir), temp("TEMP", dir) {}
+    explicit ScopedTempDirEnv(const std::string& dir)
+        : tmpdir("TMPDIR", dir), tmp("TMP", dir), temp("TEMP", dir) {}
 
 private:
     ScopedEnv tmpdir;
@@ -85,5 +88,17 @@ public:
 private:
     std::string dir;
 };
+
+using Bytes = std::vector<std::uint8_t>;
+
+// Writes `bytes` to `path`, replacing the file; false when it cannot.
+bool writeFile(const std::string& path, const Bytes& bytes);
+// The whole file, or nothing when it cannot be read.
+std::optional<Bytes> readFile(const std::string& path);
+
+// Polls `done` every two milliseconds until it holds or `timeout` passes;
+// what it returned last.
+bool waitUntil(const std::function<bool()>& done,
+               std::chrono::milliseconds timeout = std::chrono::seconds(20));
 
 } // namespace testsupport
