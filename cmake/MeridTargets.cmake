@@ -40,6 +40,10 @@ function(merid_add_test name)
     if(NOT labels)
         set(labels unit)
     endif()
+    # The ThreadSanitizer stage builds only what it runs.
+    if("threaded" IN_LIST labels)
+        add_dependencies(merid_threaded_tests ${name})
+    endif()
     gtest_discover_tests(${name}
         DISCOVERY_MODE PRE_TEST
         DISCOVERY_TIMEOUT 60

@@ -26,7 +26,7 @@ xvfb-run -a -s "-screen 0 1280x1024x24" \
 
 step "ThreadSanitizer build"
 configure "$BUILD/tsan" -DMERID_SANITIZE=thread
-cmake --build "$BUILD/tsan" -j "$JOBS"
+cmake --build "$BUILD/tsan" -j "$JOBS" --target merid_threaded_tests
 step "threaded tests (thread)"
 xvfb-run -a -s "-screen 0 1280x1024x24" \
     ctest --test-dir "$BUILD/tsan" --output-on-failure -j "$JOBS" -L threaded --no-tests=ignore
