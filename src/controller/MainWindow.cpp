@@ -494,11 +494,9 @@ void MainWindow::terminatePayloadSender() {
 // --- Loads ----------------------------------------------------------------
 
 MainWindow::HandlerStatus MainWindow::uploadFirmwareHandler(LoadStage stage) {
-    // 1.
     if (!usb.isConnected()) {
         return GlobalHandlerEvents::Failure;
     }
-    // 2.
     if (stage == Erase) {
         resetLoadStatus();
         if (firmwareTarget == 1) {
@@ -520,36 +518,31 @@ MainWindow::HandlerStatus MainWindow::uploadFirmwareHandler(LoadStage stage) {
         }
         return GlobalHandlerEvents::Success;
     }
-    // 3. On the listener's thread: the device has confirmed the erase.
+    // On the listener's thread: the device has confirmed the erase.
     if (stage == Write && firmwareTarget != 1) {
         log("Load firmware", BaseLogger::INFO);
         writeFirmware();
         return GlobalHandlerEvents::Success;
     }
-    // 4.
     return GlobalHandlerEvents::Success;
 }
 
 // Each tick of the erase poll; true keeps the timer. Searches and field
 // requests go out again every fifth tick, and both waits share one budget.
 bool MainWindow::probeStm32EraseReady() {
-    // 1.
     if (waitingForErase == 0) {
         return false;
     }
-    // 2.
     if (!usb.isConnected()) {
         log("USB connection lost while waiting to start STM32 erase", BaseLogger::ERROR);
         waitingForErase = 0;
         return false;
     }
-    // 3.
     if (deviceHandler == nullptr) {
         log("deviceHandler doesn't exist while waiting to start STM32 erase", BaseLogger::ERROR);
         waitingForErase = 0;
         return false;
     }
-    // 4.
     const std::uint64_t address = currentDeviceAddress.load();
     bool deviceKnown = false;
     bool eraseKnown = false;
@@ -559,18 +552,15 @@ bool MainWindow::probeStm32EraseReady() {
         deviceKnown = device != nullptr;
         eraseKnown = deviceKnown && device->getFieldByName("erase") != nullptr;
     }
-    // 5.
     if (!deviceKnown) {
         return continueEraseWait([this] { serialSender->search(); },
                                  "Timeout waiting for device discovery before STM32 erase");
     }
-    // 6.
     if (!eraseKnown) {
         const auto device = static_cast<unsigned char>(address & 0xFF);
         return continueEraseWait([this, device] { serialSender->getInfoFields(device, 0); },
                                  "Timeout waiting for device field info before STM32 erase");
     }
-    // 7.
     waitingForErase = 0;
     eraseWaitTicks = 0;
     eraseMemorySector(pendingEraseCmd, "");
@@ -602,65 +592,54 @@ void MainWindow::eraseMemorySector(EraseCmd cmd, const std::string& path) {
     // The listener fills the same model; the request goes out before it
     // can answer.
     std::lock_guard<std::recursive_mutex> lock(deviceHandler->getMutex());
-    // 1.
     replaceFileRequest(device, eraseFileIndex(cmd), path);
-    // 2.
     App::Device* target = deviceHandler->getDevice(address);
     if (target == nullptr) {
         log("device didn't exist for erase request", BaseLogger::ERROR);
         return;
     }
-    // 3.
     Field* field = target->getFieldByName("erase");
     if (field == nullptr) {
         log("erase field didn't exist", BaseLogger::ERROR);
         return;
     }
-    // 4.
     FieldInfo* info = field->getInfo();
     if (info == nullptr) {
         log("erase field info didn't exist", BaseLogger::ERROR);
         return;
     }
-    // 5. The command word always goes as a 4-byte integer, whatever type
+    // The command word always goes as a 4-byte integer, whatever type
     // the device described.
     FieldInfo forced = *info;
     forced.type = kEraseFieldType;
     field->setInfo(forced);
-    // 6.
     const std::uint32_t word = cmd;
     field->setData(true, &word);
-    // 7.
     const long long index = target->getFieldIndexByName("erase");
     if (index < 0) {
         log("erase field didn't exist", BaseLogger::ERROR);
         return;
     }
-    // 8.
     serialSender->setFieldValue(device, static_cast<unsigned char>(index));
 }
 
 // On the listener's thread, inside the receive path that holds the model's
 // lock: hands the chosen file to the protocol, which sends its first step.
 bool MainWindow::writeFirmware() {
-    // 1.
     if (!selectFirmwareBox) {
         log("selectFirmwareBox don't exist!!!", BaseLogger::ERROR);
         return false;
     }
-    // 2. Puts a preinstalled image on disk when that is the source.
+    // Puts a preinstalled image on disk when that is the source.
     const std::string path = selectFirmwareBox->getFilePath();
     if (path.empty()) {
         log("File path is empty or did't exist", BaseLogger::WARNING);
         return false;
     }
     std::lock_guard<std::recursive_mutex> lock(deviceHandler->getMutex());
-    // 3.
     const auto device = static_cast<std::uint8_t>(currentDeviceAddress.load() & 0xFF);
     replaceFileRequest(device, firmwareTarget == 1 ? 2 : 0, path);
-    // 4.
     logger->log("load device firmware", BaseLogger::INFO, kSenderTag);
-    // 5.
     payloadHandler->onMessage(FILE_START_MSG, fileRequest.get());
     payloadHandler->generateResponse(FILE_WRITE_MSG);
     return true;
@@ -707,42 +686,36 @@ void MainWindow::setDeviceDfuMode() {
 // --- The ESP32 flash --------------------------------------------------------
 
 bool MainWindow::flashEsp32Firmware() {
-    // 1.
     if (!selectFirmwareBox) {
         log("selectFirmwareBox don't exist!!!", BaseLogger::ERROR);
         return false;
     }
-    // 2.
     if (!loadStatusBar) {
         log("loadStatusBar doesn't exist!!!", BaseLogger::ERROR);
         return false;
     }
-    // 3.
     const std::string path = selectFirmwareBox->getFilePath();
     if (path.empty()) {
         log("File path is empty or did't exist", BaseLogger::WARNING);
         return false;
     }
-    // 4.
     if (espFlashRunning.exchange(true)) {
         log("ESP32 flashing already in progress", BaseLogger::WARNING);
         return false;
     }
-    // 5. The finished worker of an earlier flash.
+    // The finished worker of an earlier flash.
     if (espFlashThread.joinable()) {
         espFlashThread.join();
     }
-    // 6.
     espFlashDone.exchange(false);
     espFlashProgress.exchange(0);
     {
         std::lock_guard<std::mutex> lock(espFlashMutex);
         espFlashError.clear();
     }
-    // 7. The worker has the link to itself until the window comes back.
+    // The worker has the link to itself until the window comes back.
     loadStatusBar->set_value(0);
     set_sensitive(false);
-    // 8.
     espFlashThread = std::thread([this, path] { runEspFlash(path); });
     return true;
 }
@@ -750,24 +723,21 @@ bool MainWindow::flashEsp32Firmware() {
 // The worker: never touches a widget; the dispatcher carries each change to
 // the window's thread.
 void MainWindow::runEspFlash(const std::string& path) {
-    // 1.
     const MeridEspSerialFlasher::FlashOptions options{0, kEspBlockSize, false};
     std::string error;
     const std::function<void(unsigned char)> progress = [this](unsigned char percent) {
         onEspFlashProgress(percent);
     };
-    // 2.
     const bool flashed = MeridEspSerialFlasher::flashBinary(usb, path, options, progress, &error);
-    // 3. A failure must never read as success, even one without words.
+    // A failure must never read as success, even one without words.
     if (!flashed) {
         std::lock_guard<std::mutex> lock(espFlashMutex);
         espFlashError = error.empty() ? std::string("the loader gave no reason") : error;
     }
-    // 4. Done before not running, both before the wake-up, so that the last
+    // Done before not running, both before the wake-up, so that the last
     // refresh sees the result.
     espFlashDone.exchange(true);
     espFlashRunning.exchange(false);
-    // 5.
     espFlashDispatcher.emit();
 }
 
@@ -806,51 +776,40 @@ void MainWindow::rebootDevice() {
 }
 
 void MainWindow::scheduleSerialReconnectAfterReboot() {
-    // 1.
     if (usb.getConnectionMethod() != UsbCommunication::MethodCom) {
         return;
     }
-    // 2.
     if (reconnectScheduled.exchange(true)) {
         return;
     }
-    // 3.
     if (reconnectThread.joinable()) {
         reconnectThread.join();
     }
-    // 4.
     reconnectThread = std::thread([this] { runSerialReconnect(); });
 }
 
 // The reconnect worker: the device drops off the link while it reboots and
 // comes back on the same port.
 void MainWindow::runSerialReconnect() {
-    // 1. Lets the reboot request leave.
+    // Lets the reboot request leave.
     std::this_thread::sleep_for(std::chrono::milliseconds(300));
-    // 2.
     serialSender->terminate();
     serialListener->terminate();
-    // 3.
     if (payloadHandler) {
         payloadHandler->resetState();
     }
-    // 4.
     usb.disconnect();
     std::this_thread::sleep_for(std::chrono::milliseconds(150));
-    // 5. The workers stay stopped when the port does not come back.
+    // The workers stay stopped when the port does not come back.
     if (!reconnectSerialPort()) {
         reconnectScheduled.exchange(false);
         return;
     }
-    // 6.
     std::this_thread::sleep_for(std::chrono::milliseconds(150));
     std::this_thread::sleep_for(std::chrono::milliseconds(500));
-    // 7.
     serialListener->start(false);
     serialSender->start(false);
-    // 8.
     serialSender->search();
-    // 9.
     reconnectScheduled.exchange(false);
 }
 

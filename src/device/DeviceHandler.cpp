@@ -19,25 +19,26 @@ DeviceHandler::~DeviceHandler() {
     }
 }
 
-std::recursive_mutex& DeviceHandler::getMutex() { return mutex; }
+std::recursive_mutex& DeviceHandler::getMutex() {
+    return mutex;
+}
 
 void DeviceHandler::addDevice(DeviceInfo info) {
     {
         std::lock_guard<std::recursive_mutex> lock(mutex);
-        // 1. A known address keeps its first record; the line shows the raw byte.
+        // A known address keeps its first record; the line shows the raw byte.
         if (devices.count(info.address) != 0) {
             logger.log("device with address " + std::string(1, static_cast<char>(info.address)) +
                            " already exists",
                        BaseLogger::WARNING, kTag);
             return;
         }
-        // 2.
         currentAddress = info.address;
         devices[info.address] = new App::Device(info);
     }
-    // 3. The handler runs outside the lock: it reads the model itself.
+    // The handler reads the model itself; the receive path that adds the
+    // device still holds the model's recursive lock while it runs.
     GlobalHandlerEvents::getInstance()._executeHandler(SET_CURRENT_DEVICE_ADDR);
-    // 4.
     logger.log("added device with address " + std::to_string(info.address), BaseLogger::INFO, kTag);
 }
 
@@ -49,7 +50,9 @@ void DeviceHandler::addDeviceField(unsigned char address, unsigned char index, F
     }
 }
 
-std::map<unsigned int, App::Device*>& DeviceHandler::getDeviceList() { return devices; }
+std::map<unsigned int, App::Device*>& DeviceHandler::getDeviceList() {
+    return devices;
+}
 
 std::map<unsigned int, App::Device*> DeviceHandler::getDeviceListCopy() {
     std::lock_guard<std::recursive_mutex> lock(mutex);

@@ -6,28 +6,42 @@
 Field::Field(unsigned char fieldIndex, const FieldInfo& fieldInfo)
     : info(fieldInfo), index(fieldIndex), logger(LoggerManager::getInstance()) {}
 
-unsigned char* Field::getData() { return data; }
+unsigned char* Field::getData() {
+    return data;
+}
 
-const char* Field::getName() const { return info.name; }
+const char* Field::getName() const {
+    return info.name;
+}
 
-std::uint8_t Field::getNameLength() const { return info.nameLength; }
+std::uint8_t Field::getNameLength() const {
+    return info.nameLength;
+}
 
-FieldInfo* Field::getInfo() { return &info; }
+FieldInfo* Field::getInfo() {
+    return &info;
+}
 
-std::uint8_t Field::getType() const { return info.type; }
+std::uint8_t Field::getType() const {
+    return info.type;
+}
 
-std::uint8_t Field::getTypeSize() const { return typeSize(info.type); }
+std::uint8_t Field::getTypeSize() const {
+    return typeSize(info.type);
+}
 
-unsigned char Field::getIndex() const { return index; }
-
-Field::FieldStatus Field::getStatus() const { return status; }
+Field::FieldStatus Field::getStatus() const {
+    return status;
+}
 
 std::uint8_t Field::typeSize(std::uint8_t typeCode) {
     static const std::uint8_t kSizes[12] = {1, 1, 1, 2, 4, 8, 1, 2, 4, 8, 4, 8};
     return typeCode < 12 ? kSizes[typeCode] : 0;
 }
 
-void Field::setInfo(FieldInfo& newInfo) { info = newInfo; }
+void Field::setInfo(FieldInfo& newInfo) {
+    info = newInfo;
+}
 
 void Field::setNewStatus(FieldStatus newStatus) {
     // A value set by the user stays so.

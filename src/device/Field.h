@@ -28,7 +28,6 @@ public:
     FieldInfo* getInfo();
     std::uint8_t getType() const;
     std::uint8_t getTypeSize() const;
-    unsigned char getIndex() const;
     FieldStatus getStatus() const;
 
     void setInfo(FieldInfo& newInfo);

@@ -7,18 +7,24 @@
 
 namespace {
 
-std::chrono::system_clock::time_point systemNow() { return std::chrono::system_clock::now(); }
+std::chrono::system_clock::time_point systemNow() {
+    return std::chrono::system_clock::now();
+}
 
 std::atomic<BaseLogger::Clock> gClock{&systemNow};
 
 } // namespace
 
-void BaseLogger::setClock(Clock clock) { gClock.store(clock != nullptr ? clock : &systemNow); }
+void BaseLogger::setClock(Clock clock) {
+    gClock.store(clock != nullptr ? clock : &systemNow);
+}
 
-BaseLogger::Clock BaseLogger::getClock() { return gClock.load(); }
+BaseLogger::Clock BaseLogger::getClock() {
+    return gClock.load();
+}
 
 void BaseLogger::TimeDescription::updateTime() {
-    // 1. Whole seconds since the epoch, as the ctime family's fixed text.
+    // Whole seconds since the epoch, as the ctime family's fixed text.
     auto nanoseconds =
         std::chrono::duration_cast<std::chrono::nanoseconds>(getClock()().time_since_epoch()).count();
     auto seconds = static_cast<std::time_t>(nanoseconds / 1000000000);
@@ -26,13 +32,13 @@ void BaseLogger::TimeDescription::updateTime() {
     if (!text) {
         throw std::logic_error("basic_string::_M_construct null not valid");
     }
-    // 2. The units digit of the day and the blank behind it; the blank goes.
+    // The units digit of the day and the blank behind it; the blank goes.
     day = text->substr(9, 2);
     auto blank = day.find(' ');
     if (blank != std::string::npos && blank != 0) {
         day.erase(blank, 1);
     }
-    // 3.-5. Month, year and the time of day.
+    // Month, year and the time of day.
     month = text->substr(4, 3);
     year = text->substr(20, 4);
     time = text->substr(11, 8);

@@ -28,16 +28,16 @@ std::string FileLogger::getLogFilePath() {
 }
 
 bool FileLogger::createLogFile(std::string& prefix) {
-    // 1. Nothing to do once a file is open: this is the fast path of every report.
+    // Nothing to do once a file is open: this is the fast path of every report.
     if (isInitialized || logFile.is_open()) {
         return isInitialized;
     }
-    // 2. The date suffix, with the one-digit day.
+    // The date suffix, with the one-digit day.
     TimeDescription time;
     time.updateTime();
     const std::string suffix = "_" + time.day + "_" + time.month + "_" + time.year;
 
-    // 3. Candidate directories in order of preference.
+    // Candidate directories in order of preference.
     std::vector<std::filesystem::path> candidates;
     auto logDir = Platform::getEnv("MERID_LOG_DIR");
     if (logDir && !logDir->empty()) {
@@ -46,7 +46,7 @@ bool FileLogger::createLogFile(std::string& prefix) {
     candidates.push_back(std::filesystem::temp_directory_path() / "MeridKestalUtility");
     candidates.push_back(std::filesystem::current_path());
 
-    // 4. The first directory where the file opens wins.
+    // The first directory where the file opens wins.
     for (const auto& directory : candidates) {
         std::error_code ignored;
         std::filesystem::create_directories(directory, ignored);
@@ -60,7 +60,6 @@ bool FileLogger::createLogFile(std::string& prefix) {
         }
         logFile.clear();
     }
-    // 5.
     if (logFile.is_open()) {
         isInitialized = true;
     }

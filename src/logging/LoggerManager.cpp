@@ -85,16 +85,16 @@ BaseLogger* LoggerManager::sinkFor(LoggerType type) {
 }
 
 void LoggerManager::log(const std::string& message, BaseLogger::MessageType type, const std::string& tag) {
-    // 1. One dispatch at a time, so both sinks see the same order.
+    // One dispatch at a time, so both sinks see the same order.
     std::lock_guard<std::mutex> lock(mutex);
-    // 2. The level filter. MINIMUM lets ERROR alone through, FATAL included.
+    // The level filter. MINIMUM lets ERROR alone through: FATAL is held back too.
     if (globalLevel == MINIMUM && type != BaseLogger::ERROR) {
         return;
     }
     if (globalLevel == IMPORTANT && (type < BaseLogger::WARNING || type > BaseLogger::FATAL)) {
         return;
     }
-    // 3.-5. Each sink in order; a failing sink does not stop the next.
+    // Each sink in order; a failing sink does not stop the next.
     for (LoggerType entry : activeLoggers) {
         try {
             sinkFor(entry)->log(message, type, tag);

@@ -160,7 +160,6 @@ PayloadReceiveState PayloadHandler::getReceiveState() const {
 }
 
 void PayloadHandler::process(const void* payload, unsigned long long size) {
-    // 1.
     if (size < 3 || payload == nullptr) {
         return;
     }
@@ -171,7 +170,7 @@ void PayloadHandler::process(const void* payload, unsigned long long size) {
     const unsigned char* p = copy.data();
 
     std::lock_guard<std::recursive_mutex> lock(stateMutex());
-    // 2. The acceptance test.
+    // The acceptance test.
     auto entry = messages.find(currentMessage);
     if (entry == messages.end() || p[0] != packNumber) {
         log("received unexpected message (device " + num(p[1]) + ", message " + num(p[2]) + ", pack #" +
@@ -179,21 +178,18 @@ void PayloadHandler::process(const void* payload, unsigned long long size) {
             BaseLogger::WARNING);
         return;
     }
-    // 3.
     if (deviceHandler.getDevice(p[1]) == nullptr && lastCommand != DEVICE_INFO_REQ) {
         log("unknown device address " + num(p[1]) + ". Pack " + num(p[0]), BaseLogger::WARNING);
         return;
     }
-    // 4. currentMessage stays, so that a second answer fails the test above.
+    // currentMessage stays, so that a second answer fails the test above.
     const std::uint8_t device = entry->second.device;
     const std::uint8_t field = entry->second.field;
     messages.erase(entry);
-    // 5.
     if (p[2] != 0) {
         log("Message with problem - error code: " + num(p[2]), BaseLogger::WARNING);
         return;
     }
-    // 6.
     switch (lastCommand) {
     case DEVICE_INFO_REQ:
         processDeviceInfo(p);
@@ -289,7 +285,7 @@ void PayloadHandler::processFieldInfo(const unsigned char* p, std::uint8_t devic
 }
 
 void PayloadHandler::processFileInfo(const unsigned char* p, std::uint8_t device, std::uint8_t field) {
-    // The checksum is printed in decimal behind its "0x", as the line always was.
+    // The checksum is printed in decimal behind its "0x": the device's tools read it so.
     log("file info response (device " + num(device) + ", file #" + num(field) + ", checksum 0x" +
             num(readU32(p + 8)) + ", size " + num(readU32(p + 4)) + ")" + " Pack #" + num(packNumber),
         BaseLogger::INFO);
@@ -358,16 +354,14 @@ void PayloadHandler::onMessage(MessageType type, void* args) {
 
 void PayloadHandler::generateResponse(MessageType type, void*) {
     std::lock_guard<std::recursive_mutex> lock(stateMutex());
-    // 1.
     auto entry = messages.find(type);
     if (entry == messages.end()) {
         currentMessage = kNoMessage;
         return;
     }
-    // 2.
     const std::uint8_t device = entry->second.device;
     const std::uint8_t field = entry->second.field;
-    // 3. Only attempt 0 ever happens here; the other branches stay for a
+    // Only attempt 0 ever happens here; the other branches stay for a
     // caller that counts attempts.
     if (attempt == 0) {
         packNumber = static_cast<std::uint8_t>(packNumber + 1);
@@ -377,9 +371,7 @@ void PayloadHandler::generateResponse(MessageType type, void*) {
         currentMessage = kNoMessage;
         return;
     }
-    // 4.
     currentMessage = type;
-    // 5.
     switch (type) {
     case SEARCH_DEVICES_MSG:
         sendDeviceInfoRequest();
@@ -407,16 +399,14 @@ void PayloadHandler::generateResponse(MessageType type, void*) {
 void PayloadHandler::enqueueMessage(MessageType type, unsigned char device, unsigned char field,
                                     std::string path) {
     std::lock_guard<std::recursive_mutex> lock(stateMutex());
-    // 1. A message of this type still waits for its answer.
+    // A message of this type still waits for its answer.
     if (messages.count(type) != 0) {
         log("Send queue is full!", BaseLogger::WARNING);
         return;
     }
-    // 2.
     if (type == FILE_WRITE_MSG && !loadFile(path)) {
         return;
     }
-    // 3.
     messages[type] = MessageDescriptor{device, field};
     if (type == FILE_WRITE_MSG) {
         fileDevice = device;
@@ -433,7 +423,7 @@ void PayloadHandler::castCommand(const void* payload, unsigned char size, unsign
     }
     const auto* bytes = static_cast<const unsigned char*>(payload);
     std::lock_guard<std::recursive_mutex> lock(stateMutex());
-    // 1. An empty message, taken off the queue without a write.
+    // An empty message, taken off the queue without a write.
     if (size == 0) {
         lastCommand = bytes[2];
         addToQueue(payload, 0, timeout);
@@ -443,15 +433,12 @@ void PayloadHandler::castCommand(const void* payload, unsigned char size, unsign
         log("castCommand: a request payload has at least 3 bytes, got " + num(size), BaseLogger::ERROR);
         return;
     }
-    // 2.
     std::array<unsigned char, kMaxFrame> frame{};
     frame[0] = kSyncByte;
     frame[1] = static_cast<unsigned char>(size - 1);
     std::memcpy(frame.data() + 2, payload, size);
     frame[2 + size] = FastCrc8::update(0, payload, size);
-    // 3.
     lastCommand = bytes[2];
-    // 4.
     addToQueue(frame.data(), static_cast<unsigned long long>(size) + 3, timeout);
 }
 
@@ -479,7 +466,6 @@ void PayloadHandler::sendGetFieldRequest(unsigned char device, unsigned char fie
 
 void PayloadHandler::sendSetFieldRequest(unsigned char device, unsigned char field) {
     std::lock_guard<std::recursive_mutex> lock(stateMutex());
-    // 1.
     App::Device* known = deviceHandler.getDevice(device);
     Field* target = known != nullptr ? known->getField(field) : nullptr;
     if (target == nullptr) {
@@ -490,17 +476,14 @@ void PayloadHandler::sendSetFieldRequest(unsigned char device, unsigned char fie
         currentMessage = kNoMessage;
         return;
     }
-    // 2.
     const std::uint8_t valueSize = target->getTypeSize();
     unsigned char payload[5 + 8] = {packNumber, device, SET_FIELD_REQ, field, target->getType()};
     std::memcpy(payload + 5, target->getData(), valueSize);
-    // 3.
     log("field value set request (device " + num(device) + ", field " + num(field) + ", type #" +
             num(target->getType()) + "). Pack #" + num(packNumber),
         BaseLogger::INFO);
-    // 4. Any name that begins so gets the long wait of an erase.
+    // Any name that begins so gets the long wait of an erase.
     const bool erase = std::strncmp(target->getName(), "erase", 5) == 0;
-    // 5.
     castCommand(payload, static_cast<unsigned char>(valueSize + 5), erase ? kEraseTimeout : kSetFieldTimeout);
 }
 
@@ -539,7 +522,6 @@ DeviceHandler& PayloadHandler::getDeviceHandler() {
 // ---- The file transfer ----------------------------------------------------
 
 bool PayloadHandler::loadFile(const std::string& path) {
-    // 1.
     // The path is UTF-8 on every platform.
     const std::filesystem::path filePath(std::u8string(path.begin(), path.end()));
     std::ifstream file(filePath, std::ios::binary | std::ios::ate);
@@ -548,9 +530,7 @@ bool PayloadHandler::loadFile(const std::string& path) {
         log("Can't open file: " + path, BaseLogger::ERROR);
         return false;
     }
-    // 2.
     fileData.clear();
-    // 3.
     const std::streamoff size = file.tellg();
     if (size < 0) {
         log("Can't get file size.", BaseLogger::ERROR);
@@ -562,19 +542,16 @@ bool PayloadHandler::loadFile(const std::string& path) {
         log("Can't get file size: " + path + " is larger than 4 GiB", BaseLogger::ERROR);
         return false;
     }
-    // 4.
     fileData.resize(static_cast<std::size_t>(size));
     file.seekg(0, std::ios::beg);
-    // 5.
     if (size != 0 && !file.read(reinterpret_cast<char*>(fileData.data()), size)) {
         log("Can't read file.", BaseLogger::ERROR);
         log("Can't read file: " + path, BaseLogger::ERROR);
         return false;
     }
-    // 6.
     log("File size in bytes: " + num(static_cast<unsigned long long>(size)), BaseLogger::INFO);
     file.close();
-    // 7. fileDevice and fileIndex are set with the entry.
+    // fileDevice and fileIndex are set with the entry.
     fileSize = static_cast<std::uint32_t>(size);
     fileChecksum = fileData.empty() ? 0 : FastCrc8::update(0, fileData.data(), fileData.size());
     fileRemaining = fileSize;
@@ -598,42 +575,33 @@ void PayloadHandler::sendFileWriteReq() {
     const std::string which = "). Pack #" + num(packNumber) + ", attempt #" + num(attempt);
     unsigned int timeout = kFileStepTimeout;
     if (!fileErased) {
-        // 1.
         chunkSize = 0;
         log("erase file request " + where + which, BaseLogger::INFO);
         timeout = kEraseTimeout;
     } else {
-        // 2.
         chunkSize = static_cast<std::uint8_t>(std::min<std::uint32_t>(chunkLimit(), fileRemaining));
         if (chunkSize > 0) {
-            // 3.
             std::memcpy(payload + 8, fileData.data() + fileOffset, chunkSize);
             log("write file request " + where + ", offset " + num(fileOffset) + ", chunk size " +
                     num(chunkSize) + which,
                 BaseLogger::INFO);
         } else {
-            // 4.
             log("finish file request " + where + which, BaseLogger::INFO);
             fileFinishing = true;
         }
     }
-    // 5.
     castCommand(payload, static_cast<unsigned char>(chunkSize + 8), timeout);
-    // 6.
     std::uint8_t percent = 0;
     if (fileSize != 0) {
         const float share = static_cast<float>(fileOffset) / static_cast<float>(fileSize);
         percent = static_cast<std::uint8_t>(static_cast<long long>(share * 100.0) % 256);
     }
     loadProgress.store(percent);
-    // 7.
     GlobalHandlerEvents::getInstance()._executeHandler(UPDATE_LOADING_STATUS);
 }
 
 void PayloadHandler::processFileWrite(std::uint8_t device, std::uint8_t field) {
-    // 1.
     log("Message type: FILE_WRITE_REQ", BaseLogger::DEBUG);
-    // 2.
     if (fileErased) {
         log("write file response (device " + num(device) + ", file #" + num(field) + ")" + " Pack #" +
                 num(packNumber),
@@ -644,21 +612,19 @@ void PayloadHandler::processFileWrite(std::uint8_t device, std::uint8_t field) {
                 num(packNumber),
             BaseLogger::INFO);
     }
-    // 3. The step in flight is confirmed; the answer to the erase step moves nothing.
+    // The step in flight is confirmed; the answer to the erase step moves nothing.
     if (fileRemaining != 0) {
         fileOffset += chunkSize;
         fileRemaining -= chunkSize;
         issue(FILE_WRITE_MSG, device, field);
         return;
     }
-    // 4.
     attempt = 0;
     if (!fileFinishing) {
-        // 5. An empty file: its erase answer finds nothing left to write.
+        // An empty file: its erase answer finds nothing left to write.
         issue(FILE_WRITE_MSG, device, field);
         return;
     }
-    // 6.
     completeTransfer();
 }
 
@@ -711,11 +677,6 @@ std::uint8_t PayloadHandler::getLastCommand() {
 MessageType PayloadHandler::getCurrentMessage() {
     std::lock_guard<std::recursive_mutex> lock(stateMutex());
     return currentMessage;
-}
-
-std::uint8_t PayloadHandler::getAttempt() {
-    std::lock_guard<std::recursive_mutex> lock(stateMutex());
-    return attempt;
 }
 
 std::optional<PayloadHandler::MessageDescriptor> PayloadHandler::getPendingMessage(MessageType type) {

@@ -39,7 +39,7 @@ public:
         bool transferTimed = false;
     };
 
-    // The largest payload a frame can carry, and the largest frame.
+    // The largest payload a frame can carry, and the frame around it.
     static constexpr std::size_t kMaxPayload = 255;
     static constexpr std::size_t kMaxFrame = kMaxPayload + 3;
     static constexpr unsigned char kSyncByte = 0x7E;
@@ -103,7 +103,6 @@ public:
     std::uint8_t getPackNumber();
     std::uint8_t getLastCommand();
     MessageType getCurrentMessage();
-    std::uint8_t getAttempt();
     std::optional<MessageDescriptor> getPendingMessage(MessageType type);
     std::size_t getPendingCount();
     FileTransferState getFileTransferState();
@@ -119,8 +118,6 @@ private:
     // together, and one lock cannot be taken in two orders.
     std::recursive_mutex& stateMutex();
 
-    void consumeByte(unsigned char byte, unsigned long long& frames);
-    std::string describeDevice(const unsigned char* p);
     void processDeviceInfo(const unsigned char* p);
     void processSetField(std::uint8_t device, std::uint8_t field);
     void processGetField(const unsigned char* p, std::uint8_t device, std::uint8_t field);

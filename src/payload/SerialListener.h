@@ -46,18 +46,14 @@ public:
 
 protected:
     void run() override {
-        // 1.
         logger.log(" run() is START", BaseLogger::DEBUG, tag);
-        // 2.
         std::memset(readBuffer, 0, sizeof(readBuffer));
-        // 3.
         while (running.load()) {
             if (!active.load()) {
                 // The pause does no work; yielding keeps it from starving the other threads.
                 std::this_thread::yield();
                 continue;
             }
-            // 4.
             std::lock_guard<std::mutex> lock(listenerMutex);
             readOnce();
         }
@@ -66,13 +62,10 @@ protected:
 private:
     // Steps 5 to 8, with listenerMutex held.
     void readOnce() {
-        // 5.
         if (!usb->waitForReadyRead(1)) {
             return;
         }
-        // 6.
         auto result = usb->read(readBuffer, kReadSize, static_cast<int>(readTimeout.load()));
-        // 7.
         if (result.status == UsbTypes::Status::NotConnected) {
             terminate();
             return;
@@ -81,7 +74,7 @@ private:
             logger.log("Listener timeout waiting for response", BaseLogger::WARNING, tag);
             return;
         }
-        // 8. Any other failure reads as a block of `bytes` bytes, which is 0.
+        // Any other failure reads as a block of `bytes` bytes, which is 0.
         const auto bytes = std::min<unsigned long long>(result.bytes, kReadSize);
         if (bytes == 0) {
             return;

@@ -22,9 +22,9 @@ template <std::size_t BufferSize, typename Link, typename Handler, typename Crc>
 class SerialSender : public Thread {
 public:
     using LinkType = std::remove_reference_t<Link>;
-    // The largest frame this sender is meant for.
+    // The size of the sender's frame buffer (a frame itself can be 258 bytes).
     static constexpr std::size_t kBufferSize = BufferSize;
-    // Writes of one frame before it is dropped.
+    // Retries after the first write: a frame is written up to six times.
     static constexpr std::uint64_t kMaxRetries = 5;
 
     SerialSender(LinkType& link, Handler& protocolHandler)
@@ -62,14 +62,11 @@ public:
 
 protected:
     void run() override {
-        // 1.
         logger.log(" run() is START", BaseLogger::DEBUG, tag);
-        // 2.
         bool retry = false;
         QueuedMessage current;
-        // 3. A stopped sender goes on sending: only `running` counts here.
+        // A stopped sender goes on sending: only `running` counts here.
         while (running.load()) {
-            // 4.
             bool haveFrame = false;
             if (handler->getQueueSize() != 0 && retryCount.load() == 0) {
                 logger.log("Get message from queue!", BaseLogger::INFO, tag);
@@ -77,13 +74,11 @@ protected:
                 GlobalHandlerEvents::getInstance()._executeHandler(SET_LISTENER_TIMEOUT);
                 haveFrame = true;
             } else if (retry) {
-                // 5.
                 haveFrame = true;
             }
             if (haveFrame) {
                 retry = send(current);
             }
-            // 9.
             std::this_thread::sleep_for(std::chrono::milliseconds(1));
         }
     }
@@ -91,7 +86,7 @@ protected:
 private:
     // Steps 6 to 8; returns whether the frame is to be tried again.
     bool send(const QueuedMessage& message) {
-        // 6. A frame of size 0 leaves the queue without touching the link.
+        // A frame of size 0 leaves the queue without touching the link.
         if (message.data != nullptr &&
             (message.size == 0 || static_cast<int>(usb->write(message.data, message.size)) <= 0)) {
             logger.log("Response transmit success", BaseLogger::INFO, tag);
@@ -99,9 +94,7 @@ private:
             retryCount.store(0);
             return false;
         }
-        // 7.
         logger.log("Response transmit not success. Try again!", BaseLogger::WARNING, tag);
-        // 8.
         if (retryCount.fetch_add(1) + 1 > kMaxRetries) {
             handler->freeFrontFromQueue();
             retryCount.store(0);

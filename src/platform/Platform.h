@@ -40,9 +40,6 @@ std::optional<std::string> desktopDirectory();
 // Full path of the running executable; empty when unknown.
 std::string executablePath();
 
-// Separator between directory entries of a path list variable.
-char pathListSeparator();
-
 // The value of XDG_DATA_DIRS that makes `dir` the toolkit's first data
 // directory. On POSIX the data directories that the process inherited (or
 // the XDG default when there were none) stay after it, since the toolkit's

@@ -237,10 +237,6 @@ std::string executablePath() {
     return std::string(buffer, static_cast<std::size_t>(length));
 }
 
-char pathListSeparator() {
-    return ':';
-}
-
 std::string dataDirsWith(const std::string& dir) {
     return dir + ":" + gInheritedDataDirs;
 }

@@ -147,10 +147,6 @@ std::string executablePath() {
     }
 }
 
-char pathListSeparator() {
-    return ';';
-}
-
 std::string dataDirsWith(const std::string& dir) {
     return dir;
 }

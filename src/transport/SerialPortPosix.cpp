@@ -226,15 +226,14 @@ std::vector<std::string> SerialPortPosix::getAvailablePorts() {
 
 UsbTypes::Status SerialPortPosix::openPort(std::string& name) {
     std::lock_guard<std::recursive_mutex> lifecycle(lifecycleMutex);
-    // 1. An open port goes first, so a failing reopen loses the old line.
+    // An open port goes first, so a failing reopen loses the old line.
     closePort();
-    // 2.
     {
         std::lock_guard<std::mutex> lock(nameMutex);
         portName = name;
     }
     lastReadError = 0;
-    // 3. Non-blocking, so that the open does not wait for a carrier; the
+    // Non-blocking, so that the open does not wait for a carrier; the
     // reads and writes wait in poll() and stay non-blocking.
     const int handle = ::open(name.c_str(), O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC);
     if (handle < 0) {
@@ -255,7 +254,7 @@ UsbTypes::Status SerialPortPosix::openPort(std::string& name) {
         logOpenFailure(name, "ioctl(TIOCEXCL)", error);
         return UsbTypes::NotAvailable;
     }
-    // 4. Drop whatever the driver queued before we came.
+    // Drop whatever the driver queued before we came.
     ::tcflush(handle, TCIOFLUSH);
     fd.store(handle);
     return UsbTypes::Ok;
@@ -263,19 +262,18 @@ UsbTypes::Status SerialPortPosix::openPort(std::string& name) {
 
 UsbTypes::Status SerialPortPosix::closePort() {
     std::lock_guard<std::recursive_mutex> lifecycle(lifecycleMutex);
-    // 1.
     const int handle = fd.exchange(-1);
     if (handle < 0) {
         return UsbTypes::Ok;
     }
-    // 2. Calls that hold the descriptor finish before it is released.
+    // Calls that hold the descriptor finish before it is released.
     usage.beginClose([this] { wakeWaiters(); });
     ::ioctl(handle, TIOCNXCL);
     const int result = ::close(handle);
     const int error = errno;
     drainWakeups();
     usage.endClose();
-    // 3. Linux releases the descriptor even when close reports EINTR.
+    // Linux releases the descriptor even when close reports EINTR.
     if (result != 0 && error != EINTR) {
         logger->log("Error closing port (close err=" + std::to_string(error) + ": " + errnoText(error) + ")",
                     BaseLogger::ERROR, kTag);
@@ -289,47 +287,40 @@ bool SerialPortPosix::isOpen() const {
 }
 
 void SerialPortPosix::speedConfig(UsbTypes::Baudrate speed) {
-    // 1.
     baudrate.store(UsbTypes::isSupportedBaudrate(speed) ? speed : UsbTypes::Baud115200);
-    // 2. The requested number, not the stored one.
+    // The requested number, not the stored one.
     logger->log("Set baudrate: " + std::to_string(static_cast<std::int32_t>(speed)), BaseLogger::INFO, kTag);
 }
 
 bool SerialPortPosix::serialPortConfig(UsbTypes::Baudrate speed) {
     PortUsage::Scope scope(usage);
     const int handle = fd.load();
-    // 1.
     if (!scope.isEntered() || handle < 0) {
         logger->log("serialPortConfig called with unopened port", BaseLogger::ERROR, kTag);
         return false;
     }
-    // 2.
     speedConfig(speed);
-    // 3.
     termios tio{};
     if (::tcgetattr(handle, &tio) != 0) {
         logger->log(failedCall("tcgetattr", errno), BaseLogger::ERROR, kTag);
         return false;
     }
-    // 4.
     makeRaw8N1(tio);
     const speed_t constant = speedConstant(baudrate.load());
     if (::cfsetispeed(&tio, constant) != 0 || ::cfsetospeed(&tio, constant) != 0) {
         logger->log(failedCall("cfsetspeed", errno), BaseLogger::ERROR, kTag);
         return false;
     }
-    // 5.
     if (::tcsetattr(handle, TCSANOW, &tio) != 0) {
         logger->log(failedCall("tcsetattr", errno), BaseLogger::ERROR, kTag);
         return false;
     }
-    // 6. DTR and RTS on for the whole connection. A pseudo-terminal has no
+    // DTR and RTS on for the whole connection. A pseudo-terminal has no
     // modem lines and refuses; that is no fault of the line.
     int lines = TIOCM_DTR | TIOCM_RTS;
     if (::ioctl(handle, TIOCMBIS, &lines) != 0 && errno != ENOTTY && errno != EINVAL) {
         logger->log(failedCall("ioctl(TIOCMBIS)", errno), BaseLogger::WARNING, kTag);
     }
-    // 7.
     ::tcflush(handle, TCIOFLUSH);
     return true;
 }
@@ -350,7 +341,6 @@ void SerialPortPosix::verifyPortSettings() {
 
 UsbTypes::IoResult SerialPortPosix::readDataImpl(unsigned char* data, unsigned long long size,
                                                  int timeoutMs) {
-    // 1.
     UsbTypes::IoResult result;
     PortUsage::Scope scope(usage);
     const int handle = fd.load();
@@ -363,7 +353,7 @@ UsbTypes::IoResult SerialPortPosix::readDataImpl(unsigned char* data, unsigned l
         result.status = UsbTypes::ReceiveError;
         return result;
     }
-    // 2.-4. Wait until something is there or the time is up.
+    // Wait until something is there or the time is up.
     const Wait wait = waitFor(handle, POLLIN, std::max(timeoutMs, 0));
     if (wait.outcome == WaitOutcome::TimedOut) {
         result.status = UsbTypes::Timeout;
@@ -378,7 +368,7 @@ UsbTypes::IoResult SerialPortPosix::readDataImpl(unsigned char* data, unsigned l
         result.status = UsbTypes::ReceiveError;
         return result;
     }
-    // 5. The queue length; a line that hung up fails here.
+    // The queue length; a line that hung up fails here.
     int queued = 0;
     if (::ioctl(handle, FIONREAD, &queued) != 0) {
         logReadFailure("ioctl(FIONREAD)", errno);
@@ -394,7 +384,7 @@ UsbTypes::IoResult SerialPortPosix::readDataImpl(unsigned char* data, unsigned l
         }
         return result;
     }
-    // 6. Only what is queued, so the call returns at once.
+    // Only what is queued, so the call returns at once.
     const auto count =
         static_cast<std::size_t>(std::min<unsigned long long>(static_cast<unsigned>(queued), size));
     if (count == 0) {
@@ -407,7 +397,6 @@ UsbTypes::IoResult SerialPortPosix::readDataImpl(unsigned char* data, unsigned l
         result.status = UsbTypes::ReceiveError;
         return result;
     }
-    // 7.
     result.bytes = got > 0 ? static_cast<std::uint64_t>(got) : 0;
     result.status = result.bytes == 0 ? UsbTypes::Timeout : UsbTypes::Ok;
     if (result.bytes > 0) {
@@ -417,7 +406,6 @@ UsbTypes::IoResult SerialPortPosix::readDataImpl(unsigned char* data, unsigned l
 }
 
 UsbTypes::IoResult SerialPortPosix::writeDataImpl(unsigned char* data, unsigned long long size) {
-    // 1.
     UsbTypes::IoResult result;
     PortUsage::Scope scope(usage);
     const int handle = fd.load();
@@ -433,7 +421,7 @@ UsbTypes::IoResult SerialPortPosix::writeDataImpl(unsigned char* data, unsigned 
         result.status = UsbTypes::TransmitError;
         return result;
     }
-    // 2. Everything within the write limit, as much as the driver takes.
+    // Everything within the write limit, as much as the driver takes.
     const auto start = Clock::now();
     unsigned long long written = 0;
     while (written < size) {
@@ -447,7 +435,7 @@ UsbTypes::IoResult SerialPortPosix::writeDataImpl(unsigned char* data, unsigned 
             continue;
         }
         if (n < 0 && errno != EAGAIN && errno != EWOULDBLOCK) {
-            // 5. EIO or ENXIO: the device is gone.
+            // EIO or ENXIO: the device is gone.
             logWriteFailure(errno);
             result.status = UsbTypes::TransmitError;
             result.bytes = written;

@@ -58,7 +58,7 @@ SerialPortWindows::~SerialPortWindows() {
 }
 
 std::vector<std::string> SerialPortWindows::getAvailablePorts() {
-    // 1. Probing finds ports that another program holds open, too.
+    // Probing finds ports that another program holds open, too.
     std::vector<std::string> ports;
     char target[512];
     for (int n = 1; n <= 256; ++n) {
@@ -67,32 +67,28 @@ std::vector<std::string> SerialPortWindows::getAvailablePorts() {
             ports.push_back(name);
         }
     }
-    // 2.
     PortNames::sortComPorts(ports);
     return ports;
 }
 
 UsbTypes::Status SerialPortWindows::openPort(std::string& name) {
     std::lock_guard<std::recursive_mutex> lifecycle(lifecycleMutex);
-    // 1. An open port goes first, so a failing reopen loses the old line.
+    // An open port goes first, so a failing reopen loses the old line.
     closePort();
-    // 2.
     const std::string path = normalizePortName(name);
     {
         std::lock_guard<std::mutex> lock(nameMutex);
         portName = name;
     }
-    // 3. Exclusive, synchronous.
+    // Exclusive, synchronous.
     HANDLE opened =
         CreateFileA(path.c_str(), GENERIC_READ | GENERIC_WRITE, 0, nullptr, OPEN_EXISTING, 0, nullptr);
-    // 4.
     if (opened == INVALID_HANDLE_VALUE) {
         const DWORD error = GetLastError();
         logger->log("Error opening port " + name + " (CreateFileA err=" + std::to_string(error) + ")",
                     BaseLogger::ERROR, kTag);
         return UsbTypes::NotAvailable;
     }
-    // 5.
     SetupComm(opened, kQueueSize, kQueueSize);
     PurgeComm(opened, kPurgeAll);
     handle.store(fromHandle(opened));
@@ -101,18 +97,17 @@ UsbTypes::Status SerialPortWindows::openPort(std::string& name) {
 
 UsbTypes::Status SerialPortWindows::closePort() {
     std::lock_guard<std::recursive_mutex> lifecycle(lifecycleMutex);
-    // 1. The handle is given up whatever CloseHandle says.
+    // The handle is given up whatever CloseHandle says.
     const std::intptr_t current = handle.exchange(COM_INVALID_HANDLE);
     if (current == COM_INVALID_HANDLE) {
         return UsbTypes::Ok;
     }
-    // 2. Reads notice the close within a millisecond; a write ends within its
+    // Reads notice the close within a millisecond; a write ends within its
     // own time-out.
     usage.beginClose();
     const BOOL closed = CloseHandle(toHandle(current));
     const DWORD error = GetLastError();
     usage.endClose();
-    // 3.
     if (!closed) {
         logger->log("Error closing port (CloseHandle err=" + std::to_string(error) + ")", BaseLogger::ERROR,
                     kTag);
@@ -126,31 +121,27 @@ bool SerialPortWindows::isOpen() const {
 }
 
 void SerialPortWindows::speedConfig(UsbTypes::Baudrate speed) {
-    // 1.
     baudrate.store(UsbTypes::isSupportedBaudrate(speed) ? speed : UsbTypes::Baud115200);
-    // 2. The requested number, not the stored one.
+    // The requested number, not the stored one.
     logger->log("Set baudrate: " + std::to_string(static_cast<std::int32_t>(speed)), BaseLogger::INFO, kTag);
 }
 
 bool SerialPortWindows::serialPortConfig(UsbTypes::Baudrate speed) {
     PortUsage::Scope scope(usage);
     const std::intptr_t current = handle.load();
-    // 1.
     if (!scope.isEntered() || current == COM_INVALID_HANDLE) {
         logger->log("serialPortConfig called with unopened port", BaseLogger::ERROR, kTag);
         return false;
     }
     HANDLE port = toHandle(current);
-    // 2.
     speedConfig(speed);
-    // 3.
     DCB dcb{};
     dcb.DCBlength = sizeof(DCB);
     if (!GetCommState(port, &dcb)) {
         logger->log(failedWithNumber("GetCommState", GetLastError()), BaseLogger::ERROR, kTag);
         return false;
     }
-    // 4. Only these fields; the rest stays as the driver reported it.
+    // Only these fields; the rest stays as the driver reported it.
     dcb.BaudRate = static_cast<DWORD>(baudrate.load());
     dcb.ByteSize = 8;
     dcb.Parity = NOPARITY;
@@ -163,12 +154,11 @@ bool SerialPortWindows::serialPortConfig(UsbTypes::Baudrate speed) {
     dcb.fOutX = 0;
     dcb.fInX = 0;
     dcb.fRtsControl = RTS_CONTROL_ENABLE;
-    // 5.
     if (!SetCommState(port, &dcb)) {
         logger->log(failedWithNumber("SetCommState", GetLastError()), BaseLogger::ERROR, kTag);
         return false;
     }
-    // 6. ReadFile returns at once with what is queued; a write may take 2 s.
+    // ReadFile returns at once with what is queued; a write may take 2 s.
     COMMTIMEOUTS timeouts{};
     timeouts.ReadIntervalTimeout = 0xFFFFFFFF;
     timeouts.ReadTotalTimeoutMultiplier = 0;
@@ -179,7 +169,6 @@ bool SerialPortWindows::serialPortConfig(UsbTypes::Baudrate speed) {
         logger->log(failedWithNumber("SetCommTimeouts", GetLastError()), BaseLogger::ERROR, kTag);
         return false;
     }
-    // 7.
     PurgeComm(port, kPurgeClear);
     return true;
 }
@@ -203,7 +192,6 @@ void SerialPortWindows::verifyPortSettings() {
 
 UsbTypes::IoResult SerialPortWindows::readDataImpl(unsigned char* data, unsigned long long size,
                                                    int timeoutMs) {
-    // 1.
     UsbTypes::IoResult result;
     PortUsage::Scope scope(usage);
     const std::intptr_t current = handle.load();
@@ -217,7 +205,6 @@ UsbTypes::IoResult SerialPortWindows::readDataImpl(unsigned char* data, unsigned
         return result;
     }
     HANDLE port = toHandle(current);
-    // 2.
     timeoutMs = std::max(timeoutMs, 0);
     const auto start = Clock::now();
     DWORD errors = 0;
@@ -225,7 +212,6 @@ UsbTypes::IoResult SerialPortWindows::readDataImpl(unsigned char* data, unsigned
     // 3., 4. Poll the queue length; ReadFile only takes what is queued.
     for (;;) {
         if (!ClearCommError(port, &errors, &status)) {
-            // 5.
             logger->log(failedWithNumber("ClearCommError", GetLastError()), BaseLogger::ERROR, kTag);
             result.status = UsbTypes::ReceiveError;
             return result;
@@ -245,7 +231,6 @@ UsbTypes::IoResult SerialPortWindows::readDataImpl(unsigned char* data, unsigned
         }
         Sleep(1);
     }
-    // 6.
     const auto wanted = static_cast<DWORD>(std::min<unsigned long long>(status.cbInQue, size));
     DWORD got = 0;
     if (!ReadFile(port, data, wanted, &got, nullptr)) {
@@ -253,14 +238,12 @@ UsbTypes::IoResult SerialPortWindows::readDataImpl(unsigned char* data, unsigned
         result.status = UsbTypes::ReceiveError;
         return result;
     }
-    // 7.
     result.bytes = got;
     result.status = got == 0 ? UsbTypes::Timeout : UsbTypes::Ok;
     return result;
 }
 
 UsbTypes::IoResult SerialPortWindows::writeDataImpl(unsigned char* data, unsigned long long size) {
-    // 1.
     UsbTypes::IoResult result;
     PortUsage::Scope scope(usage);
     const std::intptr_t current = handle.load();
@@ -273,7 +256,7 @@ UsbTypes::IoResult SerialPortWindows::writeDataImpl(unsigned char* data, unsigne
         result.status = UsbTypes::TransmitError;
         return result;
     }
-    // 2. One call for the whole buffer: no chunks, no retry.
+    // One call for the whole buffer: no chunks, no retry.
     const auto requested = static_cast<DWORD>(size);
     DWORD written = 0;
     if (WriteFile(toHandle(current), data, requested, &written, nullptr)) {
@@ -286,7 +269,6 @@ UsbTypes::IoResult SerialPortWindows::writeDataImpl(unsigned char* data, unsigne
         }
         return result;
     }
-    // 5.
     const DWORD error = GetLastError();
     const std::string text = systemErrorText(error);
     const std::string name = currentPortName();

@@ -38,30 +38,27 @@ UsbCommunication::~UsbCommunication() = default;
 
 UsbTypes::Status UsbCommunication::connect(ConnectionMethod method) {
     std::lock_guard<std::mutex> lock(connectionMutex);
-    // 1. Accepted without a word; nothing stands behind it.
+    // Accepted without a word; nothing stands behind it.
     if (method == MethodUsb) {
         connectionMethod = MethodUsb;
         return UsbTypes::Ok;
     }
     if (method != MethodCom) {
-        // 3.
         logger->log(kNoMethod, BaseLogger::WARNING, kTag);
         return UsbTypes::ReceiveError;
     }
-    // 2.1
     if (!serialPort) {
         logger->log(kNoBackend, BaseLogger::ERROR, kTag);
         return UsbTypes::NotAvailable;
     }
-    // 2.2 The method stays as it was when the port cannot be opened.
+    // The method stays as it was when the port cannot be opened.
     if (serialPort->openPort(portName) == UsbTypes::NotAvailable) {
         logger->log("Port " + portName + " is not available!", BaseLogger::ERROR, kTag);
         return UsbTypes::NotAvailable;
     }
-    // 2.3 An open port that would not take its settings still counts as
+    // An open port that would not take its settings still counts as
     // connected; the port has logged why.
     serialPort->serialPortConfig(baudrate);
-    // 2.4
     logger->log("Port " + portName + " is opened!", BaseLogger::INFO, kTag);
     ++connectionGeneration;
     connectionMethod = MethodCom;
@@ -71,27 +68,23 @@ UsbTypes::Status UsbCommunication::connect(ConnectionMethod method) {
 UsbTypes::Status UsbCommunication::disconnect() {
     std::lock_guard<std::mutex> lock(connectionMutex);
     const ConnectionMethod method = connectionMethod;
-    // 1.
     if (method == MethodUsb) {
         connectionMethod = MethodNone;
         return UsbTypes::Ok;
     }
-    // 3.
     if (method != MethodCom) {
         logger->log(kNoMethod, BaseLogger::WARNING, kTag);
         return UsbTypes::ReceiveError;
     }
-    // 2.1
     if (!serialPort) {
         logger->log(kNoBackend, BaseLogger::ERROR, kTag);
         return UsbTypes::CloseError;
     }
-    // 2.2
     if (serialPort->closePort() == UsbTypes::Ok) {
         connectionMethod = MethodNone;
         return UsbTypes::Ok;
     }
-    // 2.3 The method stays; isConnected() asks the port, which has let go.
+    // The method stays; isConnected() asks the port, which has let go.
     logger->log("Could not disconnect to COM port", BaseLogger::ERROR, kTag);
     return UsbTypes::CloseError;
 }
@@ -106,24 +99,20 @@ bool UsbCommunication::isConnected() {
 }
 
 UsbTypes::Status UsbCommunication::toDetermineDevices(ConnectionMethod method) {
-    // 1. The argument decides, not the method in force.
+    // The argument decides, not the method in force.
     if (method == MethodUsb) {
         return UsbTypes::Ok;
     }
-    // 2.
     if (method != MethodCom) {
         logger->log(kNoMethod, BaseLogger::WARNING, kTag);
         return UsbTypes::ReceiveError;
     }
-    // 3.
     if (!serialPort) {
         logger->log(kNoBackend, BaseLogger::ERROR, kTag);
         return UsbTypes::TransmitError;
     }
-    // 4.
     availablePorts.clear();
     availablePorts = serialPort->getAvailablePorts();
-    // 5.
     if (availablePorts.empty()) {
         logger->log("Device COM list is empty", BaseLogger::ERROR, kTag);
         return UsbTypes::TransmitError;
@@ -133,16 +122,13 @@ UsbTypes::Status UsbCommunication::toDetermineDevices(ConnectionMethod method) {
 
 UsbTypes::Status UsbCommunication::write(void* data, unsigned long long size) {
     const ConnectionMethod method = connectionMethod;
-    // 1.
     if (method == MethodUsb) {
         return UsbTypes::NotConnected;
     }
-    // 2.
     if (method != MethodCom) {
         logger->log(kNoMethod, BaseLogger::WARNING, kTag);
         return UsbTypes::NotConnected;
     }
-    // 3.
     const UsbTypes::Status status = writeDataComImpl(static_cast<unsigned char*>(data), size);
     if (status != UsbTypes::Ok) {
         logger->log("Transmit Error COM", BaseLogger::ERROR, kTag);
@@ -151,18 +137,16 @@ UsbTypes::Status UsbCommunication::write(void* data, unsigned long long size) {
 }
 
 UsbTypes::Status UsbCommunication::writeDataComImpl(unsigned char* data, unsigned long long size) {
-    // 1. No line here: write adds its own.
+    // No line here: write adds its own.
     if (!serialPort || !serialPort->isOpen()) {
         return UsbTypes::TransmitError;
     }
     const std::uint64_t generation = connectionGeneration;
-    // 2.
     const UsbTypes::IoResult result = serialPort->writeDataImpl(data, size);
-    // 3.
     if (result.status == UsbTypes::Ok && result.bytes == size) {
         return UsbTypes::Ok;
     }
-    // 4. A failed or short write means the device has gone (a USB serial
+    // A failed or short write means the device has gone (a USB serial
     // adapter pulled out); the reader then finds a closed port.
     std::lock_guard<std::mutex> lock(connectionMutex);
     logger->log("COM write failed; treating as disconnect", BaseLogger::ERROR, kTag);
@@ -184,22 +168,18 @@ UsbTypes::IoResult UsbCommunication::readWithPort(unsigned char* data, unsigned 
 }
 
 UsbTypes::IoResult UsbCommunication::read(void* data, unsigned long long size) {
-    // 1.
     UsbTypes::IoResult result;
     result.status = UsbTypes::NotConnected;
     const ConnectionMethod method = connectionMethod;
-    // 2.
     if (method == MethodUsb) {
         return result;
     }
-    // 3.
     if (method != MethodCom) {
         logger->log(kNoMethod, BaseLogger::WARNING, kTag);
         return result;
     }
-    // 4.
     result = readWithPort(static_cast<unsigned char*>(data), size, kDefaultReadTimeoutMs);
-    // 5. A time-out is no failure.
+    // A time-out is no failure.
     if (result.status == UsbTypes::ReceiveError) {
         logger->log("Receive Error COM", BaseLogger::ERROR, kTag);
     }
@@ -207,11 +187,10 @@ UsbTypes::IoResult UsbCommunication::read(void* data, unsigned long long size) {
 }
 
 UsbTypes::IoResult UsbCommunication::read(void* data, unsigned long long size, int timeoutMs) {
-    // 1.
     if (connectionMethod != MethodCom) {
         return read(data, size);
     }
-    // 2. Straight from the port, unlogged; a closed port answers ReceiveError.
+    // Straight from the port, unlogged; a closed port answers ReceiveError.
     if (!serialPort) {
         UsbTypes::IoResult result;
         result.status = UsbTypes::ReceiveError;
