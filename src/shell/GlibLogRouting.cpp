@@ -34,8 +34,12 @@ void glibPrintErrHandler(const gchar* text) {
 }
 
 void takeOverGlibOutput() {
-    gPrevGlibLogHandler = g_log_set_default_handler(&glibLogHandler, nullptr);
-    gPrevGlibLogHandlerData = nullptr;
+    // A second take-over must not make the handler its own predecessor.
+    GLogFunc previous = g_log_set_default_handler(&glibLogHandler, nullptr);
+    if (previous != &glibLogHandler) {
+        gPrevGlibLogHandler = previous;
+        gPrevGlibLogHandlerData = nullptr;
+    }
     g_set_print_handler(&glibPrintHandler);
     g_set_printerr_handler(&glibPrintErrHandler);
 }
