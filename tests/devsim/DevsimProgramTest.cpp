@@ -1,4 +1,7 @@
+#include "MeridEspSerialFlasher.h"
 #include "SimFrameCodec.h"
+#include "TestSupport.h"
+#include "UsbCommunication.h"
 
 #include <gtest/gtest.h>
 
@@ -187,4 +190,40 @@ TEST(DevsimProgram, RefusesBadOptions) {
     EXPECT_EQ(badDevices.waitForExit(), 2);
     DevsimProcess badNumber({"--baud", "fast"});
     EXPECT_EQ(badNumber.waitForExit(), 2);
+}
+
+// The ESP32 switches: the loader gets through silent syncs, garbage and a
+// refused block, and the flash is written out at exit.
+TEST(DevsimProgram, Esp32SwitchesAndTheFlashWrittenOut) {
+    testsupport::TempDir dir;
+    const std::string flashOut = dir.path() + "/esp32-flash.bin";
+    DevsimProcess devsim({"--esp-flash-size", "1048576", "--esp-silent-syncs", "2", "--esp-garbage", "5",
+                          "--esp-fail-block", "2", "--esp-flash-out", flashOut});
+    const std::string port = devsim.firstLine();
+    ASSERT_FALSE(port.empty());
+
+    Bytes image(2500);
+    for (size_t i = 0; i < image.size(); ++i) {
+        image[i] = static_cast<std::uint8_t>(i * 31 + 7);
+    }
+    const std::string imagePath = dir.path() + "/app.bin";
+    ASSERT_TRUE(testsupport::writeFile(imagePath, image));
+
+    UsbCommunication usb;
+    usb.portName = port;
+    usb.baudrate = UsbTypes::Baud115200;
+    ASSERT_EQ(usb.connect(UsbCommunication::MethodCom), UsbTypes::Ok);
+    std::vector<unsigned char> progress;
+    std::string error;
+    ASSERT_TRUE(MeridEspSerialFlasher::flashBinary(
+        usb, imagePath, {0, 1024, false}, [&](unsigned char p) { progress.push_back(p); }, &error))
+        << error;
+    EXPECT_EQ(progress, (std::vector<unsigned char>{40, 81, 100}));
+    usb.disconnect();
+
+    ASSERT_EQ(devsim.stop(), 0);
+    const Bytes flash = testsupport::readFile(flashOut).value_or(Bytes{});
+    ASSERT_EQ(flash.size(), 1u << 20);
+    EXPECT_EQ(Bytes(flash.begin(), flash.begin() + 2500), image);
+    EXPECT_EQ(Bytes(flash.begin() + 2500, flash.end()), Bytes((1u << 20) - 2500, 0xFF));
 }

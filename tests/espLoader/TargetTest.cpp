@@ -133,21 +133,6 @@ TEST_F(Target, DetectionBySecurityInfoOrTheMagicRegister) {
     }
 }
 
-TEST_F(Target, EveryListedMagicValueFindsItsChip) {
-    for (int chip = 0; chip < ESP_MAX_CHIP; ++chip) {
-        const esp_target_t* row = get_esp_target_data(static_cast<target_chip_t>(chip));
-        for (uint8_t i = 0; i < row->magic_values_count; ++i) {
-            port().reset();
-            ScriptedRom rom;
-            rom.magic = row->chip_magic_value[i];
-            target_chip_t target;
-            const target_registers_t* reg;
-            ASSERT_EQ(detect(target, reg), ESP_LOADER_SUCCESS);
-            EXPECT_EQ(target, chip);
-        }
-    }
-}
-
 TEST_F(Target, P4IsFoundByItsChipIdRegisterWithHighBitsIgnored) {
     target_chip_t target;
     const target_registers_t* reg;

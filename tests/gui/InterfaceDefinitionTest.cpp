@@ -21,9 +21,16 @@ Glib::RefPtr<Gtk::Builder> builder() {
     return Gtk::Builder::create_from_resource("/meridkestalutility/ui/UserInterface.glade");
 }
 
+// The toolkit's class of an object; once gtkmm has started in the process it
+// names its own subclasses "gtkmm__" followed by the toolkit's name.
 std::string className(const Glib::RefPtr<Gtk::Builder>& ui, const char* id) {
     GObject* object = gtk_builder_get_object(ui->gobj(), id);
-    return object != nullptr ? G_OBJECT_TYPE_NAME(object) : "<missing>";
+    if (object == nullptr) {
+        return "<missing>";
+    }
+    const std::string name = G_OBJECT_TYPE_NAME(object);
+    const std::string wrapped = "gtkmm__";
+    return name.rfind(wrapped, 0) == 0 ? name.substr(wrapped.size()) : name;
 }
 
 // The dialogs of the file still use the action area, which GTK 3 keeps
