@@ -358,29 +358,6 @@ TEST_F(WindowWidgets, CancelledFileDialogKeepsTheStoredPath) {
     EXPECT_FALSE(fileDialog->get_visible());
 }
 
-TEST_F(WindowWidgets, MenuItemsRaiseTheirKeys) {
-    CapturingLogger captured;
-    // Before the dialog was ever opened it has no link to close.
-    ui.get<Gtk::MenuItem>("DisconnectImageMenuItem")->activate();
-    EXPECT_TRUE(captured.contains("MainWindow: Disconnect USB Device", BaseLogger::INFO));
-    EXPECT_TRUE(captured.contains("MenuBar: Error with USB disconnection!", BaseLogger::ERROR));
-
-    ui.get<Gtk::MenuItem>("ConnectImageMenuItem")->activate();
-    EXPECT_TRUE(captured.contains("MenuBar: Connection/Connect", BaseLogger::DEBUG));
-    EXPECT_TRUE(captured.contains("MenuBar: USB connection window open!", BaseLogger::DEBUG));
-    EXPECT_TRUE(dialog()->get_visible());
-    dialog()->hide();
-
-    // Now it has one, not connected: nothing to do counts as success.
-    ui.get<Gtk::MenuItem>("DisconnectImageMenuItem")->activate();
-    EXPECT_TRUE(captured.contains("MenuBar: USB disconnection success!", BaseLogger::DEBUG));
-
-    ui.get<Gtk::MenuItem>("QuitImageMenuItem")->activate();
-    EXPECT_TRUE(captured.contains("MenuBar: Connection/Quit", BaseLogger::DEBUG));
-    EXPECT_TRUE(captured.contains("MainWindow: QuitApp", BaseLogger::DEBUG));
-    EXPECT_FALSE(captured.contains("MenuBar: Error with closing"));
-}
-
 TEST_F(WindowWidgets, SearchWithoutALinkLogsAndListsNothing) {
     CapturingLogger captured;
     ui.get<Gtk::Button>("SearchDeviceButton")->clicked();

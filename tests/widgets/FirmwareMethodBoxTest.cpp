@@ -94,18 +94,6 @@ TEST(FirmwareMethodBox, UploadClickRaisesTheEraseStage) {
     EXPECT_EQ(stages, (std::vector<LoadStage>{Erase, Erase}));
 }
 
-TEST(FirmwareMethodBox, LanguageFlipsBackAndForth) {
-    KeyRecorder keys;
-    auto builder = loadInterface();
-    widgettest::ToplevelsGuard guard(builder);
-    auto box = makeBox(builder);
-    box->redefinitionLabeles();
-    EXPECT_EQ(child<Gtk::Label>(builder, "FirmwareMethodLable")->get_text(), "Device for flashing");
-    EXPECT_EQ(child<Gtk::Button>(builder, "UploadButton")->get_label(), "Upload");
-    box->redefinitionLabeles();
-    EXPECT_EQ(child<Gtk::Label>(builder, "FirmwareMethodLable")->get_text(), "Устройство для прошивки");
-}
-
 TEST(FirmwareMethodBox, StartsWithoutItsLabelOrItsList) {
     KeyRecorder keys;
     keys.answer(SELECT_STM32, GlobalHandlerEvents::Success);

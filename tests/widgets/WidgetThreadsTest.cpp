@@ -141,16 +141,6 @@ TEST_F(DeviceListBoxTest, TheWidgetsEndWaitsForAPassInFlight) {
     EXPECT_TRUE(ended(captured, 1));
 }
 
-TEST_F(DeviceListBoxTest, LabelsFlip) {
-    auto* label = dynamic_cast<Gtk::Label*>(builder->get_object("DeviceListLable").get());
-    EXPECT_EQ(label->get_label(), "Список устройств");
-    EXPECT_EQ(button->get_label(), "Поиск устройств");
-    box->redefinitionLabeles();
-    EXPECT_EQ(label->get_label(), "Device list");
-    EXPECT_EQ(button->get_label(), "Search devices");
-    EXPECT_FALSE(box->isFoundSame("Device list"));
-}
-
 TEST(SelectFirmwareBoxThreads, ThePathIsAskedForWhileTheWindowChangesTheChoice) {
     KeyRecorder keys;
     auto builder = loadInterface();
