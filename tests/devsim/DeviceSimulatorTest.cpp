@@ -129,90 +129,6 @@ protected:
 
 } // namespace
 
-TEST_F(DeviceSimulatorTest, AnswersASearchAndJournalsTheFrame) {
-    const Bytes search{0x7E, 0x02, 0x01, 0xFF, 0x01, 0x74};
-    ASSERT_EQ(port->send(search), 6);
-    const Bytes answer = port->receive(79, 2000ms);
-    ASSERT_EQ(answer.size(), 79u);
-    EXPECT_EQ(answer[0], 0x7E);
-    EXPECT_EQ(answer[1], 75);
-    EXPECT_EQ(answer[2], 1);
-    EXPECT_EQ(answer[3], 2);
-    EXPECT_EQ(answer[4], 0);
-    auto journal = simulator.journal();
-    ASSERT_EQ(journal.size(), 1u);
-    EXPECT_EQ(journal[0].raw, search);
-    EXPECT_TRUE(journal[0].crcOk);
-    EXPECT_EQ(simulator.answersSent(), 1u);
-}
-
-TEST_F(DeviceSimulatorTest, SecondDeviceAnswersTheBroadcastToo) {
-    simulator.addDevice(SimDevice::standard(3, "Aux"));
-    port->send(frame({1, 255, 1}));
-    const Bytes answers = port->receive(2 * 79, 2000ms);
-    ASSERT_EQ(answers.size(), 158u);
-    EXPECT_EQ(answers[3], 2);
-    EXPECT_EQ(answers[79 + 3], 3);
-    // Addressed requests reach one device only.
-    port->send(frame({2, 3, 5, 0}));
-    const Bytes field = port->receive(100, 300ms);
-    ASSERT_GE(field.size(), 6u);
-    EXPECT_EQ(field[3], 3);
-    EXPECT_EQ(field.size(), 3u + 5 + 5);
-}
-
-TEST_F(DeviceSimulatorTest, FaultsSilenceCorruptAndRefuse) {
-    simulator.silenceNext(1);
-    port->send(frame({1, 2, 5, 0}));
-    EXPECT_TRUE(port->receive(1, 200ms).empty());
-    EXPECT_EQ(simulator.journalSize(), 1u);
-
-    simulator.corruptNext(1);
-    port->send(frame({2, 2, 5, 0}));
-    Bytes answer = port->receive(13, 1000ms);
-    ASSERT_EQ(answer.size(), 13u);
-    EXPECT_NE(answer.back(), SimFrameCodec::encode(Bytes(answer.begin() + 2, answer.end() - 1)).back());
-
-    simulator.failNext(8, 0x44, 1, 1);
-    port->send(frame({3, 2, 5, 0})); // not a file write: untouched
-    EXPECT_EQ(port->receive(13, 1000ms), frame({3, 2, 0, 8, 5, 'e', 'r', 'a', 's', 'e'}));
-    port->send(frame({4, 2, 8, 0, 0, 0, 0, 0}));
-    EXPECT_EQ(port->receive(6, 1000ms), frame({4, 2, 0}));
-    port->send(frame({5, 2, 8, 0, 0, 0, 0, 0}));
-    EXPECT_EQ(port->receive(6, 1000ms), frame({5, 2, 0x44}));
-
-    // A frame with a wrong check code is journaled and not answered.
-    Bytes bad = frame({6, 2, 5, 0});
-    bad.back() ^= 0xFF;
-    port->send(bad);
-    EXPECT_TRUE(port->receive(1, 200ms).empty());
-    EXPECT_FALSE(simulator.journal().back().crcOk);
-
-    // Unknown addresses get no answer.
-    port->send(frame({7, 9, 5, 0}));
-    EXPECT_TRUE(port->receive(1, 200ms).empty());
-}
-
-TEST_F(DeviceSimulatorTest, GarbageAndSplitWritesStillCarryTheFrame) {
-    DeviceSimulator::Faults faults;
-    faults.garbageBytes = 5;
-    faults.splitWrites = true;
-    faults.splitPiece = 2;
-    faults.splitGap = 2ms;
-    simulator.setFaults(faults);
-    const auto start = std::chrono::steady_clock::now();
-    port->send(frame({1, 2, 5, 1}));
-    const Bytes expected = frame({1, 2, 0, 8, 6, 'r', 'e', 'b', 'o', 'o', 't'});
-    const Bytes answer = port->receive(5 + expected.size(), 2000ms);
-    ASSERT_EQ(answer.size(), 5 + expected.size());
-    for (int i = 0; i < 5; ++i) {
-        EXPECT_NE(answer[i], 0x7E);
-    }
-    EXPECT_EQ(Bytes(answer.begin() + 5, answer.end()), expected);
-    // Nine pieces, 2 ms apart.
-    EXPECT_GE(std::chrono::steady_clock::now() - start, 16ms);
-}
-
 TEST_F(DeviceSimulatorTest, PacedLinkIsNoFasterThanTheWire) {
     simulator.setPacing(9600, 1ms);
     const auto start = std::chrono::steady_clock::now();
@@ -229,18 +145,6 @@ TEST_F(DeviceSimulatorTest, RecognisesTheDfuBlock) {
     EXPECT_EQ(journal[0].kind, DeviceSimulator::JournalEntry::DfuRequest);
     EXPECT_TRUE(port->receive(1, 100ms).empty());
     EXPECT_EQ(simulator.strayBytes(), 30u);
-}
-
-TEST_F(DeviceSimulatorTest, UnplugClosesTheLinkUnderTheProgram) {
-    simulator.unplug();
-    for (int i = 0; i < 200 && !simulator.isUnplugged(); ++i) {
-        std::this_thread::sleep_for(1ms);
-    }
-    ASSERT_TRUE(simulator.isUnplugged());
-    EXPECT_TRUE(port->receive(1, 500ms).empty());
-    EXPECT_TRUE(port->ended);
-    EXPECT_LT(port->send(frame({1, 255, 1})), 0);
-    EXPECT_EQ(errno, EIO);
 }
 
 TEST_F(DeviceSimulatorTest, UnplugAfterAnAgreedNumberOfFrames) {
