@@ -66,7 +66,7 @@ public:
 private:
     // Only the builder constructs the window, through get_widget_derived.
     friend class Gtk::Builder;
-    // The GUI tests look at the model and the link behind the window.
+    // The load benchmark times a load by the model and the link behind the window.
     friend class MainWindowTestAccess;
     MainWindow(BaseObjectType* cobject, const Glib::RefPtr<Gtk::Builder>& builder);
 

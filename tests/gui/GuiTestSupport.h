@@ -1,8 +1,8 @@
 #pragma once
 
 #include "MainWindow.h"
-#include "MainWindowTestAccess.h"
 
+#include <gtest/gtest.h>
 #include <gtkmm.h>
 
 #include <chrono>
@@ -12,7 +12,7 @@
 namespace guitest {
 
 // The application the windows of a test process belong to, made once, with
-// the interface bundle registered as the program registers it.
+// the bundles registered as the program registers them.
 Glib::RefPtr<Gtk::Application>& application();
 
 // Runs the toolkit's pending events until `done` holds or `timeout` has
@@ -21,6 +21,9 @@ bool pumpUntil(const std::function<bool()>& done,
                std::chrono::milliseconds timeout = std::chrono::milliseconds(5000));
 // Runs the pending events for `duration`.
 void pumpFor(std::chrono::milliseconds duration);
+
+// The widget with builder id `id` among the program's windows, or null.
+Gtk::Widget* findWidget(const char* id);
 
 // The window as the program builds it. Handlers of an earlier window are
 // dropped first: they point at a window that is gone.
@@ -36,21 +39,17 @@ public:
     // A widget of the interface by its builder id; fails the test when the
     // id is missing or of another class.
     template <typename T> T* get(const char* id) {
-        auto object = MainWindowTestAccess::builder(*mainWindow)->get_object(id);
-        T* widget = dynamic_cast<T*>(object.get());
+        T* widget = dynamic_cast<T*>(findWidget(id));
         if (widget == nullptr) {
-            reportMissing(id);
+            ADD_FAILURE() << "no widget \"" << id << "\" of the expected class";
         }
         return widget;
     }
 
-    std::string labelText(const char* id);
-    std::string buttonText(const char* id);
-    std::string menuItemText(const char* id);
+    // The label of a label, button or menu item.
+    std::string text(const char* id);
 
 private:
-    void reportMissing(const char* id);
-
     MainWindow* mainWindow = nullptr;
 };
 
