@@ -1,49 +1,30 @@
-// The connection dialog over a link whose port a test controls.
+// The connection dialog over a link whose port the test controls: the port
+// list, the connect with the chosen port and speed, and the answers of
+// connect and disconnect when the port misbehaves.
 #include "ConnectionDialog.h"
 #include "FakeSerialPort.h"
 #include "TestSupport.h"
 #include "WidgetTestSupport.h"
 
-#include <gtest/gtest.h>
-
 #include <memory>
 #include <string>
 #include <vector>
 
-using MeridKestalWidgets::ConnectionDialog;
 using testsupport::CapturingLogger;
-using widgettest::KeyRecorder;
-using widgettest::loadInterface;
 
 namespace {
 
-class ConnectionDialogTest : public ::testing::Test {
+class ConnectionDialogTest : public widgettest::DerivedWidgetTest<MeridKestalWidgets::ConnectionDialog> {
 protected:
-    void SetUp() override {
+    ConnectionDialogTest() : DerivedWidgetTest("ConnectionDialog") {
         auto fake = std::make_unique<FakeSerialPort>();
         port = fake.get();
         usb = std::make_unique<UsbCommunication>(std::move(fake));
-        builder = loadInterface();
-        guard = std::make_unique<widgettest::ToplevelsGuard>(builder);
-        ConnectionDialog* made = nullptr;
-        builder->get_widget_derived("ConnectionDialog", made);
-        dialog.reset(made);
-        ASSERT_NE(dialog, nullptr);
-        owner = std::make_unique<Gtk::Window>();
     }
 
-    void TearDown() override {
-        dialog.reset();
-        guard.reset();
-    }
-
-    template <typename T> T& child(const char* id) {
-        return *dynamic_cast<T*>(builder->get_object(id).get());
-    }
-
-    std::vector<std::string> entries(const char* id) {
+    std::vector<std::string> ports() {
         std::vector<std::string> texts;
-        for (const auto& row : child<Gtk::ComboBoxText>(id).get_model()->children()) {
+        for (const auto& row : portList().get_model()->children()) {
             Glib::ustring text;
             row.get_value(0, text);
             texts.push_back(text);
@@ -51,169 +32,109 @@ protected:
         return texts;
     }
 
+    Gtk::ComboBoxText& portList() { return child<Gtk::ComboBoxText>("PortsListComboTextBox"); }
+    Gtk::ComboBoxText& speeds() { return child<Gtk::ComboBoxText>("BaudratesListComboTextBox"); }
+
     // Opens the dialog as the window does.
     void open() {
-        dialog->setUsbConnetctionPtr(*usb);
-        dialog->setOwner(owner.get());
-        dialog->show();
-        owner->set_sensitive(false);
+        widget->setUsbConnetctionPtr(*usb);
+        widget->setOwner(&owner);
+        widget->show();
+        owner.set_sensitive(false);
     }
 
-    KeyRecorder keys;
+    void pressConnect() { child<Gtk::Button>("DialogConnectButton").clicked(); }
+
     FakeSerialPort* port = nullptr;
     std::unique_ptr<UsbCommunication> usb;
-    Glib::RefPtr<Gtk::Builder> builder;
-    std::unique_ptr<widgettest::ToplevelsGuard> guard;
-    std::unique_ptr<ConnectionDialog> dialog;
-    std::unique_ptr<Gtk::Window> owner;
+    Gtk::Window owner;
 };
 
 } // namespace
 
-TEST_F(ConnectionDialogTest, ControlsAreFilledOnceWithTheirDefaults) {
-    EXPECT_EQ(dialog->get_title(), "Connection");
-    EXPECT_EQ(entries("BaudratesListComboTextBox"),
-              (std::vector<std::string>{"57600", "115200", "230400", "460800", "500000", "576000", "921600",
-                                        "1000000", "2000000"}));
-    EXPECT_EQ(child<Gtk::ComboBoxText>("BaudratesListComboTextBox").get_active_text(), "115200");
-    // The hidden type and protocol controls, English whatever the language.
-    EXPECT_EQ(entries("TypeConnectionComboBoxText"), (std::vector<std::string>{"TCP", "Serial"}));
-    EXPECT_EQ(child<Gtk::ComboBoxText>("TypeConnectionComboBoxText").get_active_text(), "Serial");
-    EXPECT_EQ(entries("ProtocolTypeComboBoxText"), std::vector<std::string>{"Payload"});
-    // No link yet: the port list is left alone.
-    EXPECT_TRUE(entries("PortsListComboTextBox").empty());
-    EXPECT_EQ(child<Gtk::Label>("PortLabel").get_label(), "Порт");
-    dialog->redefinitionLabeles();
-    EXPECT_EQ(child<Gtk::Label>("PortLabel").get_label(), "Port");
-    EXPECT_EQ(child<Gtk::Button>("DialogConnectButton").get_label(), "Connect");
-    EXPECT_EQ(dialog->get_title(), "Connection");
-    EXPECT_EQ(entries("TypeConnectionComboBoxText"), (std::vector<std::string>{"TCP", "Serial"}));
-}
-
-TEST_F(ConnectionDialogTest, TheLastPortIsChosenAfterEachReset) {
+TEST_F(ConnectionDialogTest, TheLastPortIsChosenAfterEachResetAndNoneWhenThereIsNone) {
     port->ports = {"/dev/ttyUSB0", "/dev/ttyUSB1", "/dev/ttyUSB2"};
     open();
-    EXPECT_EQ(entries("PortsListComboTextBox"), port->ports);
-    EXPECT_EQ(child<Gtk::ComboBoxText>("PortsListComboTextBox").get_active_text(), "/dev/ttyUSB2");
-    child<Gtk::ComboBoxText>("PortsListComboTextBox").set_active(0);
-    child<Gtk::ComboBoxText>("BaudratesListComboTextBox").set_active_text("921600");
+    EXPECT_EQ(ports(), port->ports);
+    EXPECT_EQ(portList().get_active_text(), "/dev/ttyUSB2");
+    speeds().set_active_text("921600");
 
     port->ports = {"/dev/ttyACM0", "/dev/ttyACM1"};
     child<Gtk::Button>("ResetSearchPortsButton").clicked();
-    EXPECT_EQ(entries("PortsListComboTextBox"), port->ports);
-    EXPECT_EQ(child<Gtk::ComboBoxText>("PortsListComboTextBox").get_active_text(), "/dev/ttyACM1");
-    // The speeds are not touched by a reset.
-    EXPECT_EQ(entries("BaudratesListComboTextBox").size(), 9u);
-    EXPECT_EQ(child<Gtk::ComboBoxText>("BaudratesListComboTextBox").get_active_text(), "921600");
+    EXPECT_EQ(ports(), port->ports);
+    EXPECT_EQ(portList().get_active_text(), "/dev/ttyACM1");
+    // The speed is not touched by a reset.
+    EXPECT_EQ(speeds().get_active_text(), "921600");
 
     port->ports.clear();
-    CapturingLogger captured;
     child<Gtk::Button>("ResetSearchPortsButton").clicked();
-    EXPECT_EQ(entries("PortsListComboTextBox"), std::vector<std::string>{"None"});
-    EXPECT_TRUE(captured.contains("UsbCommunication: Device COM list is empty", BaseLogger::ERROR));
+    EXPECT_EQ(ports(), std::vector<std::string>{"None"});
+    CapturingLogger captured;
+    pressConnect();
+    EXPECT_TRUE(captured.contains(
+        "ConnectionDialog: No COM ports available/selected. Plug the device in and press Reset/Search ports.",
+        BaseLogger::ERROR));
+    EXPECT_EQ(port->openCalls, 0);
+    EXPECT_TRUE(widget->get_visible());
 }
 
 TEST_F(ConnectionDialogTest, ConnectUsesTheChoiceAndAPressWhileConnectedReconnects) {
     port->ports = {"/dev/ttyUSB0", "/dev/ttyUSB1"};
     open();
-    child<Gtk::ComboBoxText>("BaudratesListComboTextBox").set_active_text("921600");
-    CapturingLogger captured;
-    child<Gtk::Button>("DialogConnectButton").clicked();
-    EXPECT_EQ(port->openCalls, 1);
+    speeds().set_active_text("921600");
+    pressConnect();
     EXPECT_EQ(port->openedName, "/dev/ttyUSB1");
     EXPECT_EQ(port->configuredSpeed, UsbTypes::Baud921600);
-    EXPECT_TRUE(captured.contains("ConnectionDialog: Connection success", BaseLogger::INFO));
-    EXPECT_FALSE(dialog->get_visible());
-    EXPECT_TRUE(owner->get_sensitive());
-    EXPECT_EQ(dialog->connect(), 0); // already connected: nothing to do
+    EXPECT_FALSE(widget->get_visible());
+    EXPECT_TRUE(owner.get_sensitive());
 
     open();
-    child<Gtk::ComboBoxText>("PortsListComboTextBox").set_active_text("/dev/ttyUSB0");
-    child<Gtk::Button>("DialogConnectButton").clicked();
+    portList().set_active_text("/dev/ttyUSB0");
+    pressConnect();
     EXPECT_EQ(port->closeCalls, 1);
     EXPECT_EQ(port->openCalls, 2);
     EXPECT_EQ(port->openedName, "/dev/ttyUSB0");
-    EXPECT_TRUE(usb->isConnected());
-}
 
-TEST_F(ConnectionDialogTest, AFailedConnectKeepsTheDialogOpen) {
-    port->ports = {"/dev/ttyUSB0"};
-    port->openResult = UsbTypes::NotAvailable;
-    open();
-    CapturingLogger captured;
-    child<Gtk::Button>("DialogConnectButton").clicked();
-    EXPECT_TRUE(captured.contains(
-        "ConnectionDialog: Connection failed (see SerialPort/UsbCommunication logs for details)",
-        BaseLogger::ERROR));
-    EXPECT_TRUE(dialog->get_visible());
-    EXPECT_FALSE(owner->get_sensitive());
-    EXPECT_FALSE(usb->isConnected());
-}
-
-TEST_F(ConnectionDialogTest, AnUnreadableSpeedFallsBackTo115200) {
-    port->ports = {"/dev/ttyUSB0"};
-    open();
-    child<Gtk::ComboBoxText>("BaudratesListComboTextBox").append("fast");
-    child<Gtk::ComboBoxText>("BaudratesListComboTextBox").set_active_text("fast");
-    EXPECT_EQ(dialog->connect(), 0);
-    EXPECT_EQ(port->configuredSpeed, UsbTypes::Baud115200);
-}
-
-TEST_F(ConnectionDialogTest, DisconnectAnswers) {
-    // No link known yet.
-    EXPECT_EQ(dialog->disconnect(), 1);
-    EXPECT_EQ(dialog->connect(), 1);
-    port->ports = {"/dev/ttyUSB0"};
-    open();
-    // Not connected: nothing to do is success, and the port is not touched.
-    EXPECT_EQ(dialog->disconnect(), 0);
-    EXPECT_EQ(port->closeCalls, 0);
-    ASSERT_EQ(dialog->connect(), 0);
-    port->closeResult = UsbTypes::CloseError;
-    EXPECT_EQ(dialog->disconnect(), 1);
-    port->closeResult = UsbTypes::Ok;
-    ASSERT_EQ(dialog->connect(), 0);
-    EXPECT_EQ(dialog->disconnect(), 0);
-    EXPECT_FALSE(usb->isConnected());
-}
-
-TEST_F(ConnectionDialogTest, ALinkThatDroppedByItselfIsOpenedAgain) {
-    port->ports = {"/dev/ttyUSB0"};
-    open();
-    child<Gtk::Button>("DialogConnectButton").clicked();
-    ASSERT_TRUE(usb->isConnected());
-    // The cable is pulled: the next write fails and the link drops.
+    // The cable is pulled: the next write fails and the link drops; the
+    // next press opens it again.
     port->writeStatus = UsbTypes::TransmitError;
     unsigned char byte = 0x7E;
     usb->write(&byte, 1);
     ASSERT_FALSE(usb->isConnected());
-
     port->writeStatus = UsbTypes::Ok;
     open();
-    CapturingLogger captured;
-    child<Gtk::Button>("DialogConnectButton").clicked();
-    EXPECT_EQ(port->openCalls, 2);
+    pressConnect();
+    EXPECT_EQ(port->openCalls, 3);
     EXPECT_TRUE(usb->isConnected());
-    EXPECT_TRUE(captured.contains("ConnectionDialog: Connection success", BaseLogger::INFO));
-    EXPECT_FALSE(dialog->get_visible());
+
+    // A speed that is not a number falls back to 115200.
+    speeds().append("fast");
+    speeds().set_active_text("fast");
+    ASSERT_EQ(widget->disconnect(), 0);
+    EXPECT_EQ(widget->connect(), 0);
+    EXPECT_EQ(port->configuredSpeed, UsbTypes::Baud115200);
 }
 
-TEST_F(ConnectionDialogTest, EveryWayOfClosingGivesTheOwnerBack) {
+TEST_F(ConnectionDialogTest, FailuresOfThePortAreAnsweredAndKeepTheDialogOpen) {
+    // No link known yet.
+    EXPECT_EQ(widget->disconnect(), 1);
+    EXPECT_EQ(widget->connect(), 1);
+    port->ports = {"/dev/ttyUSB0"};
+    port->openResult = UsbTypes::NotAvailable;
     open();
-    child<Gtk::Button>("DialogCloseButton").clicked();
-    EXPECT_TRUE(owner->get_sensitive());
+    CapturingLogger captured;
+    pressConnect();
+    EXPECT_TRUE(captured.contains(
+        "ConnectionDialog: Connection failed (see SerialPort/UsbCommunication logs for details)",
+        BaseLogger::ERROR));
+    EXPECT_TRUE(widget->get_visible());
+    EXPECT_FALSE(owner.get_sensitive());
 
-    open();
-    ASSERT_TRUE(widgettest::pumpUntil([&] { return dialog->get_mapped(); }));
-    GdkEvent* event = gdk_event_new(GDK_DELETE);
-    event->any.window = GDK_WINDOW(g_object_ref(dialog->get_window()->gobj()));
-    gtk_main_do_event(event);
-    gdk_event_free(event);
-    EXPECT_FALSE(dialog->get_visible());
-    EXPECT_TRUE(owner->get_sensitive());
-    // Still there for the next opening.
-    open();
-    EXPECT_TRUE(dialog->get_visible());
-    dialog->hide();
-    EXPECT_TRUE(owner->get_sensitive());
+    // Not connected: nothing to do is success, and the port is not touched.
+    EXPECT_EQ(widget->disconnect(), 0);
+    EXPECT_EQ(port->closeCalls, 0);
+    port->openResult = UsbTypes::Ok;
+    ASSERT_EQ(widget->connect(), 0);
+    port->closeResult = UsbTypes::CloseError;
+    EXPECT_EQ(widget->disconnect(), 1);
 }

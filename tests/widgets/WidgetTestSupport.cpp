@@ -2,15 +2,9 @@
 
 #include "MeridResources.h"
 
-#include <gio/gio.h>
-
 namespace widgettest {
 
-namespace {
-constexpr const char* kResource = "/meridkestalutility/ui/UserInterface.glade";
-}
-
-Glib::RefPtr<Gtk::Builder> loadInterface(const std::function<void(std::string&)>& edit) {
+Glib::RefPtr<Gtk::Builder> loadInterface() {
     static const bool ready = [] {
         gtk_init(nullptr, nullptr);
         Gtk::Main::init_gtkmm_internals();
@@ -20,16 +14,7 @@ Glib::RefPtr<Gtk::Builder> loadInterface(const std::function<void(std::string&)>
         return true;
     }();
     (void)ready;
-    if (!edit) {
-        return Gtk::Builder::create_from_resource(kResource);
-    }
-    GBytes* bytes = g_resources_lookup_data(kResource, G_RESOURCE_LOOKUP_FLAGS_NONE, nullptr);
-    gsize size = 0;
-    const auto* data = static_cast<const char*>(g_bytes_get_data(bytes, &size));
-    std::string text(data, size);
-    g_bytes_unref(bytes);
-    edit(text);
-    return Gtk::Builder::create_from_string(text);
+    return Gtk::Builder::create_from_resource("/meridkestalutility/ui/UserInterface.glade");
 }
 
 bool pumpUntil(const std::function<bool()>& done, std::chrono::milliseconds timeout) {
@@ -67,7 +52,7 @@ int KeyRecorder::count(HandlersFuncKeys key) const {
     return found == counts.end() ? 0 : found->second;
 }
 
-ToplevelsGuard::~ToplevelsGuard() {
+void destroyToplevels(const Glib::RefPtr<Gtk::Builder>& builder) {
     for (const char* id : {"MainWindow", "ConnectionDialog", "OpenFileDialog"}) {
         GObject* object = gtk_builder_get_object(builder->gobj(), id);
         if (object != nullptr && GTK_IS_WIDGET(object)) {
