@@ -4,6 +4,8 @@
 
 #include <cstdio>
 
+using testsupport::ToolkitLoop;
+
 namespace guitest {
 
 Bytes makeImage(std::size_t size, std::uint32_t seed) {
@@ -67,7 +69,8 @@ void BoardLoadTest::connect() {
     ui->get<Gtk::ComboBoxText>("BaudratesListComboTextBox")->set_active_text("921600");
     ui->get<Gtk::Button>("DialogConnectButton")->clicked();
     // Only a connect that worked hides the dialog.
-    ASSERT_TRUE(pumpUntil([&] { return !ui->get<Gtk::Dialog>("ConnectionDialog")->get_visible(); }));
+    ASSERT_TRUE(
+        ToolkitLoop::runUntil([&] { return !ui->get<Gtk::Dialog>("ConnectionDialog")->get_visible(); }));
     ASSERT_TRUE(windowSensitive());
 }
 
@@ -81,8 +84,9 @@ void BoardLoadTest::search() {
     const std::string answer = "PayloadHandler: field info response (device " + std::to_string(kAddress);
     auto* list = ui->get<Gtk::ListBox>("ListDeviceListBox");
     ui->get<Gtk::Button>("SearchDeviceButton")->clicked();
-    ASSERT_TRUE(pumpUntil([&] { return !list->get_children().empty() && captured->count(answer) >= fields; },
-                          std::chrono::seconds(20)));
+    ASSERT_TRUE(ToolkitLoop::runUntil(
+        [&] { return !list->get_children().empty() && captured->count(answer) >= fields; },
+        std::chrono::seconds(20)));
 }
 
 void BoardLoadTest::chooseMethod(const std::string& method) {
@@ -126,7 +130,7 @@ void BoardLoadTest::pressUpload() {
 
 bool BoardLoadTest::watchUntil(const std::function<bool()>& done, LoadWatch& watch,
                                std::chrono::milliseconds timeout) {
-    watch.finished = pumpUntil(
+    watch.finished = ToolkitLoop::runUntil(
         [&] {
             const double value = barValue();
             if (watch.barValues.empty() || watch.barValues.back() != value) {

@@ -12,8 +12,7 @@ using guitest::BoardLoadTest;
 using guitest::Bytes;
 using guitest::LoadWatch;
 using guitest::makeImage;
-using guitest::pumpFor;
-using guitest::pumpUntil;
+using testsupport::ToolkitLoop;
 
 namespace {
 
@@ -43,11 +42,11 @@ protected:
 
     // Waits for the window to come back after a flash that failed with `why`.
     void expectFailure(const std::string& why) {
-        ASSERT_TRUE(pumpUntil(
+        ASSERT_TRUE(ToolkitLoop::runUntil(
             [&] { return captured->contains("MainWindow: ESP32 flashing failed: ", BaseLogger::ERROR); },
             std::chrono::seconds(60)));
         EXPECT_TRUE(captured->contains("MainWindow: ESP32 flashing failed: " + why)) << why;
-        EXPECT_TRUE(pumpUntil([&] { return windowSensitive(); }));
+        EXPECT_TRUE(ToolkitLoop::runUntil([&] { return windowSensitive(); }));
         EXPECT_NE(statusText(), kFlashedText);
         captured->clear();
     }
@@ -97,7 +96,7 @@ TEST_F(Esp32Flash, AnEmptyPathStartsNothingAndAOneByteImageFailsAtTheStart) {
     pressUpload();
     EXPECT_TRUE(windowSensitive());
     EXPECT_TRUE(captured->contains("MainWindow: File path is empty or did't exist", BaseLogger::WARNING));
-    pumpFor(std::chrono::milliseconds(500));
+    ToolkitLoop::runFor(std::chrono::milliseconds(500));
     EXPECT_EQ(board.journalSize(), 0u);
     EXPECT_EQ(chip->counters().syncs, 0u);
 
@@ -124,7 +123,7 @@ TEST_F(Esp32Flash, ARefusedBlockAtFortyPercentKeepsTheBarThere) {
     pickFile(writeFile("esp32.bin", bytes));
     pressUpload();
     expectFailure("esp_loader_flash_write failed: 9");
-    pumpFor(std::chrono::milliseconds(200));
+    ToolkitLoop::runFor(std::chrono::milliseconds(200));
     EXPECT_EQ(barValue(), 40.0);
     EXPECT_EQ(statusText(), "40%");
 

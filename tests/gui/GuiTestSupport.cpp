@@ -19,25 +19,6 @@ Glib::RefPtr<Gtk::Application>& application() {
     return app;
 }
 
-bool pumpUntil(const std::function<bool()>& done, std::chrono::milliseconds timeout) {
-    const auto deadline = std::chrono::steady_clock::now() + timeout;
-    while (!done()) {
-        if (std::chrono::steady_clock::now() >= deadline) {
-            return done();
-        }
-        if (Gtk::Main::events_pending()) {
-            Gtk::Main::iteration(false);
-        } else {
-            g_usleep(1000);
-        }
-    }
-    return true;
-}
-
-void pumpFor(std::chrono::milliseconds duration) {
-    pumpUntil([] { return false; }, duration);
-}
-
 namespace {
 
 // The builder names each object after its id; internal children and the

@@ -1,12 +1,11 @@
 #pragma once
 
 #include "MainWindow.h"
+#include "ToolkitLoop.h"
 
 #include <gtest/gtest.h>
 #include <gtkmm.h>
 
-#include <chrono>
-#include <functional>
 #include <string>
 
 namespace guitest {
@@ -14,13 +13,6 @@ namespace guitest {
 // The application the windows of a test process belong to, made once, with
 // the bundles registered as the program registers them.
 Glib::RefPtr<Gtk::Application>& application();
-
-// Runs the toolkit's pending events until `done` holds or `timeout` has
-// passed; the last answer of `done`.
-bool pumpUntil(const std::function<bool()>& done,
-               std::chrono::milliseconds timeout = std::chrono::milliseconds(5000));
-// Runs the pending events for `duration`.
-void pumpFor(std::chrono::milliseconds duration);
 
 // The widget with builder id `id` among the program's windows, or null.
 Gtk::Widget* findWidget(const char* id);

@@ -15,6 +15,7 @@
 using testsupport::CapturingLogger;
 using testsupport::ScopedEnv;
 using testsupport::TempDir;
+using testsupport::ToolkitLoop;
 
 namespace {
 
@@ -78,7 +79,7 @@ TEST_F(MainWindowLoading, FromTheResourceTheWindowShowsWithTitleAndSize) {
     EXPECT_EQ(gMessages, expected);
     EXPECT_EQ(window->get_title(), "MeridKestalUtility");
     window->show();
-    guitest::pumpUntil([&] { return window->get_mapped() && window->get_allocated_width() >= 500; });
+    ToolkitLoop::runUntil([&] { return window->get_mapped() && window->get_allocated_width() >= 500; });
     EXPECT_EQ(window->get_allocated_width(), 500);
     EXPECT_EQ(window->get_allocated_height(), 550);
 }

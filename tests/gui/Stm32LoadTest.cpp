@@ -9,8 +9,7 @@ using guitest::BoardLoadTest;
 using guitest::Bytes;
 using guitest::LoadWatch;
 using guitest::makeImage;
-using guitest::pumpFor;
-using guitest::pumpUntil;
+using testsupport::ToolkitLoop;
 
 namespace {
 
@@ -35,8 +34,8 @@ protected:
         EXPECT_EQ(barValue(), 100.0);
         // The transfer's own erase step is the first value the bar shows.
         EXPECT_TRUE(std::is_sorted(watch.barValues.begin() + 1, watch.barValues.end()));
-        ASSERT_TRUE(pumpUntil([&] { return board.finishedImage(kAddress, 0).has_value(); },
-                              std::chrono::seconds(30)));
+        ASSERT_TRUE(ToolkitLoop::runUntil([&] { return board.finishedImage(kAddress, 0).has_value(); },
+                                          std::chrono::seconds(30)));
         EXPECT_TRUE(*board.finishedImage(kAddress, 0) == bytes);
     }
 
@@ -115,14 +114,14 @@ TEST_F(Stm32Load, ABoardThatNeverAnswersEndsTheWaitAfterTwelveSearches) {
     connect();
     pickFile(writeFile("small.bin", bytes));
     pressUpload();
-    ASSERT_TRUE(pumpUntil(
+    ASSERT_TRUE(ToolkitLoop::runUntil(
         [&] {
             return captured->contains("MainWindow: Timeout waiting for device discovery before STM32 erase",
                                       BaseLogger::ERROR);
         },
         std::chrono::seconds(30)));
-    EXPECT_TRUE(pumpUntil([&] { return framesWithCommand(kDeviceInfoReq) >= 12; }));
-    pumpFor(std::chrono::milliseconds(600));
+    EXPECT_TRUE(ToolkitLoop::runUntil([&] { return framesWithCommand(kDeviceInfoReq) >= 12; }));
+    ToolkitLoop::runFor(std::chrono::milliseconds(600));
     EXPECT_EQ(framesWithCommand(kDeviceInfoReq), 12u) << "the poll went on after its end";
     EXPECT_EQ(barValue(), 0.0);
     EXPECT_EQ(statusText(), "0%");
@@ -137,16 +136,16 @@ TEST_F(Stm32Load, ALinkClosedDuringTheWaitEndsItAndAPressWhileDisconnectedDoesNo
     silenceBoard(true);
     connect();
     pressUpload();
-    pumpFor(std::chrono::milliseconds(500));
+    ToolkitLoop::runFor(std::chrono::milliseconds(500));
     disconnect();
-    ASSERT_TRUE(pumpUntil([&] {
+    ASSERT_TRUE(ToolkitLoop::runUntil([&] {
         return captured->contains("MainWindow: USB connection lost while waiting to start STM32 erase",
                                   BaseLogger::ERROR);
     }));
     const std::size_t searches = framesWithCommand(kDeviceInfoReq);
     captured->clear();
     pressUpload();
-    pumpFor(std::chrono::milliseconds(1200));
+    ToolkitLoop::runFor(std::chrono::milliseconds(1200));
     EXPECT_EQ(framesWithCommand(kDeviceInfoReq), searches);
     EXPECT_EQ(captured->count("MainWindow: "), 0u);
     EXPECT_EQ(statusText(), "0%");
@@ -162,10 +161,10 @@ TEST_F(Stm32Load, ALinkClosedDuringTheWaitEndsItAndAPressWhileDisconnectedDoesNo
 TEST_F(Stm32Load, AnEmptyPathErasesTheBoardAndSendsNoFile) {
     connect();
     pressUpload();
-    ASSERT_TRUE(pumpUntil([&] {
+    ASSERT_TRUE(ToolkitLoop::runUntil([&] {
         return captured->contains("MainWindow: File path is empty or did't exist", BaseLogger::WARNING);
     }));
-    pumpFor(std::chrono::milliseconds(300));
+    ToolkitLoop::runFor(std::chrono::milliseconds(300));
     EXPECT_EQ(board.counters(kAddress)->eraseCommands, 1u);
     EXPECT_EQ(framesWithCommand(kFileWriteReq), 0u);
     EXPECT_EQ(barValue(), 0.0);
@@ -185,10 +184,10 @@ TEST_F(Stm32Load, UnpluggedDuringTheTransferTheBarStopsAndALaterLoadSucceeds) {
     LoadWatch watch;
     ASSERT_TRUE(watchUntil([&] { return barValue() >= 20; }, watch));
     board.unplug();
-    pumpFor(std::chrono::milliseconds(1500));
+    ToolkitLoop::runFor(std::chrono::milliseconds(1500));
     const double stoppedAt = barValue();
     EXPECT_LT(stoppedAt, 100.0);
-    pumpFor(std::chrono::milliseconds(500));
+    ToolkitLoop::runFor(std::chrono::milliseconds(500));
     EXPECT_EQ(barValue(), stoppedAt);
     EXPECT_NE(statusText(), kFlashedText);
     EXPECT_TRUE(windowSensitive());
@@ -212,13 +211,15 @@ TEST_F(Stm32Load, FieldSetUpdateModeAndRebootReachTheBoard) {
     // A field by its index: "serialNumber" is the fourth.
     const std::uint64_t serial = 0x11223344;
     ui->window().setFieldValue(&serial, 3);
-    EXPECT_TRUE(pumpUntil([&] { return board.device(kAddress)->fieldValue("serialNumber") == serial; }));
-    EXPECT_TRUE(pumpUntil([&] { return captured->contains("PayloadHandler: Message type: SET_FIELD_REQ"); }));
+    EXPECT_TRUE(
+        ToolkitLoop::runUntil([&] { return board.device(kAddress)->fieldValue("serialNumber") == serial; }));
+    EXPECT_TRUE(ToolkitLoop::runUntil(
+        [&] { return captured->contains("PayloadHandler: Message type: SET_FIELD_REQ"); }));
     ui->window().setFieldValue(&serial, 40);
     EXPECT_TRUE(captured->contains("MainWindow: field didn't exist for set field value", BaseLogger::ERROR));
 
     ui->window().setDeviceDfuMode();
-    EXPECT_TRUE(pumpUntil([&] {
+    EXPECT_TRUE(ToolkitLoop::runUntil([&] {
         const auto journal = board.journal();
         return std::any_of(journal.begin(), journal.end(), [](const DeviceSimulator::JournalEntry& entry) {
             return entry.kind == DeviceSimulator::JournalEntry::DfuRequest;
@@ -230,10 +231,10 @@ TEST_F(Stm32Load, FieldSetUpdateModeAndRebootReachTheBoard) {
     const std::size_t searches = framesWithCommand(kDeviceInfoReq);
     ui->window().rebootDevice();
     ui->window().rebootDevice();
-    EXPECT_TRUE(pumpUntil([&] { return board.counters(kAddress)->rebootCommands >= 1; }));
-    EXPECT_TRUE(
-        pumpUntil([&] { return framesWithCommand(kDeviceInfoReq) > searches; }, std::chrono::seconds(10)));
-    pumpFor(std::chrono::milliseconds(300));
+    EXPECT_TRUE(ToolkitLoop::runUntil([&] { return board.counters(kAddress)->rebootCommands >= 1; }));
+    EXPECT_TRUE(ToolkitLoop::runUntil([&] { return framesWithCommand(kDeviceInfoReq) > searches; },
+                                      std::chrono::seconds(10)));
+    ToolkitLoop::runFor(std::chrono::milliseconds(300));
     EXPECT_EQ(captured->count("is opened!"), 2u);
 
     // The link works as before: a load goes through.

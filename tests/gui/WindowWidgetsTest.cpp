@@ -13,10 +13,10 @@
 #include <string>
 #include <vector>
 
-using guitest::pumpUntil;
 using guitest::WindowUnderTest;
 using testsupport::CapturingLogger;
 using testsupport::TempDir;
+using testsupport::ToolkitLoop;
 
 namespace {
 
@@ -93,7 +93,7 @@ protected:
 
     void openConnectionDialog() {
         ui.get<Gtk::MenuItem>("ConnectImageMenuItem")->activate();
-        ASSERT_TRUE(pumpUntil([&] { return dialog()->get_mapped(); }));
+        ASSERT_TRUE(ToolkitLoop::runUntil([&] { return dialog()->get_mapped(); }));
         EXPECT_FALSE(ui.window().get_sensitive());
     }
 
@@ -132,7 +132,7 @@ TEST_F(WindowWidgets, RussianAtStartAndTheLanguageSwitchFlipsEveryTextAndBack) {
 
 TEST_F(WindowWidgets, ConnectionDialogHoldsTheWindowUntilItIsClosedAnyWay) {
     ui.window().show();
-    ASSERT_TRUE(pumpUntil([&] { return ui.window().get_mapped(); }));
+    ASSERT_TRUE(ToolkitLoop::runUntil([&] { return ui.window().get_mapped(); }));
     openConnectionDialog();
     // The speeds with 115200 chosen; the type and protocol controls never show.
     auto* speeds = ui.get<Gtk::ComboBoxText>("BaudratesListComboTextBox");
@@ -144,7 +144,7 @@ TEST_F(WindowWidgets, ConnectionDialogHoldsTheWindowUntilItIsClosedAnyWay) {
     EXPECT_FALSE(ui.get<Gtk::Widget>("ProtocolTypeComboBoxText")->is_visible());
     EXPECT_TRUE(ui.get<Gtk::Widget>("PortsListComboTextBox")->is_visible());
     ui.get<Gtk::Button>("DialogCloseButton")->clicked();
-    EXPECT_TRUE(pumpUntil([&] { return !dialog()->get_visible(); }));
+    EXPECT_TRUE(ToolkitLoop::runUntil([&] { return !dialog()->get_visible(); }));
     EXPECT_TRUE(ui.window().get_sensitive());
 
     // The window frame's close button: the dialog hides and stays usable.
@@ -154,7 +154,7 @@ TEST_F(WindowWidgets, ConnectionDialogHoldsTheWindowUntilItIsClosedAnyWay) {
     event->any.send_event = TRUE;
     gtk_main_do_event(event);
     gdk_event_free(event);
-    EXPECT_TRUE(pumpUntil([&] { return !dialog()->get_visible(); }));
+    EXPECT_TRUE(ToolkitLoop::runUntil([&] { return !dialog()->get_visible(); }));
     EXPECT_TRUE(ui.window().get_sensitive());
 
     openConnectionDialog();
@@ -216,7 +216,7 @@ TEST_F(WindowWidgets, PreinstalledSwitchWritesBothImagesAndShowsTheirNames) {
     EXPECT_FALSE(sensitive("SelectFirmwareEsp32Button"));
 }
 
-TEST_F(WindowWidgets, AFileChosenInTheDialogShowsItsBaseNameAndACancelKeepsIt) {
+TEST_F(WindowWidgets, AFileChosenInTheDialogShowsItsBaseNameAndStaysThroughTheSwitchAndACancel) {
     TempDir dir;
     const std::string image = dir.path() + "/board-image.bin";
     std::ofstream(image) << "image";
@@ -234,6 +234,10 @@ TEST_F(WindowWidgets, AFileChosenInTheDialogShowsItsBaseNameAndACancelKeepsIt) {
     });
     EXPECT_EQ(entryText("SelectFirmwareSearchEntryStm32"), "board-image.bin");
     EXPECT_EQ(tooltip("SelectFirmwareSearchEntryStm32"), image);
+    // The preinstalled images in between leave the user's file in place.
+    ui.get<Gtk::Switch>("FirmwareSourceModeSwitch")->set_active(true);
+    ui.get<Gtk::Switch>("FirmwareSourceModeSwitch")->set_active(false);
+    EXPECT_EQ(entryText("SelectFirmwareSearchEntryStm32"), "board-image.bin");
 
     CapturingLogger captured;
     runFileDialog([](Gtk::FileChooserDialog& files) {
@@ -253,7 +257,7 @@ TEST_F(WindowWidgets, SearchWithoutALinkLogsAndListsNothing) {
     EXPECT_TRUE(captured.contains("MainWindow: Search devices requested, but there is no active COM/USB "
                                   "connection. Open the Connection dialog and connect first.",
                                   BaseLogger::ERROR));
-    guitest::pumpFor(std::chrono::milliseconds(300));
+    ToolkitLoop::runFor(std::chrono::milliseconds(300));
     EXPECT_TRUE(ui.get<Gtk::ListBox>("ListDeviceListBox")->get_children().empty());
     EXPECT_FALSE(captured.contains("DeviceListBox: Thread is started"));
 }

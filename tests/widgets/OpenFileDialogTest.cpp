@@ -5,6 +5,8 @@
 #include <filesystem>
 #include <string>
 
+using testsupport::ToolkitLoop;
+
 namespace {
 
 class OpenFileDialogTest : public widgettest::DerivedWidgetTest<MeridKestalWidgets::OpenFileDialog> {
@@ -19,6 +21,6 @@ TEST_F(OpenFileDialogTest, StartsOnTheDesktop) {
     const std::string desktop = Glib::build_filename(Glib::get_home_dir(), "Desktop");
     ASSERT_TRUE(std::filesystem::is_directory(desktop)) << desktop;
     // The chooser takes the folder on its way to showing it.
-    EXPECT_TRUE(widgettest::pumpUntil([&] { return widget->get_current_folder() == desktop; }))
+    EXPECT_TRUE(ToolkitLoop::runUntil([&] { return widget->get_current_folder() == desktop; }))
         << widget->get_current_folder();
 }

@@ -1,8 +1,6 @@
-// The choice of the image: the user's files behind the preinstalled ones,
-// and the write-out of the preinstalled images when the disk or the bundle
-// is not as expected.
+// The write-out of the preinstalled images when the disk is not as the
+// program left it.
 #include "SelectFirmwareBox.h"
-#include "MeridResources.h"
 #include "TestSupport.h"
 #include "WidgetTestSupport.h"
 
@@ -49,11 +47,6 @@ protected:
     std::string stm32Entry() { return child<Gtk::Entry>("SelectFirmwareSearchEntryStm32").get_text(); }
     bool uploadSensitive() { return child<Gtk::Widget>("UploadButton").get_sensitive(); }
 
-    void pick(const std::string& path, HandlersFuncKeys key) {
-        std::string copy = path;
-        widget->setFilePath(copy, key);
-    }
-
     fs::path esp32Image() { return root / "firmware" / "merid_firmware.bin"; }
     fs::path stm32Image() { return root / "firmware" / "Tovik_2.13.319.f75a0c3_aes.bin"; }
 
@@ -68,21 +61,6 @@ protected:
 };
 
 } // namespace
-
-TEST_F(SelectFirmwareBoxTest, TheUserFilesComeBackWhenTheSwitchIsTurnedOff) {
-    pick("/images/stm32/app.bin", SEARCH_FILE_STM32);
-    setSwitch(true);
-    EXPECT_EQ(widget->getFilePath(), stm32Image().string());
-    // A pick while the images are in use changes nothing; any other key is
-    // ignored.
-    pick("/images/stm32/other.bin", SEARCH_FILE_STM32);
-    pick("/elsewhere.bin", UPLOAD_FIRMWARE);
-    EXPECT_EQ(stm32Entry(), "Tovik_2.13.319.f75a0c3_aes.bin");
-    setSwitch(false);
-    EXPECT_EQ(stm32Entry(), "app.bin");
-    EXPECT_EQ(widget->getFilePath(), "/images/stm32/app.bin");
-    EXPECT_EQ(child<Gtk::Entry>("SelectFirmwareSearchEntryEsp32").get_text(), ".");
-}
 
 TEST_F(SelectFirmwareBoxTest, OnlyTheSizeDecidesWhetherAnImageIsRewritten) {
     // The right size with other content is kept; one byte more is replaced.
@@ -118,24 +96,4 @@ TEST_F(SelectFirmwareBoxTest, AFolderThatCannotBeMadeBlocksTheLoadUntilTheNextTr
     setSwitch(true);
     EXPECT_TRUE(fs::exists(stm32Image()));
     EXPECT_TRUE(uploadSensitive());
-}
-
-TEST_F(SelectFirmwareBoxTest, AMissingResourceIsLoggedAndGivesNoPath) {
-    CapturingLogger captured;
-    // The bundle may be registered more than once; take all of it away.
-    GResource* firmware = merid_firmware_get_resource();
-    int unregistered = 0;
-    while (unregistered < 16 &&
-           g_resources_get_info("/meridkestalutility/firmware/merid_firmware.bin",
-                                G_RESOURCE_LOOKUP_FLAGS_NONE, nullptr, nullptr, nullptr)) {
-        g_resources_unregister(firmware);
-        ++unregistered;
-    }
-    EXPECT_EQ(widget->ensurePreinstalledFirmwareOnDisk(SelectFirmwareBox::Stm32), "");
-    for (int count = 0; count < unregistered; ++count) {
-        g_resources_register(firmware);
-    }
-    EXPECT_TRUE(captured.contains("SelectFirmwareBox: Can't lookup resource "
-                                  "/meridkestalutility/firmware/Tovik_2.13.319.f75a0c3_aes.bin",
-                                  BaseLogger::ERROR));
 }

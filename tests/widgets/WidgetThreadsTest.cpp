@@ -14,7 +14,7 @@
 using MeridKestalWidgets::DeviceListBox;
 using MeridKestalWidgets::SelectFirmwareBox;
 using testsupport::CapturingLogger;
-using widgettest::pumpUntil;
+using testsupport::ToolkitLoop;
 
 namespace {
 
@@ -30,7 +30,8 @@ class DeviceListBoxTest : public widgettest::DerivedWidgetTest<DeviceListBox> {
 protected:
     DeviceListBoxTest() : DerivedWidgetTest("ListDeviceFrame") {
         widget->deviceHandler = &model;
-        keys.answer(SEARCH_DEVICES, GlobalHandlerEvents::Success);
+        GlobalHandlerEvents::getInstance().addHandler(SEARCH_DEVICES,
+                                                      [] { return GlobalHandlerEvents::Success; });
     }
     // The filler reads the model until the widget is gone.
     ~DeviceListBoxTest() override { widget.reset(); }
@@ -69,24 +70,25 @@ TEST_F(DeviceListBoxTest, OnePassAfter200MillisecondsInAddressOrder) {
     model.addDevice(deviceInfo(9, "Radio"));
     model.addDevice(deviceInfo(2, "Motor"));
     model.addDevice(deviceInfo(5, "Radio"));
-    ASSERT_TRUE(pumpUntil([&] { return !rows().empty(); }));
+    ASSERT_TRUE(ToolkitLoop::runUntil([&] { return !rows().empty(); }));
     EXPECT_GE(std::chrono::steady_clock::now() - pressed, std::chrono::milliseconds(200));
     EXPECT_EQ(rows(), (std::vector<std::string>{"Motor", "Radio", "Radio"}));
-    ASSERT_TRUE(pumpUntil([&] { return ended(1); }));
+    ASSERT_TRUE(ToolkitLoop::runUntil([&] { return ended(1); }));
 
     // A later answer waits for the next press, which starts a new pass.
     model.addDevice(deviceInfo(1, "Late"));
-    pumpUntil([] { return false; }, std::chrono::milliseconds(300));
+    ToolkitLoop::runFor(std::chrono::milliseconds(300));
     EXPECT_EQ(rows().size(), 3u);
     press();
     model.addDevice(deviceInfo(4, "Pump"));
-    ASSERT_TRUE(pumpUntil([&] { return ended(2) && rows() == std::vector<std::string>{"Pump"}; }));
+    ASSERT_TRUE(
+        ToolkitLoop::runUntil([&] { return ended(2) && rows() == std::vector<std::string>{"Pump"}; }));
 }
 
 TEST_F(DeviceListBoxTest, AnEmptyPassAddsNoRowAndTheWidgetsEndWaitsForAPassInFlight) {
     press();
-    ASSERT_TRUE(pumpUntil([&] { return ended(1); }));
-    pumpUntil([] { return false; }, std::chrono::milliseconds(50));
+    ASSERT_TRUE(ToolkitLoop::runUntil([&] { return ended(1); }));
+    ToolkitLoop::runFor(std::chrono::milliseconds(50));
     EXPECT_TRUE(rows().empty());
 
     press();
