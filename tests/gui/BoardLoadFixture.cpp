@@ -95,28 +95,7 @@ void BoardLoadTest::chooseMethod(const std::string& method) {
 }
 
 void BoardLoadTest::pickFile(const std::string& path) {
-    auto* dialog = ui->get<Gtk::FileChooserDialog>("OpenFileDialog");
-    // The dialog runs in a nested loop: it is answered from a timer set
-    // before the click, once the chooser has taken the file. The chooser
-    // loads its folder in the background and may drop a name given too
-    // early: it is given again.
-    unsigned ticks = 0;
-    auto answer = Glib::signal_timeout().connect(
-        [&] {
-            if (!dialog->get_visible()) {
-                return true;
-            }
-            if (ticks++ % 10 == 0) {
-                dialog->set_filename(path);
-            } else if (dialog->get_filename() == path || ticks > 500) {
-                dialog->response(dialog->get_filename() == path ? Gtk::RESPONSE_OK : Gtk::RESPONSE_CANCEL);
-                return false;
-            }
-            return true;
-        },
-        20);
-    ui->get<Gtk::Button>(esp32Chosen ? "SelectFirmwareEsp32Button" : "SelectFirmwareStm32Button")->clicked();
-    answer.disconnect();
+    ui->answerFileDialog(esp32Chosen ? "SelectFirmwareEsp32Button" : "SelectFirmwareStm32Button", path);
     auto* entry = ui->get<Gtk::Entry>(esp32Chosen ? "SelectFirmwareSearchEntryEsp32"
                                                   : "SelectFirmwareSearchEntryStm32");
     ASSERT_EQ(std::string(entry->get_tooltip_text()), path);

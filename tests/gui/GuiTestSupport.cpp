@@ -88,4 +88,35 @@ std::string WindowUnderTest::text(const char* id) {
     return "<missing " + std::string(id) + ">";
 }
 
+void WindowUnderTest::answerFileDialog(const char* button, const std::string& path) {
+    auto* dialog = get<Gtk::FileChooserDialog>("OpenFileDialog");
+    // The dialog runs in a nested loop: it is answered from a timer set
+    // before the click. The chooser loads its folder in the background and
+    // may drop a name given too early: it is given again.
+    unsigned ticks = 0;
+    auto answer = Glib::signal_timeout().connect(
+        [&] {
+            if (!dialog->get_visible()) {
+                return true;
+            }
+            if (!path.empty() && ticks++ % 10 == 0) {
+                dialog->set_filename(path);
+                return true;
+            }
+            const bool taken = !path.empty() && dialog->get_filename() == path;
+            if (taken || path.empty() || ticks > 500) {
+                if (!taken) {
+                    dialog->unselect_all();
+                }
+                dialog->response(taken ? Gtk::RESPONSE_OK : Gtk::RESPONSE_CANCEL);
+                return false;
+            }
+            return true;
+        },
+        20);
+    get<Gtk::Button>(button)->clicked();
+    answer.disconnect();
+    EXPECT_FALSE(dialog->get_visible());
+}
+
 } // namespace guitest

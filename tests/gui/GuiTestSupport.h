@@ -41,6 +41,10 @@ public:
     // The label of a label, button or menu item.
     std::string text(const char* id);
 
+    // Presses `button` and answers the file dialog it opens: with `path`,
+    // once the chooser has taken it, or with a cancel when `path` is empty.
+    void answerFileDialog(const char* button, const std::string& path);
+
 private:
     MainWindow* mainWindow = nullptr;
 };

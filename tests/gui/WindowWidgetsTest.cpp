@@ -102,17 +102,6 @@ protected:
     std::string entryText(const char* id) { return ui.get<Gtk::Entry>(id)->get_text(); }
     std::string tooltip(const char* id) { return ui.get<Gtk::Entry>(id)->get_tooltip_text(); }
 
-    // Runs the file dialog from the STM32 button; `answer` is called on each
-    // tick while it shows and ends it by returning false.
-    void runFileDialog(const std::function<bool(Gtk::FileChooserDialog&)>& answer) {
-        auto* files = ui.get<Gtk::FileChooserDialog>("OpenFileDialog");
-        auto timer =
-            Glib::signal_timeout().connect([&] { return !files->get_visible() || answer(*files); }, 20);
-        ui.get<Gtk::Button>("SelectFirmwareStm32Button")->clicked();
-        timer.disconnect();
-        EXPECT_FALSE(files->get_visible());
-    }
-
     testsupport::ScopedEnv extraPorts{"MERID_EXTRA_PORTS", std::nullopt};
     WindowUnderTest ui;
 };
@@ -220,18 +209,7 @@ TEST_F(WindowWidgets, AFileChosenInTheDialogShowsItsBaseNameAndStaysThroughTheSw
     TempDir dir;
     const std::string image = dir.path() + "/board-image.bin";
     std::ofstream(image) << "image";
-    unsigned ticks = 0;
-    // The chooser loads its folder in the background and may drop a name
-    // given too early: it is given again.
-    runFileDialog([&](Gtk::FileChooserDialog& files) {
-        if (ticks++ % 10 == 0) {
-            files.set_filename(image);
-        } else if (files.get_filename() == image || ticks > 500) {
-            files.response(Gtk::RESPONSE_OK);
-            return false;
-        }
-        return true;
-    });
+    ui.answerFileDialog("SelectFirmwareStm32Button", image);
     EXPECT_EQ(entryText("SelectFirmwareSearchEntryStm32"), "board-image.bin");
     EXPECT_EQ(tooltip("SelectFirmwareSearchEntryStm32"), image);
     // The preinstalled images in between leave the user's file in place.
@@ -240,11 +218,7 @@ TEST_F(WindowWidgets, AFileChosenInTheDialogShowsItsBaseNameAndStaysThroughTheSw
     EXPECT_EQ(entryText("SelectFirmwareSearchEntryStm32"), "board-image.bin");
 
     CapturingLogger captured;
-    runFileDialog([](Gtk::FileChooserDialog& files) {
-        files.unselect_all();
-        files.response(Gtk::RESPONSE_CANCEL);
-        return false;
-    });
+    ui.answerFileDialog("SelectFirmwareStm32Button", "");
     EXPECT_TRUE(captured.contains("MainWindow: File not found or path is not set!", BaseLogger::WARNING));
     EXPECT_TRUE(captured.contains("OpenFileDialog: Error with Open File for STM32!", BaseLogger::ERROR));
     EXPECT_EQ(entryText("SelectFirmwareSearchEntryStm32"), "board-image.bin");
