@@ -74,11 +74,6 @@ void BoardLoadTest::connect() {
     ASSERT_TRUE(windowSensitive());
 }
 
-void BoardLoadTest::disconnect() {
-    ui->get<Gtk::MenuItem>("DisconnectImageMenuItem")->activate();
-    ASSERT_TRUE(captured->contains("MenuBar: USB disconnection success!"));
-}
-
 void BoardLoadTest::search() {
     const std::size_t fields = board.device(kAddress)->getFields().size();
     const std::string answer = "PayloadHandler: field info response (device " + std::to_string(kAddress);
@@ -89,53 +84,22 @@ void BoardLoadTest::search() {
         std::chrono::seconds(20)));
 }
 
-void BoardLoadTest::chooseMethod(const std::string& method) {
-    ui->get<Gtk::ComboBoxText>("FirmwareMethodComboBoxText")->set_active_text(method);
-    esp32Chosen = method == "ESP32";
-}
-
-void BoardLoadTest::pickFile(const std::string& path) {
-    ui->answerFileDialog(esp32Chosen ? "SelectFirmwareEsp32Button" : "SelectFirmwareStm32Button", path);
-    auto* entry = ui->get<Gtk::Entry>(esp32Chosen ? "SelectFirmwareSearchEntryEsp32"
-                                                  : "SelectFirmwareSearchEntryStm32");
-    ASSERT_EQ(std::string(entry->get_tooltip_text()), path);
-}
-
-void BoardLoadTest::pressUpload() {
-    auto* upload = ui->get<Gtk::Button>("UploadButton");
-    ASSERT_TRUE(upload->is_sensitive());
-    upload->clicked();
-}
-
-bool BoardLoadTest::watchUntil(const std::function<bool()>& done, LoadWatch& watch,
-                               std::chrono::milliseconds timeout) {
-    watch.finished = ToolkitLoop::runUntil(
+LoadWatch BoardLoadTest::watch(std::function<bool()> done) {
+    if (!done) {
+        done = [&] { return statusText() == kFlashedText && windowSensitive(); };
+    }
+    LoadWatch seen;
+    seen.finished = ToolkitLoop::runUntil(
         [&] {
             const double value = barValue();
-            if (watch.barValues.empty() || watch.barValues.back() != value) {
-                watch.barValues.push_back(value);
+            if (seen.barValues.empty() || seen.barValues.back() != value) {
+                seen.barValues.push_back(value);
             }
-            watch.everInsensitive = watch.everInsensitive || !windowSensitive();
+            seen.everInsensitive = seen.everInsensitive || !windowSensitive();
             return done();
         },
-        timeout);
-    return watch.finished;
-}
-
-LoadWatch BoardLoadTest::watchLoad() {
-    LoadWatch watch;
-    watchUntil([&] { return statusText() == kFlashedText && windowSensitive(); }, watch);
-    return watch;
-}
-
-double BoardLoadTest::barValue() {
-    return ui->get<Gtk::LevelBar>("LoadStatusBar")->get_value();
-}
-
-std::string BoardLoadTest::writeFile(const std::string& name, const Bytes& bytes) {
-    const std::string path = files.path() + "/" + name;
-    EXPECT_TRUE(testsupport::writeFile(path, bytes)) << path;
-    return path;
+        std::chrono::seconds(60));
+    return seen;
 }
 
 std::size_t BoardLoadTest::framesWithCommand(std::uint8_t command) {

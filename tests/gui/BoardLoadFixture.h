@@ -45,27 +45,32 @@ protected:
     void plugBoard();
     // Connection > Connect, the board's port, 921600 baud, the connect button.
     void connect();
-    void disconnect();
     // The search button; waits until the board is listed and its fields known.
     void search();
-    // "STM32" or "ESP32" in the method list.
-    void chooseMethod(const std::string& method);
+    void chooseMethod(const std::string& method) {
+        ui->get<Gtk::ComboBoxText>("FirmwareMethodComboBoxText")->set_active_text(method);
+        esp32Chosen = method == "ESP32";
+    }
     // The target's file button, answered in the file dialog.
-    void pickFile(const std::string& path);
-    void pressUpload();
+    void pickFile(const std::string& path) {
+        ui->answerFileDialog(esp32Chosen ? "SelectFirmwareEsp32Button" : "SelectFirmwareStm32Button", path);
+    }
+    void pressUpload() { ui->get<Gtk::Button>("UploadButton")->clicked(); }
 
-    // Pumps the window's events until `done`, watching the bar and the
-    // window's sensitivity.
-    bool watchUntil(const std::function<bool()>& done, LoadWatch& watch,
-                    std::chrono::milliseconds timeout = std::chrono::seconds(60));
-    // Until the label shows the success text and the window is sensitive.
-    LoadWatch watchLoad();
+    // Runs the window's events until `done`, watching the bar and the
+    // window's sensitivity; by default until the label shows the success
+    // text and the window is sensitive.
+    LoadWatch watch(std::function<bool()> done = {});
 
-    double barValue();
+    double barValue() { return ui->get<Gtk::LevelBar>("LoadStatusBar")->get_value(); }
     std::string statusText() { return ui->text("LoadStatusOverlayLabel"); }
     bool windowSensitive() { return ui->window().get_sensitive(); }
 
-    std::string writeFile(const std::string& name, const Bytes& bytes);
+    std::string writeFile(const std::string& name, const Bytes& bytes) {
+        const std::string path = files.path() + "/" + name;
+        EXPECT_TRUE(testsupport::writeFile(path, bytes)) << path;
+        return path;
+    }
     std::size_t framesWithCommand(std::uint8_t command);
 
     testsupport::TempDir files;

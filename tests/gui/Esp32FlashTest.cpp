@@ -31,7 +31,7 @@ protected:
     // it runs, the bytes in the flash and nothing written behind the padded
     // last block.
     void expectFlashOf(const Bytes& bytes) {
-        const LoadWatch watch = watchLoad();
+        const LoadWatch watch = this->watch();
         ASSERT_TRUE(watch.finished) << "label: " << statusText() << ", bar: " << barValue();
         EXPECT_TRUE(watch.everInsensitive);
         EXPECT_EQ(barValue(), 100.0);
@@ -63,8 +63,7 @@ TEST_F(Esp32Flash, OneMebibyteUserFileLandsInTheFlash) {
     EXPECT_EQ(statusText(), "0%");
 
     // Another start while the worker runs is refused.
-    LoadWatch watch;
-    ASSERT_TRUE(watchUntil([&] { return barValue() >= 10; }, watch));
+    ASSERT_TRUE(watch([&] { return barValue() >= 10; }).finished);
     EXPECT_EQ(GlobalHandlerEvents::getInstance()._executeHandlerWithArgs<LoadStage>(UPLOAD_FIRMWARE, Erase),
               GlobalHandlerEvents::Failure);
     EXPECT_TRUE(captured->contains("MainWindow: ESP32 flashing already in progress", BaseLogger::WARNING));
@@ -136,8 +135,7 @@ TEST_F(Esp32Flash, UnpluggedDuringTheFlashTheWindowComesBackAndALaterFlashSuccee
     const Bytes bytes = makeImage(kMiB, 31);
     pickFile(writeFile("esp32.bin", bytes));
     pressUpload();
-    LoadWatch watch;
-    ASSERT_TRUE(watchUntil([&] { return barValue() >= 10; }, watch));
+    ASSERT_TRUE(watch([&] { return barValue() >= 10; }).finished);
     board.unplug();
     expectFailure("");
     EXPECT_LT(barValue(), 100.0);

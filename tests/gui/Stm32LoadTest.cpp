@@ -25,7 +25,7 @@ protected:
     // along, the bar never going back, and the board holding the bytes once
     // it has answered the finish step.
     void expectLoadOf(const Bytes& bytes, LoadWatch* seen = nullptr) {
-        const LoadWatch watch = watchLoad();
+        const LoadWatch watch = this->watch();
         if (seen != nullptr) {
             *seen = watch;
         }
@@ -137,7 +137,7 @@ TEST_F(Stm32Load, ALinkClosedDuringTheWaitEndsItAndAPressWhileDisconnectedDoesNo
     connect();
     pressUpload();
     ToolkitLoop::runFor(std::chrono::milliseconds(500));
-    disconnect();
+    ui->get<Gtk::MenuItem>("DisconnectImageMenuItem")->activate();
     ASSERT_TRUE(ToolkitLoop::runUntil([&] {
         return captured->contains("MainWindow: USB connection lost while waiting to start STM32 erase",
                                   BaseLogger::ERROR);
@@ -181,8 +181,7 @@ TEST_F(Stm32Load, UnpluggedDuringTheTransferTheBarStopsAndALaterLoadSucceeds) {
     connect();
     pickFile(writeFile("stm32.bin", bytes));
     pressUpload();
-    LoadWatch watch;
-    ASSERT_TRUE(watchUntil([&] { return barValue() >= 20; }, watch));
+    ASSERT_TRUE(watch([&] { return barValue() >= 20; }).finished);
     board.unplug();
     ToolkitLoop::runFor(std::chrono::milliseconds(1500));
     const double stoppedAt = barValue();
