@@ -60,7 +60,7 @@ protected:
     }
 
 private:
-    // Steps 5 to 8, with listenerMutex held.
+    // One read and its outcome, with listenerMutex held.
     void readOnce() {
         if (!usb->waitForReadyRead(1)) {
             return;

@@ -84,7 +84,7 @@ protected:
     }
 
 private:
-    // Steps 6 to 8; returns whether the frame is to be tried again.
+    // Writes one frame; returns whether it is to be tried again.
     bool send(const QueuedMessage& message) {
         // A frame of size 0 leaves the queue without touching the link.
         if (message.data != nullptr &&

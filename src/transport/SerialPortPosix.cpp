@@ -458,7 +458,7 @@ UsbTypes::IoResult SerialPortPosix::writeDataImpl(unsigned char* data, unsigned 
             return result;
         }
     }
-    // 3., 4. A short count stays Ok; the caller compares the bytes.
+    // A short count stays Ok; the caller compares the bytes.
     result.bytes = written;
     if (written < size) {
         logger->log("Partial write: " + std::to_string(written) + " of " + std::to_string(size) + " bytes",

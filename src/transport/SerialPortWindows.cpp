@@ -209,7 +209,7 @@ UsbTypes::IoResult SerialPortWindows::readDataImpl(unsigned char* data, unsigned
     const auto start = Clock::now();
     DWORD errors = 0;
     COMSTAT status{};
-    // 3., 4. Poll the queue length; ReadFile only takes what is queued.
+    // Poll the queue length; ReadFile only takes what is queued.
     for (;;) {
         if (!ClearCommError(port, &errors, &status)) {
             logger->log(failedWithNumber("ClearCommError", GetLastError()), BaseLogger::ERROR, kTag);
@@ -260,7 +260,7 @@ UsbTypes::IoResult SerialPortWindows::writeDataImpl(unsigned char* data, unsigne
     const auto requested = static_cast<DWORD>(size);
     DWORD written = 0;
     if (WriteFile(toHandle(current), data, requested, &written, nullptr)) {
-        // 3., 4. A short count (the write time-out ran out) stays Ok.
+        // A short count (the write time-out ran out) stays Ok.
         result.bytes = written;
         if (written != size) {
             logger->log("Partial write: " + std::to_string(written) + " of " + std::to_string(size) +
