@@ -8,7 +8,6 @@
 #include <gtest/gtest.h>
 #include <gtkmm.h>
 
-#include <filesystem>
 #include <fstream>
 #include <string>
 #include <vector>
@@ -101,6 +100,13 @@ protected:
     bool sensitive(const char* id) { return ui.get<Gtk::Widget>(id)->get_sensitive(); }
     std::string entryText(const char* id) { return ui.get<Gtk::Entry>(id)->get_text(); }
     std::string tooltip(const char* id) { return ui.get<Gtk::Entry>(id)->get_tooltip_text(); }
+    // Which target's file button and entry the user can reach.
+    void expectFileControls(bool stm32, bool esp32) {
+        EXPECT_EQ(sensitive("SelectFirmwareStm32Button"), stm32);
+        EXPECT_EQ(sensitive("SelectFirmwareSearchEntryStm32"), stm32);
+        EXPECT_EQ(sensitive("SelectFirmwareEsp32Button"), esp32);
+        EXPECT_EQ(sensitive("SelectFirmwareSearchEntryEsp32"), esp32);
+    }
 
     testsupport::ScopedEnv extraPorts{"MERID_EXTRA_PORTS", std::nullopt};
     WindowUnderTest ui;
@@ -128,9 +134,9 @@ TEST_F(WindowWidgets, ConnectionDialogHoldsTheWindowUntilItIsClosedAnyWay) {
     EXPECT_EQ(comboEntries(speeds), (std::vector<std::string>{"57600", "115200", "230400", "460800", "500000",
                                                               "576000", "921600", "1000000", "2000000"}));
     EXPECT_EQ(speeds->get_active_text(), "115200");
-    EXPECT_FALSE(ui.get<Gtk::Widget>("TypeConnectionComboBoxText")->is_visible());
-    EXPECT_FALSE(ui.get<Gtk::Widget>("TypeConnectionLable")->is_visible());
-    EXPECT_FALSE(ui.get<Gtk::Widget>("ProtocolTypeComboBoxText")->is_visible());
+    for (const char* id : {"TypeConnectionComboBoxText", "TypeConnectionLable", "ProtocolTypeComboBoxText"}) {
+        EXPECT_FALSE(ui.get<Gtk::Widget>(id)->is_visible()) << id;
+    }
     EXPECT_TRUE(ui.get<Gtk::Widget>("PortsListComboTextBox")->is_visible());
     ui.get<Gtk::Button>("DialogCloseButton")->clicked();
     EXPECT_TRUE(ToolkitLoop::runUntil([&] { return !dialog()->get_visible(); }));
@@ -145,83 +151,52 @@ TEST_F(WindowWidgets, ConnectionDialogHoldsTheWindowUntilItIsClosedAnyWay) {
     gdk_event_free(event);
     EXPECT_TRUE(ToolkitLoop::runUntil([&] { return !dialog()->get_visible(); }));
     EXPECT_TRUE(ui.window().get_sensitive());
-
-    openConnectionDialog();
-    dialog()->hide();
-    EXPECT_TRUE(ui.window().get_sensitive());
 }
 
 TEST_F(WindowWidgets, ChoosingEsp32LeavesOnlyTheEsp32FileControlsSensitive) {
     auto* method = ui.get<Gtk::ComboBoxText>("FirmwareMethodComboBoxText");
     EXPECT_EQ(method->get_active_text(), "STM32");
-    EXPECT_TRUE(sensitive("SelectFirmwareStm32Button"));
-    EXPECT_TRUE(sensitive("SelectFirmwareSearchEntryStm32"));
-    EXPECT_FALSE(sensitive("SelectFirmwareEsp32Button"));
-    EXPECT_FALSE(sensitive("SelectFirmwareSearchEntryEsp32"));
-
+    expectFileControls(true, false);
     CapturingLogger captured;
     method->set_active_text("ESP32");
-    EXPECT_TRUE(sensitive("SelectFirmwareEsp32Button"));
-    EXPECT_TRUE(sensitive("SelectFirmwareSearchEntryEsp32"));
-    EXPECT_FALSE(sensitive("SelectFirmwareStm32Button"));
-    EXPECT_FALSE(sensitive("SelectFirmwareSearchEntryStm32"));
+    expectFileControls(false, true);
     EXPECT_TRUE(sensitive("UploadButton"));
     // The same choice again raises nothing.
     method->set_active_text("ESP32");
     EXPECT_EQ(captured.count("Execute handler SELECT_ESP32"), 1u);
-
     method->set_active_text("STM32");
-    EXPECT_TRUE(sensitive("SelectFirmwareStm32Button"));
-    EXPECT_FALSE(sensitive("SelectFirmwareEsp32Button"));
+    expectFileControls(true, false);
 }
 
-TEST_F(WindowWidgets, PreinstalledSwitchWritesBothImagesAndShowsTheirNames) {
-    const std::filesystem::path folder =
-        std::filesystem::path(Glib::get_tmp_dir()) / "MeridKestalUtility" / "firmware";
-    const auto esp32 = folder / "merid_firmware.bin";
-    const auto stm32 = folder / "Tovik_2.13.319.f75a0c3_aes.bin";
-    std::filesystem::remove(esp32);
-    std::filesystem::remove(stm32);
-    // Without a file an entry shows a dot and no tooltip.
-    EXPECT_EQ(entryText("SelectFirmwareSearchEntryStm32"), ".");
-    EXPECT_EQ(tooltip("SelectFirmwareSearchEntryStm32"), "");
-
-    ui.get<Gtk::Switch>("FirmwareSourceModeSwitch")->set_active(true);
-    EXPECT_EQ(std::filesystem::file_size(esp32), 1803184u);
-    EXPECT_EQ(std::filesystem::file_size(stm32), 37312u);
-    EXPECT_EQ(entryText("SelectFirmwareSearchEntryEsp32"), "merid_firmware.bin");
-    EXPECT_EQ(entryText("SelectFirmwareSearchEntryStm32"), "Tovik_2.13.319.f75a0c3_aes.bin");
-    EXPECT_EQ(tooltip("SelectFirmwareSearchEntryEsp32"), esp32.string());
-    EXPECT_EQ(tooltip("SelectFirmwareSearchEntryStm32"), stm32.string());
-    for (const char* id : {"SelectFirmwareEsp32Button", "SelectFirmwareSearchEntryEsp32",
-                           "SelectFirmwareStm32Button", "SelectFirmwareSearchEntryStm32"}) {
-        EXPECT_FALSE(sensitive(id)) << id;
-    }
-    EXPECT_TRUE(sensitive("UploadButton"));
-
-    ui.get<Gtk::Switch>("FirmwareSourceModeSwitch")->set_active(false);
-    EXPECT_EQ(entryText("SelectFirmwareSearchEntryStm32"), ".");
-    EXPECT_TRUE(sensitive("SelectFirmwareStm32Button"));
-    EXPECT_FALSE(sensitive("SelectFirmwareEsp32Button"));
-}
-
-TEST_F(WindowWidgets, AFileChosenInTheDialogShowsItsBaseNameAndStaysThroughTheSwitchAndACancel) {
+TEST_F(WindowWidgets, TheUsersFileAndThePreinstalledImagesShowByNameAndTheFileOutlastsTheSwitchAndACancel) {
     TempDir dir;
     const std::string image = dir.path() + "/board-image.bin";
     std::ofstream(image) << "image";
     ui.answerFileDialog("SelectFirmwareStm32Button", image);
     EXPECT_EQ(entryText("SelectFirmwareSearchEntryStm32"), "board-image.bin");
     EXPECT_EQ(tooltip("SelectFirmwareSearchEntryStm32"), image);
-    // The preinstalled images in between leave the user's file in place.
+    // Without a file an entry shows a dot and no tooltip.
+    EXPECT_EQ(entryText("SelectFirmwareSearchEntryEsp32"), ".");
+    EXPECT_EQ(tooltip("SelectFirmwareSearchEntryEsp32"), "");
+
     ui.get<Gtk::Switch>("FirmwareSourceModeSwitch")->set_active(true);
+    const std::string folder = Glib::get_tmp_dir() + "/MeridKestalUtility/firmware/";
+    EXPECT_EQ(entryText("SelectFirmwareSearchEntryEsp32"), "merid_firmware.bin");
+    EXPECT_EQ(entryText("SelectFirmwareSearchEntryStm32"), "Tovik_2.13.319.f75a0c3_aes.bin");
+    EXPECT_EQ(tooltip("SelectFirmwareSearchEntryEsp32"), folder + "merid_firmware.bin");
+    EXPECT_EQ(tooltip("SelectFirmwareSearchEntryStm32"), folder + "Tovik_2.13.319.f75a0c3_aes.bin");
+    expectFileControls(false, false);
+    EXPECT_TRUE(sensitive("UploadButton"));
+
     ui.get<Gtk::Switch>("FirmwareSourceModeSwitch")->set_active(false);
     EXPECT_EQ(entryText("SelectFirmwareSearchEntryStm32"), "board-image.bin");
+    EXPECT_EQ(tooltip("SelectFirmwareSearchEntryEsp32"), "");
+    expectFileControls(true, false);
 
     CapturingLogger captured;
     ui.answerFileDialog("SelectFirmwareStm32Button", "");
     EXPECT_TRUE(captured.contains("MainWindow: File not found or path is not set!", BaseLogger::WARNING));
     EXPECT_TRUE(captured.contains("OpenFileDialog: Error with Open File for STM32!", BaseLogger::ERROR));
-    EXPECT_EQ(entryText("SelectFirmwareSearchEntryStm32"), "board-image.bin");
     EXPECT_EQ(tooltip("SelectFirmwareSearchEntryStm32"), image);
 }
 
