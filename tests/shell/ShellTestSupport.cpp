@@ -5,18 +5,6 @@
 #include <fstream>
 
 namespace shelltest {
-namespace {
-
-bool reachable(const char* path) {
-    GBytes* bytes = g_resources_lookup_data(path, G_RESOURCE_LOOKUP_FLAGS_NONE, nullptr);
-    if (bytes == nullptr) {
-        return false;
-    }
-    g_bytes_unref(bytes);
-    return true;
-}
-
-} // namespace
 
 std::vector<std::string> fileLines(const std::string& path) {
     std::vector<std::string> lines;
@@ -27,8 +15,13 @@ std::vector<std::string> fileLines(const std::string& path) {
     return lines;
 }
 
-std::string withoutTimestamp(const std::string& line) {
-    return line.size() > 21 ? line.substr(21) : "";
+std::vector<std::string> logBodies(const std::string& path) {
+    std::vector<std::string> bodies;
+    const auto lines = fileLines(path);
+    for (std::size_t index = 2; index < lines.size(); ++index) {
+        bodies.push_back(lines[index].size() > 21 ? lines[index].substr(21) : ""); // "2026-11-15T02:29:53Z "
+    }
+    return bodies;
 }
 
 void registerBundles() {
@@ -38,19 +31,20 @@ void registerBundles() {
     g_resources_register(merid_gsettings_get_resource());
 }
 
-int unregisterCompletely(GResource* resource, const char* probePath) {
+void withoutIconBundle(const std::function<void()>& action) {
+    GResource* icons = merid_icons_get_resource();
     int times = 0;
     // The first lookup also registers the bundles that wait for it.
-    while (reachable(probePath) && times < 16) {
-        g_resources_unregister(resource);
-        ++times;
+    for (GBytes* bytes;
+         times < 16 && (bytes = g_resources_lookup_data("/meridkestalutility/icons/hicolor/index.theme",
+                                                        G_RESOURCE_LOOKUP_FLAGS_NONE, nullptr));
+         ++times) {
+        g_bytes_unref(bytes);
+        g_resources_unregister(icons);
     }
-    return times;
-}
-
-void registerAgain(GResource* resource, int times) {
-    for (int count = 0; count < times; ++count) {
-        g_resources_register(resource);
+    action();
+    for (; times > 0; --times) {
+        g_resources_register(icons);
     }
 }
 

@@ -1,7 +1,6 @@
 #pragma once
 
-#include <gio/gio.h>
-
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -10,16 +9,14 @@ namespace shelltest {
 // The lines of a text file, without their line feeds.
 std::vector<std::string> fileLines(const std::string& path);
 
-// The line without its "2026-11-15T02:29:53Z " time stamp.
-std::string withoutTimestamp(const std::string& line);
+// The early log's lines after its two header lines, without their time stamps.
+std::vector<std::string> logBodies(const std::string& path);
 
 // Registers the four embedded bundles, as the program does at start.
 void registerBundles();
 
-// Takes a bundle out of the process's resources however often it was
-// registered, until `probePath` of it can no longer be looked up; returns
-// how often, so that it can be put back.
-int unregisterCompletely(GResource* resource, const char* probePath);
-void registerAgain(GResource* resource, int times);
+// Runs `action` with the icon bundle out of the process's resources, however
+// often it was registered, and puts it back afterwards.
+void withoutIconBundle(const std::function<void()>& action);
 
 } // namespace shelltest
