@@ -3,14 +3,9 @@
 #include "loader_port.h"
 #include "protocol.h"
 
-#include <algorithm>
-
-namespace fakeport {
-
-uint32_t Request::word(size_t offset) const {
-    return static_cast<uint32_t>(bytes.at(offset)) | static_cast<uint32_t>(bytes.at(offset + 1)) << 8 |
-           static_cast<uint32_t>(bytes.at(offset + 2)) << 16 |
-           static_cast<uint32_t>(bytes.at(offset + 3)) << 24;
+uint32_t Request::word(size_t at) const {
+    return bytes.at(at) | bytes.at(at + 1) << 8 | bytes.at(at + 2) << 16 |
+           static_cast<uint32_t>(bytes.at(at + 3)) << 24;
 }
 
 void putWord(Bytes& bytes, uint32_t value) {
@@ -22,10 +17,8 @@ void putWord(Bytes& bytes, uint32_t value) {
 Bytes slipFrame(const Bytes& payload) {
     Bytes out{0xC0};
     for (uint8_t b : payload) {
-        if (b == 0xC0) {
-            out.insert(out.end(), {0xDB, 0xDC});
-        } else if (b == 0xDB) {
-            out.insert(out.end(), {0xDB, 0xDD});
+        if (b == 0xC0 || b == 0xDB) {
+            out.insert(out.end(), {0xDB, static_cast<uint8_t>(b == 0xC0 ? 0xDC : 0xDD)});
         } else {
             out.push_back(b);
         }
@@ -34,179 +27,121 @@ Bytes slipFrame(const Bytes& payload) {
     return out;
 }
 
-Bytes responsePacket(uint8_t opcode, uint32_t value, const Bytes& data, uint8_t status, uint8_t error) {
-    Bytes packet{0x01, opcode};
-    const uint16_t size = static_cast<uint16_t>(data.size() + 2);
-    packet.push_back(static_cast<uint8_t>(size));
-    packet.push_back(static_cast<uint8_t>(size >> 8));
-    putWord(packet, value);
-    packet.insert(packet.end(), data.begin(), data.end());
-    packet.push_back(status);
-    packet.push_back(error);
-    return packet;
-}
-
-FakePort& FakePort::instance() {
-    static FakePort port;
-    return port;
-}
-
-void FakePort::reset() {
-    writes.clear();
-    requests.clear();
-    timers.clear();
-    prints.clear();
-    enterBootloaderCalls = 0;
-    resetCalls = 0;
-    readCalls = 0;
-    nowMs = 0;
-    delayedMs = 0;
-    onRequest = nullptr;
-    onWrite = nullptr;
-    writeResult = ESP_LOADER_SUCCESS;
-    input.clear();
-    deadlineMs = 0;
-    frame.clear();
-    inEscape = false;
-    esp_stub_set_running(false);
-}
-
-void FakePort::pushRaw(const Bytes& bytes) {
-    input.insert(input.end(), bytes.begin(), bytes.end());
-}
-
-void FakePort::pushFrame(const Bytes& payload) {
-    pushRaw(slipFrame(payload));
-}
-
-void FakePort::pushResponse(uint8_t opcode, uint32_t value, const Bytes& data, uint8_t status,
-                            uint8_t error) {
-    pushFrame(responsePacket(opcode, value, data, status, error));
-}
-
-std::vector<uint8_t> FakePort::opcodes() const {
-    std::vector<uint8_t> out;
-    for (const Request& r : requests) {
-        out.push_back(r.opcode());
+Bytes packet(uint8_t op, uint16_t size, uint32_t checksum, std::initializer_list<uint32_t> words,
+             const Bytes& data) {
+    Bytes out{0x00, op, static_cast<uint8_t>(size), static_cast<uint8_t>(size >> 8)};
+    putWord(out, checksum);
+    for (uint32_t w : words) {
+        putWord(out, w);
     }
+    out.insert(out.end(), data.begin(), data.end());
     return out;
 }
 
-bool FakePort::printed(const std::string& text) const {
-    return std::find(prints.begin(), prints.end(), text) != prints.end();
+FakeLine& FakeLine::get() {
+    static FakeLine line;
+    return line;
 }
 
-// The chip's side of the framing: a frame ends at a C0 that follows data.
-void FakePort::decode(uint8_t byte) {
-    if (inEscape) {
-        inEscape = false;
+void FakeLine::reset() {
+    *this = FakeLine();
+    registers[0x40001000] = 0x00F01D83;
+    esp_stub_set_running(false);
+}
+
+void FakeLine::respond(uint8_t op, uint32_t value, const Bytes& data, uint8_t status, uint8_t error) {
+    Bytes packet{0x01, op, static_cast<uint8_t>(data.size() + 2), 0};
+    putWord(packet, value);
+    packet.insert(packet.end(), data.begin(), data.end());
+    packet.insert(packet.end(), {status, error});
+    push(slipFrame(packet));
+}
+
+// The chip's side of the framing: a frame ends at a C0 behind data.
+void FakeLine::decode(uint8_t byte) {
+    if (escaped) {
+        escaped = false;
         frame.push_back(byte == 0xDC ? 0xC0 : byte == 0xDD ? 0xDB : byte);
-        return;
-    }
-    if (byte == 0xDB) {
-        inEscape = true;
-        return;
-    }
-    if (byte != 0xC0) {
+    } else if (byte == 0xDB) {
+        escaped = true;
+    } else if (byte != 0xC0) {
         frame.push_back(byte);
+    } else if (!frame.empty()) {
+        requests.push_back({frame, loader_port_remaining_time()});
+        frame.clear();
+        if (rom) {
+            answer(requests.back());
+        }
+    }
+}
+
+void FakeLine::answer(const Request& request) {
+    const uint8_t op = request.op();
+    if (silent[op]-- > 0) {
         return;
     }
-    if (frame.empty()) {
-        return;
+    if (refused[op]-- > 0 || (op == 0x14 && !securityInfo)) {
+        return respond(op, 0, {}, 1, 0xC1);
     }
-    Request request{frame, timers.empty() ? 0 : timers.back()};
-    frame.clear();
-    requests.push_back(request);
-    if (onRequest) {
-        onRequest(requests.back());
+    uint32_t value = 0;
+    if (op == 0x0A) { // READ_REG
+        value =
+            busyLeft > 0 && request.word(8) == spiCmd ? (--busyLeft, 1u << 18) : registers[request.word(8)];
+    } else if (op == 0x09) { // WRITE_REG; 0x40000 in cmd runs the identification
+        registers[request.word(8)] = request.word(12);
+        if (request.word(8) == spiCmd && request.word(12) == 0x40000) {
+            registers[spiW0] = flashId;
+            registers[spiCmd] = 0;
+            busyLeft = busyReadings;
+        }
+    }
+    for (int i = op == 0x08 ? 8 : 1; i > 0; --i) { // a sync is answered eight times
+        respond(op, value, op == 0x14 ? *securityInfo : Bytes{});
     }
 }
-
-esp_loader_error_t FakePort::write(const uint8_t* data, uint16_t size) {
-    if (data == nullptr || size == 0) {
-        return ESP_LOADER_ERROR_INVALID_PARAM;
-    }
-    if (writeResult != ESP_LOADER_SUCCESS) {
-        return writeResult;
-    }
-    writes.emplace_back(data, data + size);
-    for (uint16_t i = 0; i < size; ++i) {
-        decode(data[i]);
-    }
-    if (onWrite) {
-        onWrite(data, size);
-    }
-    return ESP_LOADER_SUCCESS;
-}
-
-esp_loader_error_t FakePort::read(uint8_t* data, uint16_t size, uint32_t timeout) {
-    if (data == nullptr || size == 0) {
-        return ESP_LOADER_ERROR_INVALID_PARAM;
-    }
-    if (timeout == 0) {
-        return ESP_LOADER_ERROR_TIMEOUT;
-    }
-    ++readCalls;
-    if (input.size() < size) {
-        // Nothing more will come: the whole limit passes.
-        nowMs += timeout;
-        return ESP_LOADER_ERROR_TIMEOUT;
-    }
-    for (uint16_t i = 0; i < size; ++i) {
-        data[i] = input.front();
-        input.pop_front();
-    }
-    return ESP_LOADER_SUCCESS;
-}
-
-void FakePort::startTimer(uint32_t ms) {
-    timers.push_back(ms);
-    deadlineMs = nowMs + ms;
-}
-
-uint32_t FakePort::remaining() const {
-    return deadlineMs > nowMs ? static_cast<uint32_t>(deadlineMs - nowMs) : 0;
-}
-
-} // namespace fakeport
-
-using fakeport::FakePort;
 
 ESP_LOADER_NAMESPACE_BEGIN
 
 esp_loader_error_t loader_port_write(const uint8_t* data, uint16_t size, uint32_t) {
-    return FakePort::instance().write(data, size);
+    FakeLine& line = FakeLine::get();
+    if (data == nullptr || size == 0 || line.writeResult != ESP_LOADER_SUCCESS) {
+        return data == nullptr || size == 0 ? ESP_LOADER_ERROR_INVALID_PARAM : line.writeResult;
+    }
+    line.writes.emplace_back(data, data + size);
+    std::for_each(data, data + size, [&line](uint8_t b) { line.decode(b); });
+    return ESP_LOADER_SUCCESS;
 }
 
 esp_loader_error_t loader_port_read(uint8_t* data, uint16_t size, uint32_t timeout) {
-    return FakePort::instance().read(data, size, timeout);
+    FakeLine& line = FakeLine::get();
+    if (timeout == 0 || line.input.size() < size) {
+        line.nowMs += timeout;
+        return ESP_LOADER_ERROR_TIMEOUT;
+    }
+    std::copy_n(line.input.begin(), size, data);
+    line.input.erase(line.input.begin(), line.input.begin() + size);
+    return ESP_LOADER_SUCCESS;
 }
 
 void loader_port_delay_ms(uint32_t ms) {
-    FakePort::instance().nowMs += ms;
-    FakePort::instance().delayedMs += ms;
+    FakeLine::get().nowMs += ms;
 }
 
 void loader_port_start_timer(uint32_t ms) {
-    FakePort::instance().startTimer(ms);
+    FakeLine::get().deadlineMs = FakeLine::get().nowMs + ms;
 }
 
 uint32_t loader_port_remaining_time() {
-    return FakePort::instance().remaining();
+    const FakeLine& line = FakeLine::get();
+    return line.deadlineMs > line.nowMs ? static_cast<uint32_t>(line.deadlineMs - line.nowMs) : 0;
 }
 
-void loader_port_enter_bootloader() {
-    ++FakePort::instance().enterBootloaderCalls;
-}
+void loader_port_enter_bootloader() {}
 
-void loader_port_reset_target() {
-    ++FakePort::instance().resetCalls;
-}
+void loader_port_reset_target() {}
 
 void loader_port_debug_print(const char* text) {
-    if (text != nullptr) {
-        FakePort::instance().prints.emplace_back(text);
-    }
+    FakeLine::get().prints.emplace_back(text);
 }
 
 esp_loader_error_t loader_port_change_transmission_rate(uint32_t) {

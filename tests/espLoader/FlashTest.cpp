@@ -1,490 +1,238 @@
 #include "FakeLoaderPort.h"
-#include "ScriptedRom.h"
 #include "esp_loader.h"
+#include "esp_targets.h"
 #include "protocol.h"
-
-#include <gtest/gtest.h>
-
-#include <cstring>
-
-using fakeport::Bytes;
-using fakeport::Request;
 
 namespace {
 
 constexpr uint32_t kMiB = 1024 * 1024;
 
-class Flash : public fakeport::PortTest {
-protected:
-    // Connects to the scripted chip, then forgets the connect's traffic.
-    static void connect(ScriptedRom& rom, target_chip_t chip) {
-        const esp_target_t* row = get_esp_target_data(chip);
-        if (row->magic_values_count > 0) {
-            rom.magic = row->chip_magic_value[0];
-        }
-        esp_loader_connect_args_t args{500, 20};
-        ASSERT_EQ(esp_loader_connect(&args), ESP_LOADER_SUCCESS);
-        ASSERT_EQ(esp_loader_get_target(), chip);
-        port().requests.clear();
-        port().prints.clear();
-        rom.registerReads.clear();
-        rom.registerWrites.clear();
-    }
-};
+esp_loader_error_t connect(uint32_t trials = 20) {
+    esp_loader_connect_args_t args{500, trials};
+    return esp_loader_connect(&args);
+}
 
 } // namespace
 
-TEST_F(Flash, ConnectRunsEntrySyncDetectionAndAttachInOrder) {
-    ScriptedRom rom;
-    // clk 6, q 7, d 8, cs 9 and hd 10 in the efuses.
-    rom.registers[0x3FF5A014] = 6 | (7 << 5) | (8 << 10) | (9 << 15);
-    rom.registers[0x3FF5A00C] = 10 << 4;
-    esp_loader_connect_args_t args{500, 20};
-    ASSERT_EQ(esp_loader_connect(&args), ESP_LOADER_SUCCESS);
-
-    EXPECT_EQ(port().enterBootloaderCalls, 1);
-    EXPECT_EQ(port().opcodes(),
-              (std::vector<uint8_t>{SYNC, GET_SECURITY_INFO, READ_REG, READ_REG, READ_REG, SPI_ATTACH}));
-    EXPECT_EQ(rom.registerReads, (std::vector<uint32_t>{0x40001000, 0x3FF5A014, 0x3FF5A00C}));
-    const auto& r = port().requests;
-    EXPECT_EQ(r[0].timerMs, 500u);
-    EXPECT_EQ(r[1].timerMs, 100u);
-    EXPECT_EQ(r[5].timerMs, 1000u);
-    EXPECT_EQ(r[5].word(8), 6u | (7u << 6) | (8u << 12) | (9u << 18) | (10u << 24));
-    EXPECT_EQ(r[5].bytes.size(), 16u);
-    EXPECT_EQ(esp_loader_target_flash_size(), 0u);
-}
-
-TEST_F(Flash, ConnectToAnEsp8266BringsUpTheFlashWithABegin) {
-    ScriptedRom rom(ESP8266_CHIP);
-    rom.magic = 0xFFF0C101;
-    esp_loader_connect_args_t args{500, 20};
-    ASSERT_EQ(esp_loader_connect(&args), ESP_LOADER_SUCCESS);
-    const Request& last = port().requests.back();
-    EXPECT_EQ(last.opcode(), FLASH_BEGIN);
-    EXPECT_EQ(last.body(), Bytes(16, 0));
-}
-
-TEST_F(Flash, SilentSyncIsTriedTheGivenNumberOfTimes) {
-    ScriptedRom rom;
-    rom.silentSyncs = 1000;
-    esp_loader_connect_args_t args{500, 20};
-    EXPECT_EQ(esp_loader_connect(&args), ESP_LOADER_ERROR_TIMEOUT);
-    EXPECT_EQ(port().requests.size(), 20u);
-    EXPECT_EQ(port().delayedMs, 19u * 100);
-    EXPECT_EQ(port().nowMs, 20u * 500 + 19u * 100);
-
-    port().reset();
-    ScriptedRom once;
-    once.silentSyncs = 1000;
-    args.trials = 1;
-    EXPECT_EQ(loader_initialize_conn(&args), ESP_LOADER_ERROR_TIMEOUT);
-    EXPECT_EQ(port().requests.size(), 1u);
-    EXPECT_EQ(port().delayedMs, 0u);
-}
-
-TEST_F(Flash, OnlyTimeoutsAreTriedAgain) {
-    {
-        ScriptedRom rom;
-        rom.silentSyncs = 3;
-        esp_loader_connect_args_t args{500, 20};
-        ASSERT_EQ(loader_initialize_conn(&args), ESP_LOADER_SUCCESS);
-        EXPECT_EQ(port().requests.size(), 4u);
+TEST_F(LineTest, EachChipIsFoundByItsIdOrItsMagicValue) {
+    struct Row {
+        target_chip_t chip;
+        uint32_t id, magic, cmd, w0, efuse;
+        bool encryption;
+    };
+    const Row rows[] = {
+        {ESP8266_CHIP, 255, 0xFFF0C101, 0x60000200, 0x60000240, 0, false},
+        {ESP32_CHIP, 0, 0x00F01D83, 0x3FF42000, 0x3FF42080, 0x3FF5A000, false},
+        {ESP32S2_CHIP, 2, 0x000007C6, 0x3F402000, 0x3F402058, 0x3F41A000, true},
+        {ESP32C3_CHIP, 5, 0x1B31506F, 0x60002000, 0x60002058, 0x60008800, true},
+        {ESP32S3_CHIP, 9, 0x00000009, 0x60002000, 0x60002058, 0x60007000, true},
+        {ESP32C2_CHIP, 12, 0x0C21E06F, 0x60002000, 0x60002058, 0x60008800, true},
+        {ESP32C5_CHIP, 23, 0x5FD1406F, 0x60003000, 0x60003058, 0x600B4800, true},
+        {ESP32H2_CHIP, 16, 0xD7B73E80, 0x60003000, 0x60003058, 0x600B0800, true},
+        {ESP32C6_CHIP, 13, 0x2CE0806F, 0x60003000, 0x60003058, 0x600B0800, true},
+        {ESP32P4_CHIP, 18, 0, 0x5008D000, 0x5008D058, 0x5012D000, true}, // by 0x500D0000, high bits aside
+    };
+    for (const Row& row : rows) {
+        // By the security information's chip id (20 bytes, the id at byte 12), then by the magic value.
+        for (const Bytes& info :
+             {Bytes{0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, uint8_t(row.id), 0, 0, 0, 0, 0, 0, 0},
+              Bytes(16, 0)}) {
+            line().reset();
+            line().securityInfo = info;
+            line().registers[0x40001000] = row.magic;
+            line().registers[0x500D0000] = 0xF8000000 | 0x2207202;
+            target_chip_t target = ESP_UNKNOWN_CHIP;
+            const target_registers_t* reg = nullptr;
+            ASSERT_EQ(loader_detect_chip(&target, &reg), ESP_LOADER_SUCCESS) << row.id;
+            EXPECT_EQ(target, row.chip) << row.id << " from " << info.size() << " bytes";
+            EXPECT_EQ(reg->cmd, row.cmd) << row.id;
+            EXPECT_EQ(reg->w0, row.w0) << row.id;
+        }
+        EXPECT_EQ(get_esp_target_data(row.chip)->efuse_base, row.efuse) << row.id;
+        EXPECT_EQ(encryption_in_begin_flash_cmd(row.chip), row.encryption) << row.id;
     }
-    port().reset();
-    ScriptedRom rom;
-    rom.failing[SYNC] = {1, 5};
-    esp_loader_connect_args_t args{500, 20};
-    EXPECT_EQ(loader_initialize_conn(&args), ESP_LOADER_ERROR_INVALID_RESPONSE);
-    EXPECT_EQ(port().requests.size(), 1u);
+    EXPECT_EQ(target_from_chip_id(1), ESP_UNKNOWN_CHIP);
+    line().securityInfo = Bytes(12, 0); // the short form is an S2's
+    esp_loader_security_info_t info{};
+    ASSERT_EQ(esp_loader_get_security_info(&info), ESP_LOADER_SUCCESS);
+    EXPECT_EQ(info.target_chip, ESP32S2_CHIP);
+    EXPECT_EQ(line().requests.back().timerMs, 100u);
+
+    line().securityInfo.reset();
+    line().registers[0x40001000] = 0x12345678;
+    line().registers[0x500D0000] = 0x2207203;
+    target_chip_t target;
+    const target_registers_t* reg;
+    EXPECT_EQ(loader_detect_chip(&target, &reg), ESP_LOADER_ERROR_INVALID_TARGET);
 }
 
-TEST_F(Flash, SizeDetectionRunsTheReadIdThroughTheControllerRegisters) {
-    ScriptedRom rom;
-    connect(rom, ESP32_CHIP);
-    rom.registers[0x3FF4201C] = 0x11111111; // usr
-    rom.registers[0x3FF42024] = 0x22222222; // usr2
+TEST_F(LineTest, Esp32PinConfigFromTheEfuses) {
+    const auto pins = [](uint32_t clk, uint32_t q, uint32_t d, uint32_t cs) {
+        return clk | q << 5 | d << 10 | cs << 15;
+    };
+    const std::tuple<uint32_t, uint32_t, uint32_t> cases[] = {
+        {0xFFFFF, 10 << 4, 0},
+        {pins(6, 7, 8, 30), 31 << 4, 6 | 7 << 6 | 8 << 12 | 32 << 18 | 33u << 24}, // 30 and up: two higher
+        {pins(6, 7, 8, 6), 0, 0},
+        {pins(6, 7, 7, 9), 0, 0},
+        {pins(6, 7, 8, 8), 0, 6 | 7 << 6 | 8 << 12 | 8 << 18}, // cs and d aren't compared
+    };
+    for (const auto& [a, b, expected] : cases) {
+        line().registers[0x3FF5A000 + 20] = a;
+        line().registers[0x3FF5A000 + 12] = b;
+        uint32_t config = 0xDEAD;
+        ASSERT_EQ(spi_config_esp32(0x3FF5A000, &config), ESP_LOADER_SUCCESS);
+        EXPECT_EQ(config, expected) << std::hex << a;
+    }
+    line().registers[0x60008800 + 72] = 0xABCD1234;
+    line().registers[0x60008800 + 76] = 0x5678F0F0;
+    uint32_t config = 0;
+    ASSERT_EQ(spi_config_esp32xx(0x60008800, &config), ESP_LOADER_SUCCESS);
+    EXPECT_EQ(config, 0x3FFFFFFFu & (0xABCDu | 0xF0F0u << 16));
+}
+
+TEST_F(LineTest, ConnectSyncsDetectsAndAttaches) {
+    line().registers[0x3FF5A014] = 6 | 7 << 5 | 8 << 10 | 9 << 15;
+    ASSERT_EQ(connect(), ESP_LOADER_SUCCESS);
+    EXPECT_EQ(opcodes(), (Bytes{0x08, 0x14, 0x0A, 0x0A, 0x0A, 0x0D}));
+    const auto& r = line().requests;
+    EXPECT_EQ(r[0].timerMs, 500u);
+    EXPECT_EQ(r[5].timerMs, 1000u);
+    EXPECT_EQ(r[5].word(8), 6u | 7 << 6 | 8 << 12 | 9 << 18);
+
+    // Only time-outs are tried again, 100 ms apart.
+    const std::tuple<int, int, uint32_t, esp_loader_error_t, size_t> cases[] = {
+        {1000, 0, 20, ESP_LOADER_ERROR_TIMEOUT, 20},
+        {1000, 0, 1, ESP_LOADER_ERROR_TIMEOUT, 1},
+        {3, 0, 20, ESP_LOADER_SUCCESS, 4},
+        {0, 1, 20, ESP_LOADER_ERROR_INVALID_RESPONSE, 1},
+    };
+    for (const auto& [silent, refused, trials, result, syncs] : cases) {
+        line().reset();
+        line().silent[0x08] = silent;
+        line().refused[0x08] = refused;
+        esp_loader_connect_args_t args{500, trials};
+        EXPECT_EQ(loader_initialize_conn(&args), result);
+        EXPECT_EQ(line().requests.size(), syncs);
+        if (result == ESP_LOADER_ERROR_TIMEOUT) {
+            EXPECT_EQ(line().nowMs, syncs * 500 + (syncs - 1) * 100);
+        }
+    }
+}
+
+TEST_F(LineTest, FlashSizeIsReadThroughTheControllerRegisters) {
+    ASSERT_EQ(connect(), ESP_LOADER_SUCCESS);
+    line().registers[0x3FF4201C] = 0x11111111; // usr
+    line().registers[0x3FF42024] = 0x22222222; // usr2
+    line().requests.clear();
     uint32_t size = 0;
     ASSERT_EQ(esp_loader_flash_detect_size(&size), ESP_LOADER_SUCCESS);
     EXPECT_EQ(size, 4 * kMiB);
-
-    const std::vector<std::pair<uint32_t, uint32_t>> writes = {
-        {0x3FF4202C, 23},      {0x3FF4201C, 0x90000000}, {0x3FF42024, 0x7000009F}, {0x3FF42080, 0},
-        {0x3FF42000, 0x40000}, {0x3FF4201C, 0x11111111}, {0x3FF42024, 0x22222222},
-    };
-    EXPECT_EQ(rom.registerWrites, writes);
-    EXPECT_EQ(rom.registerReads, (std::vector<uint32_t>{0x3FF4201C, 0x3FF42024, 0x3FF42000, 0x3FF42080}));
-    for (const Request& r : port().requests) {
-        EXPECT_EQ(r.timerMs, 1000u);
-        if (r.opcode() == WRITE_REG) {
-            EXPECT_EQ(r.word(16), 0xFFFFFFFFu);
-            EXPECT_EQ(r.word(20), 0u);
-        }
+    std::vector<std::pair<uint32_t, uint32_t>> writes;
+    for (const Request& w : sent(0x09)) {
+        writes.emplace_back(w.word(8), w.word(12));
     }
-}
+    EXPECT_EQ(writes, (std::vector<std::pair<uint32_t, uint32_t>>{{0x3FF4202C, 23},
+                                                                  {0x3FF4201C, 0x90000000},
+                                                                  {0x3FF42024, 0x7000009F},
+                                                                  {0x3FF42080, 0},
+                                                                  {0x3FF42000, 0x40000},
+                                                                  {0x3FF4201C, 0x11111111},
+                                                                  {0x3FF42024, 0x22222222}}));
 
-TEST_F(Flash, Esp8266SizeDetectionSetsTheLengthInUsr1) {
-    ScriptedRom rom(ESP8266_CHIP);
-    connect(rom, ESP8266_CHIP);
-    uint32_t size = 0;
-    ASSERT_EQ(esp_loader_flash_detect_size(&size), ESP_LOADER_SUCCESS);
-    EXPECT_EQ(rom.registerWrites.front(), (std::pair<uint32_t, uint32_t>{0x60000220, 0x1700}));
-}
-
-TEST_F(Flash, TenPollRule) {
-    struct Case {
-        int busy;
-        esp_loader_error_t result;
-        size_t cmdReads;
-    };
-    // Clear on reading 9: done. Clear only on reading 10: time-out. Never
-    // clear within ten readings: taken as done.
-    const Case cases[] = {{0, ESP_LOADER_SUCCESS, 1},
-                          {8, ESP_LOADER_SUCCESS, 9},
-                          {9, ESP_LOADER_ERROR_TIMEOUT, 10},
-                          {10, ESP_LOADER_SUCCESS, 10},
-                          {50, ESP_LOADER_SUCCESS, 10}};
-    for (const Case& c : cases) {
-        port().reset();
-        ScriptedRom rom;
-        connect(rom, ESP32_CHIP);
-        rom.busyReadings = c.busy;
-        uint32_t size = 0;
-        EXPECT_EQ(esp_loader_flash_detect_size(&size), c.result) << c.busy;
-        EXPECT_EQ(std::count(rom.registerReads.begin(), rom.registerReads.end(), 0x3FF42000u),
-                  static_cast<long>(c.cmdReads))
-            << c.busy;
+    // Bit 18 of cmd, polled ten times: clear only at the tenth reading is a
+    // time-out, never clear is taken as done.
+    for (auto [busy, result] :
+         {std::pair{8, ESP_LOADER_SUCCESS}, {9, ESP_LOADER_ERROR_TIMEOUT}, {10, ESP_LOADER_SUCCESS}}) {
+        line().busyReadings = busy;
+        EXPECT_EQ(esp_loader_flash_detect_size(&size), result) << busy;
     }
-}
-
-TEST_F(Flash, SizeCodes) {
-    const std::pair<uint8_t, uint32_t> codes[] = {
-        {0x12, 256 * 1024}, {0x1C, 256 * kMiB}, {0x20, 64 * kMiB}, {0x22, 256 * kMiB}, {0x3A, 64 * kMiB}};
-    ScriptedRom rom;
-    connect(rom, ESP32_CHIP);
+    line().busyReadings = 0;
+    const std::pair<uint8_t, uint32_t> codes[] = {{0x12, 256 * 1024}, {0x1C, 256 * kMiB}, {0x20, 64 * kMiB},
+                                                  {0x3A, 64 * kMiB},  {0x11, 0},          {0x3B, 0}};
     for (const auto& [code, bytes] : codes) {
-        rom.flashId = (static_cast<uint32_t>(code) << 16) | 0x40EF;
-        uint32_t size = 0;
-        ASSERT_EQ(esp_loader_flash_detect_size(&size), ESP_LOADER_SUCCESS) << int(code);
+        line().flashId = static_cast<uint32_t>(code) << 16 | 0x40EF;
+        size = 0;
+        EXPECT_EQ(esp_loader_flash_detect_size(&size),
+                  bytes != 0 ? ESP_LOADER_SUCCESS : ESP_LOADER_ERROR_UNSUPPORTED_CHIP);
         EXPECT_EQ(size, bytes) << int(code);
     }
-    for (uint8_t code : {0x11, 0x1D, 0x23, 0x3B}) {
-        rom.flashId = (static_cast<uint32_t>(code) << 16) | 0x40EF;
-        uint32_t size = 0;
-        EXPECT_EQ(esp_loader_flash_detect_size(&size), ESP_LOADER_ERROR_UNSUPPORTED_CHIP) << int(code);
-    }
-}
-
-TEST_F(Flash, UnknownSizeCodeFallsBackToTwoMebibytes) {
-    ScriptedRom rom;
-    connect(rom, ESP32_CHIP);
-    rom.flashId = 0x1E40EF;
+    // An unknown size code counts as 2 MiB for a write.
+    ASSERT_EQ(connect(), ESP_LOADER_SUCCESS);
     ASSERT_EQ(esp_loader_flash_start(0, kMiB, 1024), ESP_LOADER_SUCCESS);
-    EXPECT_TRUE(port().printed("Flash size detection failed, falling back to default"));
-    EXPECT_EQ(esp_loader_target_flash_size(), 2 * kMiB);
-    const auto params = requestsOf(SPI_SET_PARAMS);
-    ASSERT_EQ(params.size(), 1u);
-    EXPECT_EQ(params[0]->word(12), 2 * kMiB);
-
+    EXPECT_TRUE(line().printed("Flash size detection failed, falling back to default"));
+    EXPECT_EQ(sent(0x0B).back().word(12), 2 * kMiB);
     EXPECT_EQ(esp_loader_flash_start(0, 3 * kMiB, 1024), ESP_LOADER_ERROR_IMAGE_SIZE);
-    // The size stays known: no second detection.
-    EXPECT_EQ(requestsOf(SPI_SET_PARAMS).size(), 2u);
-    EXPECT_EQ(std::count(rom.registerWrites.begin(), rom.registerWrites.end(),
-                         std::pair<uint32_t, uint32_t>{0x3FF42000, 0x40000}),
-              1);
 }
 
-TEST_F(Flash, UnalignedImageIsRefusedBeforeAnyCommand) {
-    ScriptedRom rom;
-    connect(rom, ESP32_CHIP);
-    EXPECT_EQ(esp_loader_flash_start(0, 1001, 1024), ESP_LOADER_ERROR_INVALID_PARAM);
-    EXPECT_EQ(esp_loader_flash_start(2, 1000, 1024), ESP_LOADER_ERROR_INVALID_PARAM);
-    EXPECT_EQ(esp_loader_flash_start(0, 1, 1024), ESP_LOADER_ERROR_INVALID_PARAM);
-    EXPECT_TRUE(port().requests.empty());
-
-    ASSERT_EQ(esp_loader_flash_start(0, 1000, 1024), ESP_LOADER_SUCCESS);
-    const auto begins = requestsOf(FLASH_BEGIN);
-    ASSERT_EQ(begins.size(), 1u);
-    // erase size, blocks, block size, offset; no encryption word on an ESP32
-    EXPECT_EQ(begins[0]->bytes.size(), 24u);
-    EXPECT_EQ(begins[0]->word(8), 1000u);
-    EXPECT_EQ(begins[0]->word(12), 1u);
-    EXPECT_EQ(begins[0]->word(16), 1024u);
-    EXPECT_EQ(begins[0]->word(20), 0u);
-}
-
-TEST_F(Flash, EraseLimitGrowsWithTheImage) {
-    ScriptedRom rom;
-    connect(rom, ESP32_CHIP);
-    for (auto [size, limit] :
-         {std::pair{100000u, 3000u}, {2000000u, 20000u}, {300000u, 3000u}, {301000u, 3010u}}) {
-        ASSERT_EQ(esp_loader_flash_start(0, size, 1024), ESP_LOADER_SUCCESS);
-        EXPECT_EQ(requestsOf(FLASH_BEGIN).back()->timerMs, limit) << size;
-    }
-}
-
-TEST_F(Flash, EncryptionWordFollowsTheRowUnderTheRomOnly) {
-    ScriptedRom rom(ESP32C3_CHIP);
-    connect(rom, ESP32C3_CHIP);
-    ASSERT_EQ(esp_loader_flash_start(0x10000, 4096, 1024), ESP_LOADER_SUCCESS);
-    EXPECT_EQ(requestsOf(FLASH_BEGIN).back()->sizeField(), 20u);
-    EXPECT_EQ(requestsOf(FLASH_BEGIN).back()->bytes.size(), 28u);
-
-    esp_stub_set_running(true);
-    ASSERT_EQ(esp_loader_flash_start(0x10000, 4096, 1024), ESP_LOADER_SUCCESS);
-    EXPECT_EQ(requestsOf(FLASH_BEGIN).back()->sizeField(), 16u);
-}
-
-TEST_F(Flash, Esp8266RomEraseSizeRule) {
-    ScriptedRom rom(ESP8266_CHIP);
-    connect(rom, ESP8266_CHIP);
+TEST_F(LineTest, FlashBeginBlockMath) {
     struct Case {
-        uint32_t offset;
-        uint32_t size;
-        uint32_t erase;
+        target_chip_t chip;
+        bool stub;
+        uint32_t offset, size, block;
+        esp_loader_error_t result;
+        uint32_t erase, blocks, sizeField, limit;
     };
     const Case cases[] = {
-        {0, 20 * 4096, 4 * 4096},      // more sectors than the head of the block
-        {0, 3 * 4096, 2 * 4096},       // fewer: half of them, rounded up
-        {0x1000, 16 * 4096, 1 * 4096}, // head of 15 at sector 1
-        {0, 4, 4096},                  // one partial sector
+        {ESP32_CHIP, false, 0, 1000, 1024, ESP_LOADER_SUCCESS, 1000, 1, 16, 3000},
+        {ESP32_CHIP, false, 0, 301000, 4096, ESP_LOADER_SUCCESS, 301000, 74, 16, 3010},
+        {ESP32_CHIP, false, 0, 2000000, 1024, ESP_LOADER_SUCCESS, 2000000, 1954, 16, 20000},
+        {ESP32_CHIP, false, 0, 1001, 1024, ESP_LOADER_ERROR_INVALID_PARAM, 0, 0, 0, 0},
+        {ESP32_CHIP, false, 2, 1000, 1024, ESP_LOADER_ERROR_INVALID_PARAM, 0, 0, 0, 0},
+        {ESP32_CHIP, false, 4096, 4 * kMiB, 1024, ESP_LOADER_ERROR_IMAGE_SIZE, 0, 0, 0, 0},
+        {ESP32C3_CHIP, false, 0x10000, 4096, 1024, ESP_LOADER_SUCCESS, 4096, 4, 20, 3000},
+        {ESP32C3_CHIP, true, 0x10000, 4096, 1024, ESP_LOADER_SUCCESS, 4096, 4, 16, 3000},
+        // The ESP8266's ROM erases by its own rule.
+        {ESP8266_CHIP, false, 0, 20 * 4096, 4096, ESP_LOADER_SUCCESS, 4 * 4096, 20, 16, 3000},
+        {ESP8266_CHIP, false, 0, 3 * 4096, 4096, ESP_LOADER_SUCCESS, 2 * 4096, 3, 16, 3000},
+        {ESP8266_CHIP, false, 0x1000, 16 * 4096, 4096, ESP_LOADER_SUCCESS, 4096, 16, 16, 3000},
+        {ESP8266_CHIP, true, 0, 3 * 4096, 4096, ESP_LOADER_SUCCESS, 3 * 4096, 3, 16, 3000},
     };
     for (const Case& c : cases) {
-        ASSERT_EQ(esp_loader_flash_start(c.offset, c.size, 1024), ESP_LOADER_SUCCESS);
-        EXPECT_EQ(requestsOf(FLASH_BEGIN).back()->word(8), c.erase) << c.offset << "+" << c.size;
-    }
-    esp_stub_set_running(true);
-    ASSERT_EQ(esp_loader_flash_start(0, 3 * 4096, 1024), ESP_LOADER_SUCCESS);
-    EXPECT_EQ(requestsOf(FLASH_BEGIN).back()->word(8), 3u * 4096);
-}
-
-TEST_F(Flash, ShortLastBlockIsPaddedWithFFInTheCallersBuffer) {
-    ScriptedRom rom;
-    connect(rom, ESP32_CHIP);
-    ASSERT_EQ(esp_loader_flash_start(0, 1124, 1024), ESP_LOADER_SUCCESS);
-    Bytes block(1024, 0x00);
-    for (size_t i = 0; i < 100; ++i) {
-        block[i] = static_cast<uint8_t>(i + 1);
-    }
-    ASSERT_EQ(esp_loader_flash_write(block.data(), 100), ESP_LOADER_SUCCESS);
-    const Request& data = *requestsOf(FLASH_DATA).back();
-    EXPECT_EQ(data.sizeField(), 1024u + 16);
-    EXPECT_EQ(data.word(8), 1024u);
-    Bytes sent(data.bytes.begin() + 24, data.bytes.end());
-    ASSERT_EQ(sent.size(), 1024u);
-    for (size_t i = 0; i < 100; ++i) {
-        EXPECT_EQ(sent[i], i + 1);
-    }
-    EXPECT_EQ(std::count(sent.begin() + 100, sent.end(), 0xFF), 924);
-    EXPECT_EQ(Bytes(block.begin() + 100, block.end()), Bytes(924, 0xFF));
-
-    Bytes big(1025);
-    EXPECT_EQ(esp_loader_flash_write(big.data(), 1025), ESP_LOADER_ERROR_INVALID_PARAM);
-}
-
-TEST_F(Flash, DataBlockIsTriedThreeTimes) {
-    ScriptedRom rom;
-    connect(rom, ESP32_CHIP);
-    ASSERT_EQ(esp_loader_flash_start(0, 2048, 1024), ESP_LOADER_SUCCESS);
-    Bytes block(1024, 0x5A);
-
-    rom.failDataBlocks = 2;
-    ASSERT_EQ(esp_loader_flash_write(block.data(), 1024), ESP_LOADER_SUCCESS);
-    EXPECT_EQ(requestsOf(FLASH_DATA).size(), 3u);
-
-    rom.failDataBlocks = 3;
-    EXPECT_EQ(esp_loader_flash_write(block.data(), 1024), ESP_LOADER_ERROR_INVALID_RESPONSE);
-    const auto data = requestsOf(FLASH_DATA);
-    ASSERT_EQ(data.size(), 6u);
-    for (size_t i = 0; i < data.size(); ++i) {
-        EXPECT_EQ(data[i]->word(12), i) << "each attempt carries the next number";
-        EXPECT_EQ(data[i]->timerMs, 1000u);
-    }
-    EXPECT_TRUE(port().printed("Error: BAD_DATA_CHECKSUM"));
-}
-
-TEST_F(Flash, FinishAndEraseUnderTheRom) {
-    ScriptedRom rom;
-    connect(rom, ESP32_CHIP);
-    ASSERT_EQ(esp_loader_flash_finish(false), ESP_LOADER_SUCCESS);
-    EXPECT_EQ(port().requests.back().word(8), 1u); // stay in the loader
-    ASSERT_EQ(esp_loader_flash_finish(true), ESP_LOADER_SUCCESS);
-    EXPECT_EQ(port().requests.back().word(8), 0u);
-    port().requests.clear();
-
-    EXPECT_EQ(esp_loader_flash_erase_region(0x1000, 0x800), ESP_LOADER_ERROR_INVALID_PARAM);
-    EXPECT_EQ(esp_loader_flash_erase_region(0x800, 0x1000), ESP_LOADER_ERROR_INVALID_PARAM);
-    EXPECT_TRUE(port().requests.empty());
-
-    EXPECT_EQ(esp_loader_flash_erase_region(4 * kMiB - 0x1000, 0x2000), ESP_LOADER_ERROR_FAIL);
-    EXPECT_TRUE(requestsOf(FLASH_BEGIN).empty());
-
-    ASSERT_EQ(esp_loader_flash_erase_region(0x10000, 0x3000), ESP_LOADER_SUCCESS);
-    const Request& begin = *requestsOf(FLASH_BEGIN).back();
-    EXPECT_EQ(begin.word(8), 0x3000u);
-    EXPECT_EQ(begin.word(16), 1024u);
-    EXPECT_EQ(begin.word(20), 0x10000u);
-
-    // The whole chip is a begin over all of it.
-    ASSERT_EQ(esp_loader_flash_erase(), ESP_LOADER_SUCCESS);
-    const Request& whole = *requestsOf(FLASH_BEGIN).back();
-    EXPECT_EQ(whole.word(8), 4 * kMiB);
-    EXPECT_EQ(whole.word(12), 4096u);
-    EXPECT_EQ(whole.timerMs, 41943u);
-    EXPECT_TRUE(requestsOf(ERASE_FLASH).empty());
-}
-
-TEST_F(Flash, EraseWithTheStubUsesItsCommands) {
-    ScriptedRom rom;
-    connect(rom, ESP32_CHIP);
-    esp_stub_set_running(true);
-    ASSERT_EQ(esp_loader_flash_erase(), ESP_LOADER_SUCCESS);
-    EXPECT_EQ(requestsOf(ERASE_FLASH).back()->timerMs, 41943u);
-    ASSERT_EQ(esp_loader_flash_erase_region(0x1000, 0x1000), ESP_LOADER_SUCCESS);
-    const Request& region = *requestsOf(ERASE_REGION).back();
-    EXPECT_EQ(region.word(8), 0x1000u);
-    EXPECT_EQ(region.word(12), 0x1000u);
-    EXPECT_EQ(region.timerMs, 3000u);
-    EXPECT_TRUE(requestsOf(FLASH_BEGIN).empty());
-}
-
-TEST_F(Flash, RomReadInSixtyFourByteBlocks) {
-    ScriptedRom rom;
-    rom.flash.resize(4096);
-    for (size_t i = 0; i < rom.flash.size(); ++i) {
-        rom.flash[i] = static_cast<uint8_t>(i * 7 + 1);
-    }
-    connect(rom, ESP32_CHIP);
-
-    Bytes out(0x50, 0);
-    ASSERT_EQ(esp_loader_flash_read(out.data(), 0x30, 0x50), ESP_LOADER_SUCCESS);
-    EXPECT_EQ(out, Bytes(rom.flash.begin() + 0x30, rom.flash.begin() + 0x80));
-    const auto reads = requestsOf(READ_FLASH_ROM);
-    ASSERT_EQ(reads.size(), 2u);
-    EXPECT_EQ(reads[0]->word(8), 0u);
-    EXPECT_EQ(reads[1]->word(8), 0x40u);
-
-    port().requests.clear();
-    ASSERT_EQ(esp_loader_flash_read(out.data(), 0x40, 0), ESP_LOADER_SUCCESS);
-    EXPECT_TRUE(requestsOf(READ_FLASH_ROM).empty());
-
-    EXPECT_EQ(esp_loader_flash_read(out.data(), 4 * kMiB - 4, 8), ESP_LOADER_ERROR_IMAGE_SIZE);
-}
-
-TEST_F(Flash, StubReadStreamsWithAcknowledgementsAndADigest) {
-    ScriptedRom rom;
-    rom.flash.resize(8192);
-    for (size_t i = 0; i < rom.flash.size(); ++i) {
-        rom.flash[i] = static_cast<uint8_t>((i * 13) ^ (i >> 8));
-    }
-    connect(rom, ESP32_CHIP);
-    esp_stub_set_running(true);
-
-    Bytes out(600, 0);
-    ASSERT_EQ(esp_loader_flash_read(out.data(), 0x102, 600), ESP_LOADER_SUCCESS);
-    EXPECT_EQ(out, Bytes(rom.flash.begin() + 0x102, rom.flash.begin() + 0x102 + 600));
-    const Request& read = *requestsOf(READ_FLASH_STUB).back();
-    EXPECT_EQ(read.word(8), 0x100u);
-    EXPECT_EQ(read.word(12), 604u); // 600 + 2 ahead, rounded up to words
-    EXPECT_EQ(read.word(16), 256u);
-
-    // Acknowledgements carry the running count: 256, 512, 604.
-    std::vector<uint32_t> acks;
-    for (const Request& r : port().requests) {
-        if (r.bytes.size() == 4) {
-            acks.push_back(r.word(0));
+        line().reset();
+        esp_loader_connect_args_t args{500, 1};
+        ASSERT_EQ(esp_loader_connect_secure_download_mode(&args, 4 * kMiB, c.chip), ESP_LOADER_SUCCESS);
+        esp_stub_set_running(c.stub);
+        const size_t before = line().requests.size();
+        ASSERT_EQ(esp_loader_flash_start(c.offset, c.size, c.block), c.result) << c.size;
+        // Alignment is checked before any command, the size after the SPI parameters.
+        const Request& begin = line().requests.back();
+        if (c.result != ESP_LOADER_SUCCESS) {
+            EXPECT_EQ(line().requests.size(), before + (c.result == ESP_LOADER_ERROR_IMAGE_SIZE));
+            continue;
         }
-    }
-    EXPECT_EQ(acks, (std::vector<uint32_t>{256, 512, 604}));
-
-    port().requests.clear();
-    rom.wrongDigest = true;
-    EXPECT_EQ(esp_loader_flash_read(out.data(), 0, 16), ESP_LOADER_ERROR_INVALID_MD5);
-}
-
-TEST_F(Flash, TransmissionRateRules) {
-    {
-        ScriptedRom rom(ESP8266_CHIP);
-        connect(rom, ESP8266_CHIP);
-        EXPECT_EQ(esp_loader_change_transmission_rate(921600), ESP_LOADER_ERROR_UNSUPPORTED_FUNC);
-        EXPECT_EQ(esp_loader_change_transmission_rate_stub(115200, 921600),
-                  ESP_LOADER_ERROR_UNSUPPORTED_FUNC);
-    }
-    port().reset();
-    {
-        ScriptedRom rom;
-        connect(rom, ESP32_CHIP);
-        ASSERT_EQ(esp_loader_change_transmission_rate(921600), ESP_LOADER_SUCCESS);
-        EXPECT_EQ(port().requests.back().word(8), 921600u);
-        EXPECT_EQ(port().requests.back().word(12), 0u);
-        EXPECT_EQ(esp_loader_change_transmission_rate_stub(115200, 921600),
-                  ESP_LOADER_ERROR_UNSUPPORTED_FUNC);
-
-        esp_stub_set_running(true);
-        EXPECT_EQ(esp_loader_change_transmission_rate(921600), ESP_LOADER_ERROR_UNSUPPORTED_FUNC);
-        const uint64_t delayed = port().delayedMs;
-        ASSERT_EQ(esp_loader_change_transmission_rate_stub(115200, 460800), ESP_LOADER_SUCCESS);
-        EXPECT_EQ(port().requests.back().word(8), 460800u);
-        EXPECT_EQ(port().requests.back().word(12), 115200u);
-        EXPECT_EQ(port().delayedMs - delayed, 25u);
-    }
-    port().reset();
-    {
-        ScriptedRom rom(ESP32C2_CHIP);
-        connect(rom, ESP32C2_CHIP);
-        rom.registers[0x60000014] = 200; // 200 * 115200 is below 34000000: a 26 MHz crystal
-        ASSERT_EQ(esp_loader_change_transmission_rate(115200), ESP_LOADER_SUCCESS);
-        EXPECT_EQ(port().requests.back().word(8), 115200u * 40 / 26);
-        rom.registers[0x60000014] = 400;
-        ASSERT_EQ(esp_loader_change_transmission_rate(115200), ESP_LOADER_SUCCESS);
-        EXPECT_EQ(port().requests.back().word(8), 115200u);
+        Bytes expected = packet(0x02, c.sizeField, 0, {c.erase, c.blocks, c.block, c.offset});
+        if (c.sizeField == 20) {
+            putWord(expected, 0);
+        }
+        EXPECT_EQ(begin.bytes, expected) << c.chip << " " << c.size;
+        EXPECT_EQ(begin.timerMs, c.limit) << c.size;
     }
 }
 
-TEST_F(Flash, DeflateRules) {
-    {
-        ScriptedRom rom(ESP8266_CHIP);
-        connect(rom, ESP8266_CHIP);
-        EXPECT_EQ(esp_loader_flash_deflate_start(0, 4096, 100, 1024), ESP_LOADER_ERROR_UNSUPPORTED_FUNC);
-        EXPECT_TRUE(port().requests.empty());
+TEST_F(LineTest, BlocksArePaddedAndTriedThreeTimes) {
+    ASSERT_EQ(connect(), ESP_LOADER_SUCCESS);
+    ASSERT_EQ(esp_loader_flash_start(0, 2148, 1024), ESP_LOADER_SUCCESS);
+    Bytes block(1025, 0x5A);
+    EXPECT_EQ(esp_loader_flash_write(block.data(), 1025), ESP_LOADER_ERROR_INVALID_PARAM);
+    line().refused[0x03] = 2;
+    ASSERT_EQ(esp_loader_flash_write(block.data(), 1024), ESP_LOADER_SUCCESS);
+    line().refused[0x03] = 3;
+    EXPECT_EQ(esp_loader_flash_write(block.data(), 1024), ESP_LOADER_ERROR_INVALID_RESPONSE);
+    EXPECT_TRUE(line().printed("Error: BAD_DATA_CHECKSUM"));
+    // A last block of 100 bytes goes out whole, padded with FF in the caller's buffer.
+    ASSERT_EQ(esp_loader_flash_write(block.data(), 100), ESP_LOADER_SUCCESS);
+    const auto data = sent(0x03);
+    ASSERT_EQ(data.size(), 7u);
+    for (uint32_t i = 0; i < 7; ++i) {
+        EXPECT_EQ(data[i].word(12), i) << "each attempt carries the next number";
+        EXPECT_EQ(data[i].timerMs, 1000u);
     }
-    port().reset();
-    ScriptedRom rom;
-    connect(rom, ESP32_CHIP);
-    // Only the offset needs alignment; blocks come from the compressed size.
-    ASSERT_EQ(esp_loader_flash_deflate_start(0x1000, 4097, 2100, 1024), ESP_LOADER_SUCCESS);
-    const Request& begin = *requestsOf(FLASH_DEFL_BEGIN).back();
-    EXPECT_EQ(begin.word(8), 4097u);
-    EXPECT_EQ(begin.word(12), 3u);
-    EXPECT_EQ(esp_loader_flash_deflate_start(2, 4096, 100, 1024), ESP_LOADER_ERROR_INVALID_PARAM);
-    ASSERT_EQ(esp_loader_flash_deflate_start(0x1000, 4097, 2100, 1024), ESP_LOADER_SUCCESS);
+    Bytes expected(100, 0x5A);
+    expected.resize(1024, 0xFF);
+    EXPECT_EQ(Bytes(data[6].bytes.begin() + 24, data[6].bytes.end()), expected);
+    EXPECT_EQ(Bytes(block.begin(), block.begin() + 1024), expected);
 
-    const uint8_t compressed[] = {1, 2, 3};
-    ASSERT_EQ(esp_loader_flash_deflate_write(compressed, 3), ESP_LOADER_SUCCESS);
-    EXPECT_EQ(requestsOf(FLASH_DEFL_DATA).back()->word(8), 3u); // not padded
-    Bytes big(1025);
-    EXPECT_EQ(esp_loader_flash_deflate_write(big.data(), 1025), ESP_LOADER_ERROR_INVALID_PARAM);
-
-    const size_t before = port().requests.size();
-    ASSERT_EQ(esp_loader_flash_deflate_finish(false), ESP_LOADER_SUCCESS);
-    EXPECT_EQ(port().requests.size(), before);
-    ASSERT_EQ(esp_loader_flash_deflate_finish(true), ESP_LOADER_SUCCESS);
-    EXPECT_EQ(requestsOf(FLASH_DEFL_END).back()->word(8), 0u);
-    esp_stub_set_running(true);
-    ASSERT_EQ(esp_loader_flash_deflate_finish(false), ESP_LOADER_SUCCESS);
-    EXPECT_EQ(requestsOf(FLASH_DEFL_END).back()->word(8), 1u);
-
-    esp_loader_reset_target();
-    EXPECT_FALSE(esp_stub_get_running());
-    EXPECT_EQ(port().resetCalls, 1);
-}
-
-TEST_F(Flash, SecureDownloadModeSkipsDetectionForAKnownTarget) {
-    ScriptedRom rom(ESP32S3_CHIP);
-    esp_loader_connect_args_t args{500, 20};
-    ASSERT_EQ(esp_loader_connect_secure_download_mode(&args, 8 * kMiB, ESP32S3_CHIP), ESP_LOADER_SUCCESS);
-    EXPECT_EQ(port().opcodes(), (std::vector<uint8_t>{SYNC, SPI_ATTACH}));
-    EXPECT_EQ(port().requests.back().word(8), 0u);
-    EXPECT_EQ(esp_loader_target_flash_size(), 8 * kMiB);
-    EXPECT_EQ(esp_loader_get_target(), ESP32S3_CHIP);
+    ASSERT_EQ(esp_loader_flash_finish(false), ESP_LOADER_SUCCESS);
+    EXPECT_EQ(line().requests.back().bytes, packet(0x04, 4, 0, {1}));
 }
