@@ -14,11 +14,12 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <utility>
 
 // The program's side of the serial link as the window puts it together: one
 // UsbCommunication on the named port, the PayloadHandler, and the listener
 // and sender threads over them, with the window's handlers for a device
-// found, the erase confirmed and the progress.
+// found and for the erase confirmed.
 class LinkSession {
 public:
     explicit LinkSession(const std::string& port) {
@@ -37,10 +38,6 @@ public:
             }
             return GlobalHandlerEvents::Success;
         });
-        events.addHandler(UPDATE_LOADING_STATUS, [this] {
-            ++progressReports;
-            return GlobalHandlerEvents::Success;
-        });
     }
 
     ~LinkSession() {
@@ -54,8 +51,10 @@ public:
     // A search as the upload button starts it. True once a device has
     // answered and described every field it announced.
     bool discover(std::chrono::milliseconds timeout) {
-        listener.start(false);
-        sender.start(false);
+        if (!std::exchange(started, true)) {
+            listener.start(false);
+            sender.start(false);
+        }
         sender.search();
         return testsupport::waitUntil(
             [this] {
@@ -105,6 +104,18 @@ public:
         usb, handler, PayloadHandler::getDefaultTimeout()};
     PayloadProtocol::SerialSender<256, UsbCommunication&, PayloadHandler, FastCrc8> sender{usb, handler};
     std::atomic<std::uint8_t> address{0};
-    std::atomic<int> progressReports{0};
     std::string firmwarePath;
+    bool started = false;
 };
+
+// Bytes of an image, the same in every build and run.
+inline testsupport::Bytes linkImage(std::size_t size, std::uint32_t seed) {
+    testsupport::Bytes bytes(size);
+    for (auto& byte : bytes) {
+        seed ^= seed << 13;
+        seed ^= seed >> 17;
+        seed ^= seed << 5;
+        byte = static_cast<std::uint8_t>(seed);
+    }
+    return bytes;
+}
