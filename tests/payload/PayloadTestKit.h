@@ -70,19 +70,8 @@ protected:
     void discover(std::uint8_t address, std::uint8_t fieldCount, const std::string& name = "Board") {
         ask(SEARCH_DEVICES_MSG);
         drain();
-        Bytes payload{pack(),
-                      address,
-                      0,
-                      1,
-                      4,
-                      0xAA,
-                      0xBB,
-                      fieldCount,
-                      1,
-                      2,
-                      3,
-                      4,
-                      static_cast<std::uint8_t>(name.size())};
+        Bytes payload{pack(), address, 0, 1, 4, 0, 0, fieldCount, 0, 0, 0, 4};
+        payload.push_back(static_cast<std::uint8_t>(name.size()));
         payload.insert(payload.end(), name.begin(), name.end());
         payload.resize(76);
         feed(frame(payload));
