@@ -59,16 +59,13 @@ TEST_F(EspFlashOverPty, ImageLandsInTheFlashBlockByBlock) {
     chip->setFaults(faults);
     std::vector<int> progress;
     std::string error;
-    const auto image = flash(2500, 1024, progress, error);
+    auto image = flash(2500, 1024, progress, error);
     ASSERT_TRUE(image) << error;
     EXPECT_EQ(progress, (std::vector<int>{40, 81, 100}));
-    EXPECT_EQ(chip->flash(0, 2500), *image);
-    EXPECT_EQ(chip->flash(2500, 3072 - 2500), Bytes(3072 - 2500, 0xFF));
-    const auto counters = chip->counters();
-    EXPECT_EQ(counters.dataBlocks, 3u);
-    EXPECT_EQ(counters.flashEnds, 1u);
-    EXPECT_FALSE(counters.rebooted); // stays in the loader
-    EXPECT_TRUE(usb.isConnected());
+    image->resize(3072, 0xFF); // the last block padded
+    EXPECT_EQ(chip->flash(0, 3072), *image);
+    EXPECT_EQ(chip->counters().dataBlocks, 3u);
+    EXPECT_FALSE(chip->counters().rebooted); // stays in the loader
 }
 
 TEST_F(EspFlashOverPty, ThreeRefusalsOfABlockEndTheFlash) {

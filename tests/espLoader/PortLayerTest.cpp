@@ -24,44 +24,31 @@ protected:
 
 } // namespace
 
-TEST_F(PortLayer, WriteRefusesBadArgumentsAndFailsOnAClosedLink) {
-    const uint8_t byte = 1;
-    EXPECT_EQ(loader_port_write(&byte, 0, 100), ESP_LOADER_ERROR_INVALID_PARAM);
+TEST_F(PortLayer, WriteReadAndTimerOnGoodAndBadInput) {
+    uint8_t data[4] = {};
+    EXPECT_EQ(loader_port_write(data, 0, 100), ESP_LOADER_ERROR_INVALID_PARAM);
     EXPECT_EQ(loader_port_write(nullptr, 1, 100), ESP_LOADER_ERROR_INVALID_PARAM);
     EXPECT_TRUE(port->written.empty());
-    ASSERT_EQ(usb.disconnect(), UsbTypes::Ok);
-    EXPECT_EQ(loader_port_write(&byte, 1, 100), ESP_LOADER_ERROR_FAIL);
-    meridEspSerialFlasherPortSetUsb(nullptr);
-    uint8_t in = 0;
-    EXPECT_EQ(loader_port_write(&byte, 1, 100), ESP_LOADER_ERROR_INVALID_PARAM);
-    EXPECT_EQ(loader_port_read(&in, 1, 100), ESP_LOADER_ERROR_INVALID_PARAM);
-}
-
-TEST_F(PortLayer, ReadGathersTricklingBytesAndFailsOnPortErrors) {
+    // Bytes trickling in are gathered until all are there.
     port->incoming = {"\x01", "\x02", "\x03\x04\x05"};
-    uint8_t data[4] = {};
     ASSERT_EQ(loader_port_read(data, 4, 1000), ESP_LOADER_SUCCESS);
     EXPECT_EQ(std::string(data, data + 4), "\x01\x02\x03\x04");
-    EXPECT_GT(port->lastReadTimeout, 0);
-    EXPECT_LE(port->lastReadTimeout, 1000);
     EXPECT_EQ(port->incoming.front(), "\x05");
-
     port->lastReadTimeout = -1;
     EXPECT_EQ(loader_port_read(data, 1, 0), ESP_LOADER_ERROR_TIMEOUT);
     EXPECT_EQ(port->lastReadTimeout, -1); // the port wasn't asked
     port->incoming = {""};
     EXPECT_EQ(loader_port_read(data, 1, 500), ESP_LOADER_ERROR_FAIL); // Ok with nothing
     EXPECT_EQ(loader_port_read(data, 1, 60), ESP_LOADER_ERROR_TIMEOUT);
-    port->open = false;
-    EXPECT_EQ(loader_port_read(data, 1, 500), ESP_LOADER_ERROR_FAIL);
-}
+    ASSERT_EQ(usb.disconnect(), UsbTypes::Ok);
+    EXPECT_EQ(loader_port_write(data, 1, 100), ESP_LOADER_ERROR_FAIL);
+    EXPECT_EQ(loader_port_read(data, 1, 100), ESP_LOADER_ERROR_FAIL);
+    meridEspSerialFlasherPortSetUsb(nullptr);
+    EXPECT_EQ(loader_port_write(data, 1, 100), ESP_LOADER_ERROR_INVALID_PARAM);
+    EXPECT_EQ(loader_port_read(data, 1, 100), ESP_LOADER_ERROR_INVALID_PARAM);
 
-TEST_F(PortLayer, TimerCountsDownInMillisecondsAndCapsItsRest) {
     loader_port_start_timer(0);
     EXPECT_EQ(loader_port_remaining_time(), 0u);
-    loader_port_start_timer(60000);
-    EXPECT_LE(loader_port_remaining_time(), 60000u);
-    EXPECT_GT(loader_port_remaining_time(), 1000u);
     loader_port_start_timer(3000000000u);
     EXPECT_EQ(loader_port_remaining_time(), 0x7FFFFFFFu);
 }
