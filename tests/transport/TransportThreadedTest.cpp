@@ -4,69 +4,37 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <chrono>
-#include <string>
 #include <thread>
 
-namespace {
-
-// The sender writes and the listener reads on one object while the window's
-// thread may close it, as the payload threads do.
-class TransportThreadedTest : public ::testing::Test {
-protected:
-    void SetUp() override {
-        ASSERT_TRUE(pty.isValid());
-        usb.portName = pty.slavePath();
-        usb.baudrate = UsbTypes::Baud115200;
-        ASSERT_EQ(usb.connect(UsbCommunication::MethodCom), UsbTypes::Ok);
-    }
-
-    // Reads of a minute each until `size` bytes came or a read fails: each
-    // must end as soon as bytes arrive.
-    void listen(std::size_t size) {
-        unsigned char buffer[256];
-        while (heard.size() < size) {
-            const auto result = usb.read(buffer, sizeof(buffer), 60000);
-            last = result.status;
-            if (result.status != UsbTypes::Ok) {
-                return;
-            }
-            heard.append(reinterpret_cast<char*>(buffer), result.bytes);
-        }
-    }
-
+// The listener waits out long reads: bytes that arrive end the wait, and so
+// does quitting, which closes the link from the window's thread. (The sender
+// and the listener on one link are the payload integration tests' threads.)
+TEST(TransportThreaded, BytesAndADisconnectEndAWaitingRead) {
+    testsupport::CapturingLogger log;
     PtyPair pty;
+    ASSERT_TRUE(pty.isValid());
     UsbCommunication usb;
-    std::string heard;
-    UsbTypes::Status last = UsbTypes::Ok;
-};
-
-} // namespace
-
-TEST_F(TransportThreadedTest, SenderAndListenerShareTheLink) {
-    constexpr int kFrames = 200;
-    std::thread board([&] {
-        for (int n = 0; n < kFrames && pty.send(pty.receive(75, 5000).substr(0, 6)); ++n) {
-        }
+    usb.portName = pty.slavePath();
+    usb.baudrate = UsbTypes::Baud115200;
+    ASSERT_EQ(usb.connect(UsbCommunication::MethodCom), UsbTypes::Ok);
+    UsbTypes::IoResult first, second;
+    std::atomic<bool> firstDone{false};
+    std::thread listener([&] {
+        unsigned char buffer[16];
+        first = usb.read(buffer, sizeof(buffer), 60000);
+        firstDone = true;
+        second = usb.read(buffer, sizeof(buffer), 60000);
     });
-    std::thread listener([&] { listen(6 * kFrames); });
-    std::string expected;
-    for (int n = 0; n < kFrames; ++n) {
-        std::string frame(75, static_cast<char>('A' + n % 26));
-        EXPECT_EQ(usb.write(frame.data(), frame.size()), UsbTypes::Ok);
-        expected += frame.substr(0, 6);
-    }
-    board.join();
-    listener.join();
-    EXPECT_EQ(heard, expected);
-}
-
-// Quitting closes the link from the window's thread while the listener waits
-// out a long read: the read ends at once, as a closed port.
-TEST_F(TransportThreadedTest, DisconnectEndsAWaitingRead) {
-    std::thread listener([&] { listen(1); });
+    std::this_thread::sleep_for(std::chrono::milliseconds(30));
+    EXPECT_TRUE(pty.send("late"));
+    EXPECT_TRUE(testsupport::waitUntil([&] { return firstDone.load(); }));
     std::this_thread::sleep_for(std::chrono::milliseconds(30));
     EXPECT_EQ(usb.disconnect(), UsbTypes::Ok);
     listener.join();
-    EXPECT_EQ(last, UsbTypes::ReceiveError);
+    EXPECT_EQ(first.status, UsbTypes::Ok);
+    EXPECT_EQ(first.bytes, 4u);
+    EXPECT_EQ(second.status, UsbTypes::ReceiveError);
+    EXPECT_FALSE(usb.isConnected());
 }
