@@ -66,16 +66,6 @@ void BoardLoadTest::connect() {
     ASSERT_TRUE(windowSensitive());
 }
 
-void BoardLoadTest::search() {
-    const std::size_t fields = board.device(kAddress)->getFields().size();
-    const std::string answer = "PayloadHandler: field info response (device " + std::to_string(kAddress);
-    auto* list = ui->get<Gtk::ListBox>("ListDeviceListBox");
-    ui->get<Gtk::Button>("SearchDeviceButton")->clicked();
-    ASSERT_TRUE(ToolkitLoop::runUntil(
-        [&] { return !list->get_children().empty() && captured->count(answer) >= fields; },
-        std::chrono::seconds(20)));
-}
-
 LoadWatch BoardLoadTest::watch(std::function<bool()> done) {
     if (!done) {
         done = [&] { return statusText() == kFlashedText && windowSensitive(); };

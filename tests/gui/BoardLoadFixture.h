@@ -44,8 +44,6 @@ protected:
     void plugBoard();
     // Connection > Connect, the board's port, 921600 baud, the connect button.
     void connect();
-    // The search button; waits until the board is listed and its fields known.
-    void search();
     // The file button the user can reach, answered in the file dialog.
     void pickFile(const std::string& path) {
         const bool esp32 = ui->get<Gtk::Widget>("SelectFirmwareEsp32Button")->get_sensitive();

@@ -44,28 +44,22 @@ void WindowUnderTest::answerFileDialog(const char* button, const std::string& pa
     auto* dialog = get<Gtk::FileChooserDialog>("OpenFileDialog");
     // The dialog runs in a nested loop: it is answered from a timer set
     // before the click. The chooser loads its folder in the background and
-    // may drop a name given too early: it is given again.
-    unsigned ticks = 0;
+    // may drop a name given too early: it is given again until it holds.
+    int tries = 0;
     auto answer = Glib::signal_timeout().connect(
         [&] {
-            if (!dialog->get_visible()) {
-                return true;
-            }
-            if (!path.empty() && ticks++ % 10 == 0) {
-                dialog->set_filename(path);
-                return true;
-            }
             const bool taken = !path.empty() && dialog->get_filename() == path;
-            if (taken || path.empty() || ticks > 500) {
+            if (dialog->get_visible() && (taken || path.empty() || ++tries > 50)) {
                 if (!taken) {
                     dialog->unselect_all();
                 }
                 dialog->response(taken ? Gtk::RESPONSE_OK : Gtk::RESPONSE_CANCEL);
-                return false;
+            } else if (dialog->get_visible()) {
+                dialog->set_filename(path);
             }
             return true;
         },
-        20);
+        200);
     get<Gtk::Button>(button)->clicked();
     answer.disconnect();
     EXPECT_FALSE(dialog->get_visible());

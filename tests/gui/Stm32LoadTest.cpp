@@ -80,20 +80,6 @@ TEST_F(Stm32Load, APressWithoutAFileErasesOnlyAndTheUserFileThenLandsByteForByte
         << "the bar jumped instead of climbing";
 }
 
-TEST_F(Stm32Load, PreinstalledImageAfterASearchThatListsTheBoard) {
-    const Bytes bytes = guitest::resourceBytes("/meridkestalutility/firmware/Tovik_2.13.319.f75a0c3_aes.bin");
-    ASSERT_EQ(bytes.size(), kStm32ImageSize);
-    connect();
-    search();
-    const auto rows = ui->get<Gtk::ListBox>("ListDeviceListBox")->get_children();
-    ASSERT_EQ(rows.size(), 1u);
-    EXPECT_EQ(dynamic_cast<Gtk::Label*>(dynamic_cast<Gtk::ListBoxRow*>(rows[0])->get_child())->get_text(),
-              "MeridKestal STM32");
-    ui->get<Gtk::Switch>("FirmwareSourceModeSwitch")->set_active(true);
-    pressUpload();
-    expectLoadOf(bytes);
-}
-
 TEST_F(Stm32Load, WaitsForASilentBoardEndAndLeaveTheBarAlone) {
     silenceBoard(true);
     connect();
@@ -160,12 +146,25 @@ TEST_F(Stm32Load, UnpluggedDuringTheTransferTheBarStopsAndALaterLoadSucceeds) {
 }
 
 // The reboot that none of the window's own flows asks for: the field set on
-// the board and the link restored behind it, once for two requests.
-TEST_F(Stm32Load, ARebootRestoresTheLinkAndSearchesAgain) {
+// the board and the link restored behind it, once for two requests; then the
+// preinstalled image over the restored link.
+TEST_F(Stm32Load, ARebootRestoresTheLinkAndThePreinstalledImageLoadsAfterIt) {
     ui->window().rebootDevice();
     EXPECT_TRUE(captured->contains("MainWindow: device didn't exist for reboot", BaseLogger::ERROR));
     connect();
-    search();
+    // The search lists the board; the reboot needs its fields.
+    ui->get<Gtk::Button>("SearchDeviceButton")->clicked();
+    auto* list = ui->get<Gtk::ListBox>("ListDeviceListBox");
+    const std::size_t fields = board.device(kAddress)->getFields().size();
+    ASSERT_TRUE(ToolkitLoop::runUntil(
+        [&] {
+            return list->get_children().size() == 1 &&
+                   captured->count("PayloadHandler: field info response (device 2") >= fields;
+        },
+        std::chrono::seconds(20)));
+    EXPECT_EQ(dynamic_cast<Gtk::Label*>(dynamic_cast<Gtk::ListBoxRow*>(list->get_children()[0])->get_child())
+                  ->get_text(),
+              "MeridKestal STM32");
     const std::size_t searches = framesWithCommand(kDeviceInfoReq);
     ui->window().rebootDevice();
     ui->window().rebootDevice();
@@ -174,4 +173,10 @@ TEST_F(Stm32Load, ARebootRestoresTheLinkAndSearchesAgain) {
                                       std::chrono::seconds(10)));
     ToolkitLoop::runFor(std::chrono::milliseconds(300));
     EXPECT_EQ(captured->count("is opened!"), 2u);
+
+    const Bytes bytes = guitest::resourceBytes("/meridkestalutility/firmware/Tovik_2.13.319.f75a0c3_aes.bin");
+    ASSERT_EQ(bytes.size(), kStm32ImageSize);
+    ui->get<Gtk::Switch>("FirmwareSourceModeSwitch")->set_active(true);
+    pressUpload();
+    expectLoadOf(bytes);
 }

@@ -1,12 +1,11 @@
-// The window as the program builds it, driven the way a user drives it: the
-// texts in both languages, the connection dialog, the firmware choice and
-// the file dialog.
+// The window as the program builds it: where it takes its interface
+// definition from, the log level it applies, and what a user sees and does
+// in it: the texts in both languages, the connection dialog, the firmware
+// choice and the file dialog.
 #include "GlobalHandlerEvents.h"
 #include "GuiTestSupport.h"
+#include "MeridResources.h"
 #include "TestSupport.h"
-
-#include <gtest/gtest.h>
-#include <gtkmm.h>
 
 #include <fstream>
 #include <string>
@@ -14,10 +13,42 @@
 
 using guitest::WindowUnderTest;
 using testsupport::CapturingLogger;
+using testsupport::ScopedEnv;
 using testsupport::TempDir;
 using testsupport::ToolkitLoop;
 
 namespace {
+
+const std::string kResourceLine =
+    "MainWindow: loading UI from GResource /meridkestalutility/ui/UserInterface.glade";
+
+// Messages logged without a domain, which is where the loading lines go.
+std::vector<std::string> gMessages;
+
+class MainWindowLoading : public ::testing::Test {
+protected:
+    void SetUp() override {
+        guitest::application();
+        gMessages.clear();
+        g_log_set_default_handler(
+            [](const gchar* domain, GLogLevelFlags level, const gchar* message, gpointer) {
+                if (domain == nullptr && (level & G_LOG_LEVEL_MESSAGE) != 0) {
+                    gMessages.emplace_back(message);
+                } else {
+                    g_log_default_handler(domain, level, message, nullptr);
+                }
+            },
+            nullptr);
+    }
+    void TearDown() override { g_log_set_default_handler(&g_log_default_handler, nullptr); }
+
+    ScopedEnv glade{"MERID_UI_GLADE", std::nullopt};
+};
+
+bool resourceReachable() {
+    return g_resources_get_info("/meridkestalutility/ui/UserInterface.glade", G_RESOURCE_LOOKUP_FLAGS_NONE,
+                                nullptr, nullptr, nullptr);
+}
 
 struct Text {
     const char* id;
@@ -108,11 +139,65 @@ protected:
         EXPECT_EQ(sensitive("SelectFirmwareSearchEntryEsp32"), esp32);
     }
 
-    testsupport::ScopedEnv extraPorts{"MERID_EXTRA_PORTS", std::nullopt};
+    ScopedEnv extraPorts{"MERID_EXTRA_PORTS", std::nullopt};
     WindowUnderTest ui;
 };
 
 } // namespace
+
+// A set override is taken only when it names a file; an empty one, or one
+// that names nothing, is passed over without a word.
+TEST_F(MainWindowLoading, TheOverrideIsTakenOnlyWhenItNamesAFile) {
+    const std::string source = std::string(MERID_SOURCE_ROOT) + "/UI/UserInterface.glade";
+    for (const auto& [value, first] :
+         {std::pair{std::string(), kResourceLine}, std::pair{source + ".missing", kResourceLine},
+          std::pair{source, "MainWindow: loading UI from file override: " + source}}) {
+        ScopedEnv override("MERID_UI_GLADE", value);
+        gMessages.clear();
+        WindowUnderTest ui;
+        EXPECT_EQ(gMessages,
+                  (std::vector<std::string>{first, "MainWindow: resolving derived widget MainWindow...",
+                                            "MainWindow: widget resolved, initializing...",
+                                            "MainWindow: initWidgets done."}))
+            << value;
+    }
+}
+
+TEST_F(MainWindowLoading, WithoutTheResourceAFileOnDiskIsTheFallback) {
+    // The bundle may be registered more than once; take all of it away.
+    GResource* bundle = merid_ui_get_resource();
+    int unregistered = 0;
+    while (resourceReachable() && unregistered < 16) {
+        g_resources_unregister(bundle);
+        ++unregistered;
+    }
+    ASSERT_FALSE(resourceReachable());
+    auto ui = std::make_unique<WindowUnderTest>();
+    for (int count = 0; count < unregistered; ++count) {
+        g_resources_register(bundle);
+    }
+    ASSERT_GE(gMessages.size(), 2u);
+    EXPECT_EQ(gMessages[0], kResourceLine);
+    // The file beside the working directory wins over the source tree's.
+    const std::string fallback = "MainWindow: loading UI from file fallback: ";
+    EXPECT_TRUE(gMessages[1] == fallback + MERID_SOURCE_ROOT + "/UI/UserInterface.glade" ||
+                gMessages[1] == fallback + "UI/UserInterface.glade")
+        << gMessages[1];
+    EXPECT_EQ(ui->text("UploadButton"), "Загрузить");
+}
+
+// The level as the window applies it while it comes up: IMPORTANT drops the
+// INFO line of its start, OFF drops the file sink as well.
+TEST_F(MainWindowLoading, TheWindowAppliesTheLogLevelOfTheEnvironment) {
+    for (const std::string level : {"Important", "oFF"}) {
+        ScopedEnv variable("MERID_LOG_LEVEL", level);
+        CapturingLogger captured;
+        WindowUnderTest ui;
+        EXPECT_FALSE(captured.contains("MainWindow: Init Widgets", BaseLogger::INFO)) << level;
+        EXPECT_EQ(LoggerManager::getInstance().checkLoggerExists(LoggerManager::FILE), level != "oFF")
+            << level;
+    }
+}
 
 TEST_F(WindowWidgets, RussianAtStartAndTheLanguageSwitchFlipsEveryTextAndBack) {
     expectLanguage(true);
@@ -125,9 +210,13 @@ TEST_F(WindowWidgets, RussianAtStartAndTheLanguageSwitchFlipsEveryTextAndBack) {
     expectLanguage(true);
 }
 
-TEST_F(WindowWidgets, ConnectionDialogHoldsTheWindowUntilItIsClosedAnyWay) {
+TEST_F(WindowWidgets, TheWindowsSizeAndAConnectionDialogThatHoldsItUntilClosedEitherWay) {
+    EXPECT_EQ(ui.window().get_title(), "MeridKestalUtility");
     ui.window().show();
-    ASSERT_TRUE(ToolkitLoop::runUntil([&] { return ui.window().get_mapped(); }));
+    ToolkitLoop::runUntil(
+        [&] { return ui.window().get_mapped() && ui.window().get_allocated_width() >= 500; });
+    EXPECT_EQ(ui.window().get_allocated_width(), 500);
+    EXPECT_EQ(ui.window().get_allocated_height(), 550);
     openConnectionDialog();
     // The speeds with 115200 chosen; the type and protocol controls never show.
     auto* speeds = ui.get<Gtk::ComboBoxText>("BaudratesListComboTextBox");
