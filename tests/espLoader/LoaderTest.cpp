@@ -121,16 +121,13 @@ struct FakeLine {
             return respond(op, 0, {}, 1, 0xC1);
         }
         uint32_t value = 0;
-        if (op == 0x0A) { // READ_REG
-            const bool busy = request.word(8) == spiCmd && busyLeft-- > 0;
-            value = busy ? 1u << 18 : registers[request.word(8)];
-        } else if (op == 0x09) { // WRITE_REG; 0x40000 in cmd runs the identification
-            registers[request.word(8)] = request.word(12);
-            if (request.word(8) == spiCmd && request.word(12) == 0x40000) {
-                registers[spiW0] = flashId;
-                registers[spiCmd] = 0;
-                busyLeft = busyReadings;
-            }
+        const uint32_t address = request.bytes.size() >= 12 ? request.word(8) : 0;
+        if (op == 0x0A) { // READ_REG; cmd shows the identification running, w0 its result
+            value = address == spiCmd  ? uint32_t(busyLeft-- > 0) << 18
+                    : address == spiW0 ? flashId
+                                       : registers[address];
+        } else if (op == 0x09 && address == spiCmd && request.word(12) == 0x40000) { // WRITE_REG
+            busyLeft = busyReadings;
         }
         for (int i = op == 0x08 ? 8 : 1; i > 0; --i) { // a sync is answered eight times
             respond(op, value, op == 0x14 ? *securityInfo : Bytes{});

@@ -24,7 +24,19 @@ protected:
 
 } // namespace
 
-TEST_F(PortLayer, WriteReadAndTimerOnGoodAndBadInput) {
+TEST_F(PortLayer, FileWriteReadAndTimerOnGoodAndBadInput) {
+    // A file that can't be read fails before the port is touched.
+    testsupport::TempDir dir;
+    const std::string missing = dir.path() + "/none.bin", empty = dir.path() + "/empty.bin";
+    ASSERT_TRUE(testsupport::writeFile(empty, {}));
+    std::string error;
+    EXPECT_FALSE(MeridEspSerialFlasher::flashBinary(usb, missing, {0, 1024, false}, {}, nullptr));
+    EXPECT_FALSE(MeridEspSerialFlasher::flashBinary(usb, missing, {0, 1024, false}, {}, &error));
+    EXPECT_EQ(error, "Can't open file: " + missing);
+    EXPECT_FALSE(MeridEspSerialFlasher::flashBinary(usb, empty, {0, 1024, false}, {}, &error));
+    EXPECT_EQ(error, "File is empty or size is invalid: " + empty);
+    EXPECT_TRUE(port->written.empty());
+
     uint8_t data[4] = {};
     EXPECT_EQ(loader_port_write(data, 0, 100), ESP_LOADER_ERROR_INVALID_PARAM);
     EXPECT_EQ(loader_port_write(nullptr, 1, 100), ESP_LOADER_ERROR_INVALID_PARAM);
@@ -68,17 +80,4 @@ TEST_F(PortLayer, EnterBootloaderSendsTheFrameAndGivesUpAfterTwentyFiveReopens) 
     EXPECT_EQ(lines.back().message, "Error: INVALID_CRC");
     EXPECT_EQ(lines.back().type, BaseLogger::DEBUG);
     EXPECT_EQ(lines.back().tag, "EspSerialFlasherPort: ");
-}
-
-TEST_F(PortLayer, MissingOrEmptyFileFailsBeforeThePortIsTouched) {
-    testsupport::TempDir dir;
-    const std::string missing = dir.path() + "/none.bin", empty = dir.path() + "/empty.bin";
-    ASSERT_TRUE(testsupport::writeFile(empty, {}));
-    std::string error;
-    EXPECT_FALSE(MeridEspSerialFlasher::flashBinary(usb, missing, {0, 1024, false}, {}, nullptr));
-    EXPECT_FALSE(MeridEspSerialFlasher::flashBinary(usb, missing, {0, 1024, false}, {}, &error));
-    EXPECT_EQ(error, "Can't open file: " + missing);
-    EXPECT_FALSE(MeridEspSerialFlasher::flashBinary(usb, empty, {0, 1024, false}, {}, &error));
-    EXPECT_EQ(error, "File is empty or size is invalid: " + empty);
-    EXPECT_TRUE(port->written.empty());
 }
