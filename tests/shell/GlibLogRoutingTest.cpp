@@ -27,25 +27,19 @@ TEST(GlibRouting, OutputReachesTheEarlyLogAndNoLevelIsFatal) {
                                         "[MESSAGE] [stdout] "}));
 }
 
-TEST(GlibRouting, DiagnosticsNameMissingResourcesAndUnsetVariables) {
+TEST(GlibRouting, DiagnosticsSayWhatIsMissing) {
     testsupport::TempDir dir;
     ASSERT_TRUE(openEarlyLog(dir.path() + "/early.log"));
-    shelltest::registerBundles();
-    testsupport::ScopedEnv set("MERID_ROUTING_TEST_SET", std::string("/a:/b"));
     testsupport::ScopedEnv unset("MERID_ROUTING_TEST_UNSET", std::nullopt);
-    logResourcePresence("/meridkestalutility/ui/UserInterface.glade");
     logResourcePresence("/elsewhere/ui/UserInterface.glade");
-    logEnvIfSet("MERID_ROUTING_TEST_SET");
     logEnvIfSet("MERID_ROUTING_TEST_UNSET");
 
     const auto lines = shelltest::logBodies(dir.path() + "/early.log");
-    ASSERT_EQ(lines.size(), 4u);
-    EXPECT_EQ(lines[0], "[MESSAGE] [GResource] OK: /meridkestalutility/ui/UserInterface.glade");
+    ASSERT_EQ(lines.size(), 2u);
     // GLib's own reason in the brackets.
-    EXPECT_TRUE(lines[1].rfind("[WARNING] [GResource] Missing: /elsewhere/ui/UserInterface.glade (", 0) ==
+    EXPECT_TRUE(lines[0].rfind("[WARNING] [GResource] Missing: /elsewhere/ui/UserInterface.glade (", 0) ==
                     0 &&
-                lines[1].back() == ')' && lines[1].find("unknown error") == std::string::npos)
-        << lines[1];
-    EXPECT_EQ(lines[2], "[MESSAGE] [Env] MERID_ROUTING_TEST_SET=/a:/b");
-    EXPECT_EQ(lines[3], "[MESSAGE] [Env] MERID_ROUTING_TEST_UNSET is not set");
+                lines[0].back() == ')' && lines[0].find("unknown error") == std::string::npos)
+        << lines[0];
+    EXPECT_EQ(lines[1], "[MESSAGE] [Env] MERID_ROUTING_TEST_UNSET is not set");
 }
