@@ -68,24 +68,20 @@ TEST_F(Esp32Flash, FailuresLeaveTheBarWhereTheyStoppedAndTheNextFlashWorks) {
     EXPECT_EQ(barValue(), 40.0);
     EXPECT_EQ(statusText(), "40%");
 
-    // The preinstalled image after all that.
     chip->setFaults(EspRomSimulator::Faults{});
-    const Bytes image = guitest::resourceBytes("/meridkestalutility/firmware/merid_firmware.bin");
-    ASSERT_EQ(image.size(), 1803184u);
-    ui->get<Gtk::Switch>("FirmwareSourceModeSwitch")->set_active(true);
     pressUpload();
-    expectFlashOf(image);
+    expectFlashOf(bytes);
 }
 
-TEST_F(Esp32Flash, AMebibyteHoldsTheWindowAndLandsAfterAnUnplugAndAReconnect) {
-    const Bytes bytes = makeImage(kMiB, 31);
-    pickFile(writeFile("esp32.bin", bytes));
+// A mebibyte holds the window while it runs; another start meanwhile is
+// refused, and an unplug ends the flash.
+TEST_F(Esp32Flash, AnUnpluggedFlashGivesTheWindowBackAndThePreinstalledImageLandsAfterIt) {
+    const Bytes large = makeImage(kMiB, 31);
+    pickFile(writeFile("large.bin", large));
     pressUpload();
-    // The handler takes the window away before it returns.
     EXPECT_FALSE(windowSensitive());
     EXPECT_EQ(statusText(), "0%");
     ASSERT_TRUE(watch([&] { return barValue() >= 10; }).finished);
-    // Another start while the worker runs is refused.
     EXPECT_EQ(GlobalHandlerEvents::getInstance()._executeHandlerWithArgs<LoadStage>(UPLOAD_FIRMWARE, Erase),
               GlobalHandlerEvents::Failure);
     EXPECT_TRUE(captured->contains("MainWindow: ESP32 flashing already in progress", BaseLogger::WARNING));
@@ -93,9 +89,13 @@ TEST_F(Esp32Flash, AMebibyteHoldsTheWindowAndLandsAfterAnUnplugAndAReconnect) {
     expectFailure("");
     EXPECT_LT(barValue(), 100.0);
 
-    // Plugged in again (a new port) and connected in the dialog.
+    // Plugged in again (a new port) and connected in the dialog: the
+    // preinstalled image.
     plugBoard();
     connect();
+    const Bytes image = guitest::resourceBytes("/meridkestalutility/firmware/merid_firmware.bin");
+    ASSERT_EQ(image.size(), 1803184u);
+    ui->get<Gtk::Switch>("FirmwareSourceModeSwitch")->set_active(true);
     pressUpload();
-    expectFlashOf(bytes);
+    expectFlashOf(image);
 }

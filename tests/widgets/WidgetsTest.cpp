@@ -10,8 +10,6 @@
 
 #include <filesystem>
 #include <fstream>
-#include <string>
-#include <vector>
 
 using testsupport::CapturingLogger;
 using testsupport::ToolkitLoop;
