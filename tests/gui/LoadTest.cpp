@@ -1,7 +1,9 @@
-// STM32 loads through the real window against the simulated board: the
-// erase poll, the erase word, the transfer as the level bar shows it; and
-// each failure, followed by a load that works.
+// Loads through the real window against the simulated board, as the user
+// sees them: the STM32's erase poll, erase word and transfer, the ESP32's
+// flash through its ROM loader, the level bar, the window's sensitivity and
+// the text that ends a load; and each failure, followed by a load that works.
 #include "BoardLoadFixture.h"
+#include "GlobalHandlerEvents.h"
 
 #include <algorithm>
 
@@ -47,6 +49,38 @@ protected:
         return std::count_if(journal.begin(), journal.end(), [&](const DeviceSimulator::JournalEntry& entry) {
             return entry.kind == entry.Frame && entry.raw.size() > 4 && entry.raw[4] == command;
         });
+    }
+};
+
+constexpr std::size_t kMiB = 1u << 20;
+
+class Esp32Flash : public BoardLoadTest {
+protected:
+    void SetUp() override {
+        BoardLoadTest::SetUp();
+        connect();
+        ui->get<Gtk::ComboBoxText>("FirmwareMethodComboBoxText")->set_active_text("ESP32");
+    }
+
+    // A flash that ends with the success text, the window insensitive while
+    // it runs, and the bytes in the flash.
+    void expectFlashOf(const Bytes& bytes) {
+        const guitest::LoadWatch watch = this->watch();
+        ASSERT_TRUE(watch.finished) << "label: " << statusText() << ", bar: " << barValue();
+        EXPECT_TRUE(watch.everInsensitive);
+        EXPECT_EQ(barValue(), 100.0);
+        EXPECT_TRUE(chip->flash(0, static_cast<std::uint32_t>(bytes.size())) == bytes);
+    }
+
+    // Waits for the window to come back after a flash that failed with `why`.
+    void expectFailure(const std::string& why) {
+        ASSERT_TRUE(ToolkitLoop::runUntil(
+            [&] { return captured->contains("MainWindow: ESP32 flashing failed: ", BaseLogger::ERROR); },
+            std::chrono::seconds(60)));
+        EXPECT_TRUE(captured->contains("MainWindow: ESP32 flashing failed: " + why)) << why;
+        EXPECT_TRUE(ToolkitLoop::runUntil([&] { return windowSensitive(); }));
+        EXPECT_NE(statusText(), kFlashedText);
+        captured->clear();
     }
 };
 
@@ -173,4 +207,58 @@ TEST_F(Stm32Load, ARebootRestoresTheLinkAndThePreinstalledImageLoadsAfterIt) {
     ui->get<Gtk::Switch>("FirmwareSourceModeSwitch")->set_active(true);
     pressUpload();
     expectLoadOf(bytes);
+}
+
+TEST_F(Esp32Flash, FailuresLeaveTheBarWhereTheyStoppedAndTheNextFlashWorks) {
+    // An empty path starts nothing.
+    pressUpload();
+    EXPECT_TRUE(windowSensitive());
+    EXPECT_TRUE(captured->contains("MainWindow: File path is empty or did't exist", BaseLogger::WARNING));
+    ToolkitLoop::runFor(std::chrono::milliseconds(500));
+    EXPECT_EQ(board.journalSize(), 0u);
+    EXPECT_EQ(chip->counters().syncs, 0u);
+
+    // A block refused at 40 % keeps the bar and the text there.
+    EspRomSimulator::Faults faults;
+    faults.failDataBlock = 2;
+    faults.failDataCount = 3;
+    chip->setFaults(faults);
+    const Bytes bytes = makeImage(2500, 8);
+    pickFile(writeFile("esp32.bin", bytes));
+    pressUpload();
+    expectFailure("esp_loader_flash_write failed: 9");
+    ToolkitLoop::runFor(std::chrono::milliseconds(200));
+    EXPECT_EQ(barValue(), 40.0);
+    EXPECT_EQ(statusText(), "40%");
+
+    chip->setFaults(EspRomSimulator::Faults{});
+    pressUpload();
+    expectFlashOf(bytes);
+}
+
+// A mebibyte holds the window while it runs; another start meanwhile is
+// refused, and an unplug ends the flash.
+TEST_F(Esp32Flash, AnUnpluggedFlashGivesTheWindowBackAndThePreinstalledImageLandsAfterIt) {
+    const Bytes large = makeImage(kMiB, 31);
+    pickFile(writeFile("large.bin", large));
+    pressUpload();
+    EXPECT_FALSE(windowSensitive());
+    EXPECT_EQ(statusText(), "0%");
+    ASSERT_TRUE(watch([&] { return barValue() >= 10; }).finished);
+    EXPECT_EQ(GlobalHandlerEvents::getInstance()._executeHandlerWithArgs<LoadStage>(UPLOAD_FIRMWARE, Erase),
+              GlobalHandlerEvents::Failure);
+    EXPECT_TRUE(captured->contains("MainWindow: ESP32 flashing already in progress", BaseLogger::WARNING));
+    board.unplug();
+    expectFailure("");
+    EXPECT_LT(barValue(), 100.0);
+
+    // Plugged in again (a new port) and connected in the dialog: the
+    // preinstalled image.
+    plugBoard();
+    connect();
+    const Bytes image = guitest::resourceBytes("/meridkestalutility/firmware/merid_firmware.bin");
+    ASSERT_EQ(image.size(), 1803184u);
+    ui->get<Gtk::Switch>("FirmwareSourceModeSwitch")->set_active(true);
+    pressUpload();
+    expectFlashOf(image);
 }
