@@ -2,17 +2,149 @@
 // sees them: the STM32's erase poll, erase word and transfer, the ESP32's
 // flash through its ROM loader, the level bar, the window's sensitivity and
 // the text that ends a load; and each failure, followed by a load that works.
-#include "BoardLoadFixture.h"
+#include "DeviceSimulator.h"
+#include "EspRomBridge.h"
+#include "EspRomSimulator.h"
 #include "GlobalHandlerEvents.h"
+#include "GuiTestSupport.h"
+#include "TestSupport.h"
 
 #include <algorithm>
+#include <cstdio>
 
-using guitest::BoardLoadTest;
-using guitest::Bytes;
-using guitest::makeImage;
+using guitest::WindowUnderTest;
 using testsupport::ToolkitLoop;
 
 namespace {
+
+using Bytes = std::vector<std::uint8_t>;
+
+// Bytes of a deterministic pseudo-random image.
+Bytes makeImage(std::size_t size, std::uint32_t seed) {
+    Bytes bytes(size);
+    for (auto& byte : bytes) {
+        seed = seed * 1664525u + 1013904223u;
+        byte = static_cast<std::uint8_t>(seed >> 24);
+    }
+    return bytes;
+}
+
+// What the user saw of a load: the level bar's values in order, and whether
+// the window ever lost its sensitivity meanwhile.
+struct LoadWatch {
+    std::vector<double> barValues;
+    bool everInsensitive = false;
+    bool finished = false;
+};
+
+// The real window against a simulated board (one payload device at address
+// 2 with an ESP32 behind it) on a pseudo-terminal listed in
+// MERID_EXTRA_PORTS, driven as a user drives it.
+class BoardLoadTest : public ::testing::Test {
+protected:
+    static constexpr std::uint8_t kAddress = 2;
+    static constexpr const char* kFlashedText = "Устройство прошито успешно";
+
+    void SetUp() override {
+        guitest::application();
+        board.addDevice(SimDevice::standard(kAddress, "MeridKestal STM32"));
+        chip = std::make_shared<EspRomSimulator>();
+        EspRomBridge::install(board, chip);
+        plugBoard();
+        ui = std::make_unique<WindowUnderTest>();
+        captured = std::make_unique<testsupport::CapturingLogger>();
+    }
+
+    void TearDown() override {
+        // The end of what the program said tells why a test failed.
+        const auto lines = captured->lines();
+        for (std::size_t i = lines.size() > 80 ? lines.size() - 80 : 0; HasFailure() && i < lines.size();
+             ++i) {
+            std::printf("  log: %s%s\n", lines[i].tag.c_str(), lines[i].message.c_str());
+        }
+        ui.reset();
+        captured.reset();
+        board.stop();
+    }
+
+    // The board on a fresh pseudo-terminal; after an unplug the devices,
+    // their images and the ESP32's flash stay.
+    void plugBoard() {
+        board.stop();
+        ASSERT_TRUE(board.start()) << board.lastError();
+        extraPorts.reset();
+        extraPorts = std::make_unique<testsupport::ScopedEnv>("MERID_EXTRA_PORTS", board.slavePath());
+    }
+
+    // Connection > Connect, the board's port, 921600 baud, the connect button.
+    void connect() {
+        ui->get<Gtk::MenuItem>("ConnectImageMenuItem")->activate();
+        auto* ports = ui->get<Gtk::ComboBoxText>("PortsListComboTextBox");
+        // The machine's own ports may be listed beside the simulated one.
+        ports->set_active_text(board.slavePath());
+        ASSERT_EQ(ports->get_active_text(), board.slavePath());
+        ui->get<Gtk::ComboBoxText>("BaudratesListComboTextBox")->set_active_text("921600");
+        ui->get<Gtk::Button>("DialogConnectButton")->clicked();
+        // Only a connect that worked hides the dialog.
+        ASSERT_TRUE(
+            ToolkitLoop::runUntil([&] { return !ui->get<Gtk::Dialog>("ConnectionDialog")->get_visible(); }));
+        ASSERT_TRUE(windowSensitive());
+    }
+
+    // The file button the user can reach, answered in the file dialog.
+    void pickFile(const Bytes& bytes) {
+        const std::string path = files.path() + "/image.bin";
+        ASSERT_TRUE(testsupport::writeFile(path, bytes));
+        const bool esp32 = ui->get<Gtk::Widget>("SelectFirmwareEsp32Button")->get_sensitive();
+        ui->answerFileDialog(esp32 ? "SelectFirmwareEsp32Button" : "SelectFirmwareStm32Button", path);
+    }
+
+    // The preinstalled switch on; the bundled image it takes, of `size` bytes.
+    Bytes usePreinstalled(const char* name, std::size_t size) {
+        gsize length = 0;
+        const auto data =
+            Gio::Resource::lookup_data_global(std::string("/meridkestalutility/firmware/") + name);
+        const auto* begin = static_cast<const std::uint8_t*>(data->get_data(length));
+        EXPECT_EQ(length, size);
+        ui->get<Gtk::Switch>("FirmwareSourceModeSwitch")->set_active(true);
+        return Bytes(begin, begin + length);
+    }
+
+    void pressUpload() { ui->get<Gtk::Button>("UploadButton")->clicked(); }
+
+    // Runs the window's events until `done`, watching the bar and the
+    // window's sensitivity; by default until the label shows the success
+    // text and the window is sensitive.
+    LoadWatch watch(std::function<bool()> done = {}) {
+        if (!done) {
+            done = [&] { return statusText() == kFlashedText && windowSensitive(); };
+        }
+        LoadWatch seen;
+        seen.finished = ToolkitLoop::runUntil(
+            [&] {
+                const double value = barValue();
+                if (seen.barValues.empty() || seen.barValues.back() != value) {
+                    seen.barValues.push_back(value);
+                }
+                seen.everInsensitive = seen.everInsensitive || !windowSensitive();
+                return done();
+            },
+            std::chrono::seconds(60));
+        return seen;
+    }
+
+    double barValue() { return ui->get<Gtk::LevelBar>("LoadStatusBar")->get_value(); }
+    std::string statusText() { return ui->text("LoadStatusOverlayLabel"); }
+    bool windowSensitive() { return ui->window().get_sensitive(); }
+
+    testsupport::TempDir files;
+    DeviceSimulator board;
+    std::shared_ptr<EspRomSimulator> chip;
+    std::unique_ptr<testsupport::ScopedEnv> extraPorts;
+    std::unique_ptr<WindowUnderTest> ui;
+    // Every line the program logs while the test runs.
+    std::unique_ptr<testsupport::CapturingLogger> captured;
+};
 
 constexpr std::uint8_t kDeviceInfoReq = 1;
 constexpr std::uint8_t kFileWriteReq = 8;
@@ -24,8 +156,8 @@ protected:
     // A load that reaches the success text with the window sensitive all
     // along, the bar never going back, the erase word in the board's field,
     // and the bytes on the board once it has answered the finish step.
-    guitest::LoadWatch expectLoadOf(const Bytes& bytes) {
-        const guitest::LoadWatch seen = watch();
+    LoadWatch expectLoadOf(const Bytes& bytes) {
+        const LoadWatch seen = watch();
         EXPECT_TRUE(seen.finished) << "label: " << statusText() << ", bar: " << barValue();
         EXPECT_FALSE(seen.everInsensitive);
         EXPECT_EQ(barValue(), 100.0);
@@ -37,12 +169,6 @@ protected:
         return seen;
     }
 
-    void silenceBoard(bool silent) {
-        DeviceSimulator::Faults faults;
-        faults.silent = silent;
-        board.setFaults(faults);
-    }
-
     std::size_t framesWithCommand(std::uint8_t command) {
         const auto journal = board.journal();
         // Sync, length, pack number, address, command.
@@ -51,8 +177,6 @@ protected:
         });
     }
 };
-
-constexpr std::size_t kMiB = 1u << 20;
 
 class Esp32Flash : public BoardLoadTest {
 protected:
@@ -65,7 +189,7 @@ protected:
     // A flash that ends with the success text, the window insensitive while
     // it runs, and the bytes in the flash.
     void expectFlashOf(const Bytes& bytes) {
-        const guitest::LoadWatch watch = this->watch();
+        const LoadWatch watch = this->watch();
         ASSERT_TRUE(watch.finished) << "label: " << statusText() << ", bar: " << barValue();
         EXPECT_TRUE(watch.everInsensitive);
         EXPECT_EQ(barValue(), 100.0);
@@ -105,7 +229,7 @@ TEST_F(Stm32Load, APressWithoutAFileErasesOnlyAndTheUserFileThenLandsByteForByte
     EXPECT_EQ(barValue(), 0.0);
 
     const Bytes bytes = makeImage(kStm32ImageSize, 11);
-    pickFile(writeFile("stm32.bin", bytes));
+    pickFile(bytes);
     pressUpload();
     EXPECT_EQ(statusText(), "0%");
     const auto climb = expectLoadOf(bytes).barValues;
@@ -117,10 +241,10 @@ TEST_F(Stm32Load, APressWithoutAFileErasesOnlyAndTheUserFileThenLandsByteForByte
 // Each way a load stops short leaves the bar alone, and the next press after
 // it loads the file from the start.
 TEST_F(Stm32Load, LoadsThatStopShortLeaveTheBarAloneAndTheNextOneWorks) {
-    silenceBoard(true);
+    board.setFaults(DeviceSimulator::Faults{.silent = true});
     connect();
     const Bytes bytes = makeImage(kStm32ImageSize, 17);
-    pickFile(writeFile("stm32.bin", bytes));
+    pickFile(bytes);
     // The poll's time-out is fixed inside the window: 51 ticks of 200 ms.
     pressUpload();
     ASSERT_TRUE(ToolkitLoop::runUntil(
@@ -153,7 +277,7 @@ TEST_F(Stm32Load, LoadsThatStopShortLeaveTheBarAloneAndTheNextOneWorks) {
     EXPECT_EQ(captured->count("MainWindow: "), 0u);
 
     // Unplugged during the transfer: the bar stops where it was.
-    silenceBoard(false);
+    board.setFaults(DeviceSimulator::Faults{});
     connect();
     pressUpload();
     ASSERT_TRUE(watch([&] { return barValue() >= 20; }).finished);
@@ -202,9 +326,7 @@ TEST_F(Stm32Load, ARebootRestoresTheLinkAndThePreinstalledImageLoadsAfterIt) {
     ToolkitLoop::runFor(std::chrono::milliseconds(300));
     EXPECT_EQ(captured->count("is opened!"), 2u);
 
-    const Bytes bytes = guitest::resourceBytes("/meridkestalutility/firmware/Tovik_2.13.319.f75a0c3_aes.bin");
-    ASSERT_EQ(bytes.size(), kStm32ImageSize);
-    ui->get<Gtk::Switch>("FirmwareSourceModeSwitch")->set_active(true);
+    const Bytes bytes = usePreinstalled("Tovik_2.13.319.f75a0c3_aes.bin", kStm32ImageSize);
     pressUpload();
     expectLoadOf(bytes);
 }
@@ -219,12 +341,9 @@ TEST_F(Esp32Flash, FailuresLeaveTheBarWhereTheyStoppedAndTheNextFlashWorks) {
     EXPECT_EQ(chip->counters().syncs, 0u);
 
     // A block refused at 40 % keeps the bar and the text there.
-    EspRomSimulator::Faults faults;
-    faults.failDataBlock = 2;
-    faults.failDataCount = 3;
-    chip->setFaults(faults);
+    chip->setFaults(EspRomSimulator::Faults{.failDataBlock = 2, .failDataCount = 3});
     const Bytes bytes = makeImage(2500, 8);
-    pickFile(writeFile("esp32.bin", bytes));
+    pickFile(bytes);
     pressUpload();
     expectFailure("esp_loader_flash_write failed: 9");
     ToolkitLoop::runFor(std::chrono::milliseconds(200));
@@ -239,8 +358,8 @@ TEST_F(Esp32Flash, FailuresLeaveTheBarWhereTheyStoppedAndTheNextFlashWorks) {
 // A mebibyte holds the window while it runs; another start meanwhile is
 // refused, and an unplug ends the flash.
 TEST_F(Esp32Flash, AnUnpluggedFlashGivesTheWindowBackAndThePreinstalledImageLandsAfterIt) {
-    const Bytes large = makeImage(kMiB, 31);
-    pickFile(writeFile("large.bin", large));
+    const Bytes large = makeImage(1u << 20, 31);
+    pickFile(large);
     pressUpload();
     EXPECT_FALSE(windowSensitive());
     EXPECT_EQ(statusText(), "0%");
@@ -256,9 +375,7 @@ TEST_F(Esp32Flash, AnUnpluggedFlashGivesTheWindowBackAndThePreinstalledImageLand
     // preinstalled image.
     plugBoard();
     connect();
-    const Bytes image = guitest::resourceBytes("/meridkestalutility/firmware/merid_firmware.bin");
-    ASSERT_EQ(image.size(), 1803184u);
-    ui->get<Gtk::Switch>("FirmwareSourceModeSwitch")->set_active(true);
+    const Bytes image = usePreinstalled("merid_firmware.bin", 1803184);
     pressUpload();
     expectFlashOf(image);
 }
