@@ -39,17 +39,11 @@ Bytes packet(uint8_t op, uint16_t size, uint32_t checksum, std::initializer_list
     return out;
 }
 
-Bytes slipFrame(const Bytes& payload) {
-    Bytes out{0xC0};
-    for (uint8_t b : payload) {
-        if (b == 0xC0 || b == 0xDB) {
-            out.insert(out.end(), {0xDB, static_cast<uint8_t>(b == 0xC0 ? 0xDC : 0xDD)});
-        } else {
-            out.push_back(b);
-        }
-    }
-    out.push_back(0xC0);
-    return out;
+// A frame around an answer; no answer here holds a byte that needs escaping.
+Bytes slipFrame(Bytes payload) {
+    payload.insert(payload.begin(), 0xC0);
+    payload.push_back(0xC0);
+    return payload;
 }
 
 // One request as the chip saw it, unescaped, with the time left on the timer.
@@ -303,13 +297,8 @@ TEST_F(Loader, AnswersOnGoodAndBadInput) {
 }
 
 TEST_F(Loader, EachChipIsFoundByItsIdOrItsMagicValue) {
-    struct Row {
-        target_chip_t chip;
-        uint8_t id;
-        uint32_t magic, cmd, w0, efuse;
-        bool encryption;
-    };
-    const Row rows[] = {
+    // Chip, id, magic value, SPI cmd and w0, efuse base, encryption word in the flash begin.
+    const std::tuple<target_chip_t, uint8_t, uint32_t, uint32_t, uint32_t, uint32_t, bool> rows[] = {
         {ESP8266_CHIP, 255, 0xFFF0C101, 0x60000200, 0x60000240, 0, false},
         {ESP32_CHIP, 0, 0x00F01D83, 0x3FF42000, 0x3FF42080, 0x3FF5A000, false},
         {ESP32S2_CHIP, 2, 0x000007C6, 0x3F402000, 0x3F402058, 0x3F41A000, true},
@@ -321,23 +310,23 @@ TEST_F(Loader, EachChipIsFoundByItsIdOrItsMagicValue) {
         {ESP32C6_CHIP, 13, 0x2CE0806F, 0x60003000, 0x60003058, 0x600B0800, true},
         {ESP32P4_CHIP, 18, 0, 0x5008D000, 0x5008D058, 0x5012D000, true}, // by 0x500D0000, high bits aside
     };
-    for (const Row& row : rows) {
+    for (const auto& [chip, id, magic, cmd, w0, efuse, encryption] : rows) {
         // By the chip id at byte 12 of the security information; with an
         // answer of a wrong length, by the magic value.
         for (const Bytes& info :
-             {Bytes{0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, row.id, 0, 0, 0, 0, 0, 0, 0}, Bytes(16, 0)}) {
+             {Bytes{0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, id, 0, 0, 0, 0, 0, 0, 0}, Bytes(16, 0)}) {
             line = FakeLine();
             line.securityInfo = info;
-            line.registers = {{0x40001000, row.magic}, {0x500D0000, 0xF8000000 | 0x2207202}};
+            line.registers = {{0x40001000, magic}, {0x500D0000, 0xF8000000 | 0x2207202}};
             target_chip_t target = ESP_UNKNOWN_CHIP;
             const target_registers_t* reg = nullptr;
-            ASSERT_EQ(loader_detect_chip(&target, &reg), ESP_LOADER_SUCCESS) << int(row.id);
-            EXPECT_EQ(target, row.chip) << int(row.id) << " from " << info.size() << " bytes";
-            EXPECT_EQ(reg->cmd, row.cmd) << int(row.id);
-            EXPECT_EQ(reg->w0, row.w0) << int(row.id);
+            ASSERT_EQ(loader_detect_chip(&target, &reg), ESP_LOADER_SUCCESS) << int(id);
+            EXPECT_EQ(target, chip) << int(id) << " from " << info.size() << " bytes";
+            EXPECT_EQ(reg->cmd, cmd) << int(id);
+            EXPECT_EQ(reg->w0, w0) << int(id);
         }
-        EXPECT_EQ(get_esp_target_data(row.chip)->efuse_base, row.efuse) << int(row.id);
-        EXPECT_EQ(encryption_in_begin_flash_cmd(row.chip), row.encryption) << int(row.id);
+        EXPECT_EQ(get_esp_target_data(chip)->efuse_base, efuse) << int(id);
+        EXPECT_EQ(encryption_in_begin_flash_cmd(chip), encryption) << int(id);
     }
     EXPECT_EQ(target_from_chip_id(1), ESP_UNKNOWN_CHIP);
     line.securityInfo.reset();
@@ -449,43 +438,39 @@ TEST_F(Loader, FlashSizeFromTheControllerRegistersAndBlocksTriedThreeTimes) {
 }
 
 TEST_F(Loader, FlashBeginBlockMath) {
-    struct Case {
-        target_chip_t chip;
-        bool stub;
-        uint32_t offset, size, block;
-        esp_loader_error_t result;
-        uint32_t erase, blocks, sizeField, limit;
-    };
-    const Case cases[] = {
-        {ESP32_CHIP, false, 0, 1000, 1024, ESP_LOADER_SUCCESS, 1000, 1, 16, 3000},
-        {ESP32_CHIP, false, 0, 301000, 4096, ESP_LOADER_SUCCESS, 301000, 74, 16, 3010},
-        {ESP32_CHIP, false, 0, 2000000, 1024, ESP_LOADER_SUCCESS, 2000000, 1954, 16, 20000},
-        {ESP32_CHIP, false, 0, 1001, 1024, ESP_LOADER_ERROR_INVALID_PARAM, 0, 0, 0, 0},
-        {ESP32_CHIP, false, 2, 1000, 1024, ESP_LOADER_ERROR_INVALID_PARAM, 0, 0, 0, 0},
-        {ESP32_CHIP, false, 4096, 4 * kMiB, 1024, ESP_LOADER_ERROR_IMAGE_SIZE, 0, 0, 0, 0},
-        {ESP32C3_CHIP, false, 0x10000, 4096, 1024, ESP_LOADER_SUCCESS, 4096, 4, 20, 3000},
-        {ESP32C3_CHIP, true, 0x10000, 4096, 1024, ESP_LOADER_SUCCESS, 4096, 4, 16, 3000},
-        // The ESP8266's ROM erases by its own rule.
-        {ESP8266_CHIP, false, 0, 20 * 4096, 4096, ESP_LOADER_SUCCESS, 4 * 4096, 20, 16, 3000},
-        {ESP8266_CHIP, false, 0x1000, 16 * 4096, 4096, ESP_LOADER_SUCCESS, 4096, 16, 16, 3000},
-        {ESP8266_CHIP, false, 0, 3 * 4096, 4096, ESP_LOADER_SUCCESS, 2 * 4096, 3, 16, 3000},
-    };
-    for (const Case& c : cases) {
+    // Chip, stub, offset, size, block, result; the begin's erase size, blocks, size field and time limit.
+    const std::tuple<target_chip_t, bool, uint32_t, uint32_t, uint32_t, esp_loader_error_t, uint32_t,
+                     uint32_t, uint32_t, uint32_t>
+        cases[] = {
+            {ESP32_CHIP, false, 0, 1000, 1024, ESP_LOADER_SUCCESS, 1000, 1, 16, 3000},
+            {ESP32_CHIP, false, 0, 301000, 4096, ESP_LOADER_SUCCESS, 301000, 74, 16, 3010},
+            {ESP32_CHIP, false, 0, 2000000, 1024, ESP_LOADER_SUCCESS, 2000000, 1954, 16, 20000},
+            {ESP32_CHIP, false, 0, 1001, 1024, ESP_LOADER_ERROR_INVALID_PARAM, 0, 0, 0, 0},
+            {ESP32_CHIP, false, 2, 1000, 1024, ESP_LOADER_ERROR_INVALID_PARAM, 0, 0, 0, 0},
+            {ESP32_CHIP, false, 4096, 4 * kMiB, 1024, ESP_LOADER_ERROR_IMAGE_SIZE, 0, 0, 0, 0},
+            {ESP32C3_CHIP, false, 0x10000, 4096, 1024, ESP_LOADER_SUCCESS, 4096, 4, 20, 3000},
+            {ESP32C3_CHIP, true, 0x10000, 4096, 1024, ESP_LOADER_SUCCESS, 4096, 4, 16, 3000},
+            // The ESP8266's ROM erases by its own rule.
+            {ESP8266_CHIP, false, 0, 20 * 4096, 4096, ESP_LOADER_SUCCESS, 4 * 4096, 20, 16, 3000},
+            {ESP8266_CHIP, false, 0x1000, 16 * 4096, 4096, ESP_LOADER_SUCCESS, 4096, 16, 16, 3000},
+            {ESP8266_CHIP, false, 0, 3 * 4096, 4096, ESP_LOADER_SUCCESS, 2 * 4096, 3, 16, 3000},
+        };
+    for (const auto& [chip, stub, offset, size, block, result, erase, blocks, sizeField, limit] : cases) {
         line = FakeLine();
-        ASSERT_EQ(esp_loader_connect_secure_download_mode(&args, 4 * kMiB, c.chip), ESP_LOADER_SUCCESS);
-        esp_stub_set_running(c.stub);
+        ASSERT_EQ(esp_loader_connect_secure_download_mode(&args, 4 * kMiB, chip), ESP_LOADER_SUCCESS);
+        esp_stub_set_running(stub);
         const size_t before = line.requests.size();
-        ASSERT_EQ(esp_loader_flash_start(c.offset, c.size, c.block), c.result) << c.size;
-        if (c.result != ESP_LOADER_SUCCESS) {
+        ASSERT_EQ(esp_loader_flash_start(offset, size, block), result) << size;
+        if (result != ESP_LOADER_SUCCESS) {
             // Alignment is checked before any command, the size after the SPI parameters.
-            EXPECT_EQ(line.requests.size(), before + (c.result == ESP_LOADER_ERROR_IMAGE_SIZE));
+            EXPECT_EQ(line.requests.size(), before + (result == ESP_LOADER_ERROR_IMAGE_SIZE));
             continue;
         }
-        Bytes expected = packet(0x02, c.sizeField, 0, {c.erase, c.blocks, c.block, c.offset});
-        if (c.sizeField == 20) {
+        Bytes expected = packet(0x02, sizeField, 0, {erase, blocks, block, offset});
+        if (sizeField == 20) {
             putWord(expected, 0);
         }
-        EXPECT_EQ(line.requests.back().bytes, expected) << c.chip << " " << c.size;
-        EXPECT_EQ(line.requests.back().timerMs, c.limit) << c.size;
+        EXPECT_EQ(line.requests.back().bytes, expected) << chip << " " << size;
+        EXPECT_EQ(line.requests.back().timerMs, limit) << size;
     }
 }
