@@ -6,6 +6,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <csignal>
 #include <cstring>
 #include <fcntl.h>
@@ -49,8 +50,7 @@ TEST(DevsimProgram, ServesTheBoardAndWritesWhatItReceivedAtExit) {
                   journal +
                   " --esp-flash-size 1048576 --esp-silent-syncs 2 --esp-garbage 5 --esp-fail-block 2" +
                   " --esp-flash-out " + dir.path() + "/flash.bin");
-    const std::string port = devsim.line();
-    ASSERT_EQ(port.rfind("/dev/pts/", 0), 0u) << port;
+    ASSERT_EQ(devsim.line().rfind("/dev/pts/", 0), 0u);
 
     // A search, then a file in three steps to the device at address 2:
     // erase, "hi", finish; the answers are 79 bytes and three of 6.
@@ -75,13 +75,11 @@ TEST(DevsimProgram, ServesTheBoardAndWritesWhatItReceivedAtExit) {
     // garbage and the refused block; blocks are at least 256 bytes and each
     // reports the percent done, rounded down.
     Bytes image(2500);
-    for (std::size_t i = 0; i < image.size(); ++i) {
-        image[i] = static_cast<std::uint8_t>(i % 251);
-    }
+    std::generate(image.begin(), image.end(),
+                  [i = 0]() mutable { return static_cast<std::uint8_t>(i++ % 251); });
     ASSERT_TRUE(testsupport::writeFile(dir.path() + "/app.bin", image));
     UsbCommunication usb;
     usb.portName = link;
-    usb.baudrate = UsbTypes::Baud115200;
     ASSERT_EQ(usb.connect(UsbCommunication::MethodCom), UsbTypes::Ok);
     std::string error;
     std::vector<int> progress;

@@ -224,7 +224,6 @@ TEST_F(Loader, CommandPacketsByteForByte) {
     const Bytes block{0x01, 0xC0, 0x10, 0xDB};
     uint32_t value = 0;
     uint8_t out[32] = {};
-    line.securityInfo = Bytes(20, 0);
     // In order: the begin restarts the block numbers that the data commands carry.
     const std::pair<std::function<void()>, Bytes> cases[] = {
         {[] { loader_flash_begin_cmd(0x10000, 0x2000, 1024, 8, true); },
