@@ -15,14 +15,6 @@ using testsupport::ToolkitLoop;
 
 namespace {
 
-DeviceInfo deviceInfo(std::uint8_t address, const std::string& name) {
-    DeviceInfo info;
-    info.address = address;
-    info.nameLength = static_cast<std::uint8_t>(name.size());
-    std::memcpy(info.name, name.data(), name.size());
-    return info;
-}
-
 class DeviceListBoxTest : public widgettest::DerivedWidgetTest<DeviceListBox> {
 protected:
     DeviceListBoxTest() : DerivedWidgetTest("ListDeviceFrame") {
@@ -33,11 +25,18 @@ protected:
     // The filler reads the model until the widget is gone.
     ~DeviceListBoxTest() override { widget.reset(); }
 
+    // A device's answer to the search, as the model takes it.
+    void answer(std::uint8_t address, const std::string& name) {
+        DeviceInfo info{.address = address, .nameLength = static_cast<std::uint8_t>(name.size())};
+        std::memcpy(info.name, name.data(), name.size());
+        model.addDevice(info);
+    }
+
     std::vector<std::string> rows() {
         std::vector<std::string> texts;
         for (Gtk::Widget* row : child<Gtk::ListBox>("ListDeviceListBox").get_children()) {
-            auto* label = dynamic_cast<Gtk::Label*>(dynamic_cast<Gtk::ListBoxRow*>(row)->get_child());
-            texts.push_back(label != nullptr ? std::string(label->get_text()) : "<no label>");
+            texts.push_back(
+                dynamic_cast<Gtk::Label&>(*dynamic_cast<Gtk::ListBoxRow&>(*row).get_child()).get_text());
         }
         return texts;
     }
@@ -49,10 +48,6 @@ protected:
     CapturingLogger captured;
 };
 
-struct SelectFirmwareBoxThreads : widgettest::DerivedWidgetTest<SelectFirmwareBox> {
-    SelectFirmwareBoxThreads() : DerivedWidgetTest("SelectFirmwareBox") {}
-};
-
 } // namespace
 
 TEST_F(DeviceListBoxTest, EachPressGivesOnePassAfter200MillisecondsInAddressOrder) {
@@ -62,27 +57,25 @@ TEST_F(DeviceListBoxTest, EachPressGivesOnePassAfter200MillisecondsInAddressOrde
     ToolkitLoop::runFor(std::chrono::milliseconds(50));
     EXPECT_TRUE(rows().empty());
 
-    model.addDevice(deviceInfo(3, "Old"));
-    widget->addToList("Old");
+    // Answers arrive while the filler waits, two of them with one name.
     const auto pressed = std::chrono::steady_clock::now();
     press();
-    // The press cleared the list and the model; answers arrive while the
-    // filler waits, two of them with one name.
-    EXPECT_TRUE(rows().empty());
-    model.addDevice(deviceInfo(9, "Radio"));
-    model.addDevice(deviceInfo(2, "Motor"));
-    model.addDevice(deviceInfo(5, "Radio"));
+    answer(9, "Radio");
+    answer(2, "Motor");
+    answer(5, "Radio");
     ASSERT_TRUE(ToolkitLoop::runUntil([&] { return !rows().empty(); }));
     EXPECT_GE(std::chrono::steady_clock::now() - pressed, std::chrono::milliseconds(200));
     EXPECT_EQ(rows(), (std::vector<std::string>{"Motor", "Radio", "Radio"}));
     ASSERT_TRUE(ToolkitLoop::runUntil([&] { return ended(2); }));
 
-    // A later answer waits for the next press, which starts a new pass.
-    model.addDevice(deviceInfo(1, "Late"));
+    // A later answer waits for the next press, which clears the list and
+    // the model and starts a new pass.
+    answer(1, "Late");
     ToolkitLoop::runFor(std::chrono::milliseconds(300));
     EXPECT_EQ(rows().size(), 3u);
     press();
-    model.addDevice(deviceInfo(4, "Pump"));
+    EXPECT_TRUE(rows().empty());
+    answer(4, "Pump");
     ASSERT_TRUE(
         ToolkitLoop::runUntil([&] { return ended(3) && rows() == std::vector<std::string>{"Pump"}; }));
 
@@ -92,23 +85,25 @@ TEST_F(DeviceListBoxTest, EachPressGivesOnePassAfter200MillisecondsInAddressOrde
     EXPECT_TRUE(ended(4));
 }
 
+// The path is asked for on the listener's thread while the window changes
+// the choice: each answer is one of the two whole paths.
+struct SelectFirmwareBoxThreads : widgettest::DerivedWidgetTest<SelectFirmwareBox> {
+    SelectFirmwareBoxThreads() : DerivedWidgetTest("SelectFirmwareBox") {}
+};
+
 TEST_F(SelectFirmwareBoxThreads, ThePathIsAskedForWhileTheWindowChangesTheChoice) {
     std::string user = "/images/app.bin";
     HandlersFuncKeys key = SEARCH_FILE_STM32;
     widget->setFilePath(user, key);
     const std::string image = widget->ensurePreinstalledFirmwareOnDisk(SelectFirmwareBox::Stm32);
-
-    std::vector<std::string> seen;
     std::thread listener([&] {
         for (int i = 0; i < 200; ++i) {
-            seen.push_back(widget->getFilePath());
+            const std::string path = widget->getFilePath();
+            EXPECT_TRUE(path == user || path == image) << path;
         }
     });
     for (int i = 0; i < 20; ++i) {
         child<Gtk::Switch>("FirmwareSourceModeSwitch").set_active(i % 2 == 0);
     }
     listener.join();
-    for (const auto& path : seen) {
-        EXPECT_TRUE(path == user || path == image) << path;
-    }
 }
