@@ -1,6 +1,5 @@
-// What the window cannot reach of the widgets: the connection dialog over a
-// port that misbehaves, the file chooser's start folder, and the write-out
-// of the preinstalled images when the disk is not as the program left it.
+// What the window cannot reach of the widgets: a port that misbehaves, the
+// chooser's start folder, and a disk not as the program left it.
 #include "ConnectionDialog.h"
 #include "FakeSerialPort.h"
 #include "OpenFileDialog.h"
@@ -32,7 +31,6 @@ protected:
     }
     Gtk::ComboBoxText& portList() { return child<Gtk::ComboBoxText>("PortsListComboTextBox"); }
 
-    // Opens the dialog as the window does.
     void open() {
         widget->setUsbConnetctionPtr(*usb);
         widget->setOwner(&owner);
@@ -61,10 +59,6 @@ protected:
     }
     bool uploadSensitive() { return child<Gtk::Widget>("UploadButton").get_sensitive(); }
 
-    static void writeFile(const fs::path& path, std::uintmax_t size) {
-        fs::create_directories(path.parent_path());
-        std::ofstream(path, std::ios::binary) << std::string(size, 'x');
-    }
     static char firstByte(const fs::path& path) { return static_cast<char>(std::ifstream(path).get()); }
 
     const fs::path root = fs::path(Glib::get_tmp_dir()) / "MeridKestalUtility";
@@ -137,8 +131,9 @@ TEST_F(SelectFirmwareBoxTest, AFailedWriteOutBlocksTheLoadAndOnlyTheSizeDecidesA
     // The next move tries again. The right size with other content is kept;
     // one byte more is replaced.
     fs::remove(root);
-    writeFile(stm32Image, 37312);
-    writeFile(esp32Image, 1803184 + 1);
+    fs::create_directories(root / "firmware");
+    std::ofstream(stm32Image, std::ios::binary) << std::string(37312, 'x');
+    std::ofstream(esp32Image, std::ios::binary) << std::string(1803184 + 1, 'x');
     switchOn();
     EXPECT_TRUE(uploadSensitive());
     EXPECT_EQ(firstByte(stm32Image), 'x');
