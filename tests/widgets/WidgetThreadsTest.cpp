@@ -5,7 +5,6 @@
 #include "TestSupport.h"
 #include "WidgetTestSupport.h"
 
-#include <cstring>
 #include <thread>
 
 using MeridKestalWidgets::DeviceListBox;
@@ -24,13 +23,6 @@ protected:
     }
     // The filler reads the model until the widget is gone.
     ~DeviceListBoxTest() override { widget.reset(); }
-
-    // A device's answer to the search, as the model takes it.
-    void answer(std::uint8_t address, const std::string& name) {
-        DeviceInfo info{.address = address, .nameLength = static_cast<std::uint8_t>(name.size())};
-        std::memcpy(info.name, name.data(), name.size());
-        model.addDevice(info);
-    }
 
     std::vector<std::string> rows() {
         std::vector<std::string> texts;
@@ -54,9 +46,9 @@ TEST_F(DeviceListBoxTest, EachPressGivesOnePassAfter200MillisecondsInAddressOrde
     // Answers arrive while the filler waits, two of them with one name.
     const auto pressed = std::chrono::steady_clock::now();
     press();
-    answer(9, "Radio");
-    answer(2, "Motor");
-    answer(5, "Radio");
+    model.addDevice({.address = 9, .nameLength = 5, .name = "Radio"});
+    model.addDevice({.address = 2, .nameLength = 5, .name = "Motor"});
+    model.addDevice({.address = 5, .nameLength = 5, .name = "Radio"});
     ASSERT_TRUE(ToolkitLoop::runUntil([&] { return !rows().empty(); }));
     EXPECT_GE(std::chrono::steady_clock::now() - pressed, std::chrono::milliseconds(200));
     EXPECT_EQ(rows(), (std::vector<std::string>{"Motor", "Radio", "Radio"}));
@@ -64,12 +56,12 @@ TEST_F(DeviceListBoxTest, EachPressGivesOnePassAfter200MillisecondsInAddressOrde
 
     // A later answer waits for the next press, which clears the list and
     // the model and starts a new pass.
-    answer(1, "Late");
+    model.addDevice({.address = 1, .nameLength = 4, .name = "Late"});
     ToolkitLoop::runFor(std::chrono::milliseconds(300));
     EXPECT_EQ(rows().size(), 3u);
     press();
     EXPECT_TRUE(rows().empty());
-    answer(4, "Pump");
+    model.addDevice({.address = 4, .nameLength = 4, .name = "Pump"});
     ASSERT_TRUE(
         ToolkitLoop::runUntil([&] { return ended(2) && rows() == std::vector<std::string>{"Pump"}; }));
     // An empty pass adds no row.

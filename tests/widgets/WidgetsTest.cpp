@@ -19,11 +19,7 @@ namespace fs = std::filesystem;
 
 class ConnectionDialogTest : public widgettest::DerivedWidgetTest<MeridKestalWidgets::ConnectionDialog> {
 protected:
-    ConnectionDialogTest() : DerivedWidgetTest("ConnectionDialog") {
-        auto fake = std::make_unique<FakeSerialPort>();
-        port = fake.get();
-        usb = std::make_unique<UsbCommunication>(std::move(fake));
-    }
+    ConnectionDialogTest() : DerivedWidgetTest("ConnectionDialog") {}
 
     // How many ports the list holds, and which one is chosen.
     std::pair<std::size_t, std::string> ports() {
@@ -32,14 +28,14 @@ protected:
     Gtk::ComboBoxText& portList() { return child<Gtk::ComboBoxText>("PortsListComboTextBox"); }
 
     void open() {
-        widget->setUsbConnetctionPtr(*usb);
+        widget->setUsbConnetctionPtr(usb);
         widget->setOwner(&owner);
         widget->show();
         owner.set_sensitive(false);
     }
 
-    FakeSerialPort* port = nullptr;
-    std::unique_ptr<UsbCommunication> usb;
+    FakeSerialPort* port = new FakeSerialPort;
+    UsbCommunication usb{std::unique_ptr<SerialPort>(port)};
     Gtk::Window owner;
 };
 
