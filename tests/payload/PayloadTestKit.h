@@ -9,6 +9,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <string>
 #include <utility>
 #include <vector>
@@ -29,9 +30,11 @@ inline std::uint8_t referenceCrc(const Bytes& data) {
 }
 
 inline Bytes frame(const Bytes& payload) {
-    Bytes out{0x7E, static_cast<std::uint8_t>(payload.size() - 1)};
-    out.insert(out.end(), payload.begin(), payload.end());
-    out.push_back(referenceCrc(payload));
+    Bytes out(payload.size() + 3);
+    out[0] = 0x7E;
+    out[1] = static_cast<std::uint8_t>(payload.size() - 1);
+    std::copy(payload.begin(), payload.end(), out.begin() + 2);
+    out.back() = referenceCrc(payload);
     return out;
 }
 
