@@ -10,7 +10,8 @@
 // The STM32 cases run unpaced and over links paced at 115200 and 921600 baud
 // with a 1 ms turnaround, as a USB serial bridge answers. The idle case keeps
 // the connected window for 10 s after a search and reports the share of a
-// core the program took and its wake-ups (context switches) per second.
+// core the program's threads took and their wake-ups (context switches) per
+// second; the simulated board's threads are left out.
 //
 // The window is shown on the display (make bench runs under Xvfb). Logging
 // is off unless MERID_LOG_LEVEL says otherwise, as in the protocol benchmarks.
@@ -34,12 +35,13 @@
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
 #include <functional>
 #include <map>
 #include <memory>
+#include <set>
 #include <string>
-#include <sys/resource.h>
 #include <thread>
 #include <unistd.h>
 #include <vector>
@@ -403,11 +405,36 @@ struct Usage {
     long switches = 0;
 };
 
-Usage processUsage() {
-    rusage usage{};
-    getrusage(RUSAGE_SELF, &usage);
-    auto seconds = [](const timeval& t) { return static_cast<double>(t.tv_sec) + t.tv_usec / 1e6; };
-    return {seconds(usage.ru_utime) + seconds(usage.ru_stime), usage.ru_nvcsw + usage.ru_nivcsw};
+std::set<std::string> taskIds() {
+    std::set<std::string> ids;
+    for (const auto& entry : std::filesystem::directory_iterator("/proc/self/task")) {
+        ids.insert(entry.path().filename().string());
+    }
+    return ids;
+}
+
+// The CPU time and context switches of this process's threads, except the
+// simulated board's: those stand in for the device, not for the program.
+Usage programUsage(const std::set<std::string>& boardThreads) {
+    Usage usage;
+    for (const auto& id : taskIds()) {
+        if (boardThreads.count(id) != 0) {
+            continue;
+        }
+        const std::string task = "/proc/self/task/" + id;
+        std::ifstream schedstat(task + "/schedstat");
+        double nanoseconds = 0;
+        schedstat >> nanoseconds;
+        usage.cpuSeconds += nanoseconds / 1e9;
+        std::ifstream status(task + "/status");
+        std::string line;
+        while (std::getline(status, line)) {
+            if (line.find("ctxt_switches:") != std::string::npos) {
+                usage.switches += std::stol(line.substr(line.find(':') + 1));
+            }
+        }
+    }
+    return usage;
 }
 
 // The connected window after a search, left alone: the toolkit's own loop
@@ -415,7 +442,14 @@ Usage processUsage() {
 void BM_IdleConnected(benchmark::State& state) {
     constexpr int kIdleSeconds = 10;
     for (auto _ : state) {
+        const auto before = taskIds();
         Board board;
+        std::set<std::string> boardThreads;
+        for (const auto& id : taskIds()) {
+            if (before.count(id) == 0) {
+                boardThreads.insert(id);
+            }
+        }
         setenv("MERID_EXTRA_PORTS", board.simulator.slavePath().c_str(), 1);
         WindowSession session;
         const std::string failed =
@@ -426,11 +460,11 @@ void BM_IdleConnected(benchmark::State& state) {
         }
         auto loop = Glib::MainLoop::create();
         Glib::signal_timeout().connect_seconds_once([&] { loop->quit(); }, kIdleSeconds);
-        const Usage before = processUsage();
+        const Usage start = programUsage(boardThreads);
         loop->run();
-        const Usage after = processUsage();
-        const double share = (after.cpuSeconds - before.cpuSeconds) / kIdleSeconds;
-        const double wakeups = static_cast<double>(after.switches - before.switches) / kIdleSeconds;
+        const Usage end = programUsage(boardThreads);
+        const double share = (end.cpuSeconds - start.cpuSeconds) / kIdleSeconds;
+        const double wakeups = static_cast<double>(end.switches - start.switches) / kIdleSeconds;
         state.SetIterationTime(kIdleSeconds);
         state.counters["core_percent"] = share * 100.0;
         state.counters["wakeups_per_s"] = wakeups;
