@@ -1,25 +1,51 @@
 #pragma once
 
-#include <gio/gio.h>
+#include "MeridResources.h"
 
+#include <algorithm>
+#include <fstream>
+#include <functional>
 #include <string>
 #include <vector>
 
 namespace shelltest {
 
-// The lines of a text file, without their line feeds.
-std::vector<std::string> fileLines(const std::string& path);
-
-// The line without its "2026-11-15T02:29:53Z " time stamp.
-std::string withoutTimestamp(const std::string& line);
+// The early log's lines after its two header lines, without their time
+// stamps ("2026-11-15T02:29:53Z ").
+inline std::vector<std::string> logBodies(const std::string& path) {
+    std::vector<std::string> bodies;
+    std::ifstream in(path);
+    for (std::string line; std::getline(in, line);) {
+        bodies.push_back(line.size() > 21 ? line.substr(21) : "");
+    }
+    bodies.erase(bodies.begin(), bodies.begin() + std::min<std::ptrdiff_t>(2, std::ssize(bodies)));
+    return bodies;
+}
 
 // Registers the four embedded bundles, as the program does at start.
-void registerBundles();
+inline void registerBundles() {
+    for (GResource* bundle : {merid_ui_get_resource(), merid_icons_get_resource(),
+                              merid_firmware_get_resource(), merid_gsettings_get_resource()}) {
+        g_resources_register(bundle);
+    }
+}
 
-// Takes a bundle out of the process's resources however often it was
-// registered, until `probePath` of it can no longer be looked up; returns
-// how often, so that it can be put back.
-int unregisterCompletely(GResource* resource, const char* probePath);
-void registerAgain(GResource* resource, int times);
+// Runs `action` with the icon bundle out of the process's resources, however
+// often it was registered, and puts it back afterwards.
+inline void withoutIconBundle(const std::function<void()>& action) {
+    int times = 0;
+    // The first lookup also registers the bundles that wait for it.
+    for (GBytes* bytes;
+         times < 16 && (bytes = g_resources_lookup_data("/meridkestalutility/icons/hicolor/index.theme",
+                                                        G_RESOURCE_LOOKUP_FLAGS_NONE, nullptr));
+         ++times) {
+        g_bytes_unref(bytes);
+        g_resources_unregister(merid_icons_get_resource());
+    }
+    action();
+    for (; times > 0; --times) {
+        g_resources_register(merid_icons_get_resource());
+    }
+}
 
 } // namespace shelltest
