@@ -84,6 +84,7 @@ void PayloadHandler::addToQueue(const void* data, unsigned long long size, unsig
     }
     std::lock_guard<std::recursive_mutex> lock(queueMutex);
     sendQueue.push_back(QueuedMessage{copy, size, timeout});
+    notifyQueued();
 }
 
 void PayloadHandler::clearQueue(bool force) {
