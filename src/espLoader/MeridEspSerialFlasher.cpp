@@ -9,6 +9,8 @@
 #include <fstream>
 #include <vector>
 
+#include <zlib.h>
+
 LoggerManager* MeridEspSerialFlasher::loggerManager = &LoggerManager::getInstance();
 
 namespace {
@@ -52,6 +54,22 @@ unsigned char percentOf(uint32_t written, uint32_t size) {
     return static_cast<unsigned char>(std::min<uint32_t>(percent, 100));
 }
 
+// The image as one zlib stream (RFC 1950), which the ROM's inflater takes.
+bool deflateImage(const std::vector<uint8_t>& image, std::vector<uint8_t>& packed) {
+    uLongf size = compressBound(static_cast<uLong>(image.size()));
+    packed.resize(size);
+    if (compress2(packed.data(), &size, image.data(), static_cast<uLong>(image.size()), Z_BEST_COMPRESSION) !=
+        Z_OK) {
+        return false;
+    }
+    packed.resize(size);
+    return true;
+}
+
+std::string failedWith(const char* operation, esp_loader_error_t result) {
+    return std::string(operation) + " failed: " + std::to_string(result);
+}
+
 } // namespace
 
 bool MeridEspSerialFlasher::flashBinary(UsbCommunication& usb, const std::string& path,
@@ -62,8 +80,6 @@ bool MeridEspSerialFlasher::flashBinary(UsbCommunication& usb, const std::string
     if (!readImage(path, image, error)) {
         return false;
     }
-    const auto size = static_cast<uint32_t>(image.size());
-
     meridEspSerialFlasherPortSetUsb(&usb);
 
     esp_loader_connect_args_t args = kConnectArgs;
@@ -73,11 +89,18 @@ bool MeridEspSerialFlasher::flashBinary(UsbCommunication& usb, const std::string
     }
 
     const uint32_t block = std::max(options.blockSize, kSmallestBlock);
-    result = esp_loader_flash_start(options.address, size, block);
-    if (result != ESP_LOADER_SUCCESS) {
-        return fail(error, "esp_loader_flash_start failed: " + std::to_string(result));
-    }
+    return options.compress ? writeCompressed(image, options, block, progress, error)
+                            : writePlain(image, options, block, progress, error);
+}
 
+bool MeridEspSerialFlasher::writePlain(const std::vector<uint8_t>& image, const FlashOptions& options,
+                                       uint32_t block, const std::function<void(unsigned char)>& progress,
+                                       std::string* error) {
+    const auto size = static_cast<uint32_t>(image.size());
+    esp_loader_error_t result = esp_loader_flash_start(options.address, size, block);
+    if (result != ESP_LOADER_SUCCESS) {
+        return fail(error, failedWith("esp_loader_flash_start", result));
+    }
     std::vector<uint8_t> blockBuffer(block, 0);
     uint32_t written = 0;
     for (;;) {
@@ -85,7 +108,7 @@ bool MeridEspSerialFlasher::flashBinary(UsbCommunication& usb, const std::string
         std::copy_n(image.begin() + written, n, blockBuffer.begin());
         result = esp_loader_flash_write(blockBuffer.data(), n);
         if (result != ESP_LOADER_SUCCESS) {
-            return fail(error, "esp_loader_flash_write failed: " + std::to_string(result));
+            return fail(error, failedWith("esp_loader_flash_write", result));
         }
         written += n;
         if (progress) {
@@ -95,11 +118,44 @@ bool MeridEspSerialFlasher::flashBinary(UsbCommunication& usb, const std::string
             break;
         }
     }
-
-    result = esp_loader_flash_finish(options.reboot);
-    if (result != ESP_LOADER_SUCCESS) {
-        loggerManager->log("esp_loader_flash_finish failed: " + std::to_string(result), BaseLogger::WARNING,
-                           "EspSerialFlasher: ");
-    }
+    finish(esp_loader_flash_finish(options.reboot), "esp_loader_flash_finish");
     return true;
+}
+
+// The same image as a zlib stream: fewer bytes on the line, the same bytes in
+// the flash. Progress counts the stream.
+bool MeridEspSerialFlasher::writeCompressed(const std::vector<uint8_t>& image, const FlashOptions& options,
+                                            uint32_t block,
+                                            const std::function<void(unsigned char)>& progress,
+                                            std::string* error) {
+    std::vector<uint8_t> packed;
+    if (!deflateImage(image, packed)) {
+        return fail(error, "Can't compress the image");
+    }
+    const auto size = static_cast<uint32_t>(image.size());
+    const auto packedSize = static_cast<uint32_t>(packed.size());
+    esp_loader_error_t result = esp_loader_flash_deflate_start(options.address, size, packedSize, block);
+    if (result != ESP_LOADER_SUCCESS) {
+        return fail(error, failedWith("esp_loader_flash_deflate_start", result));
+    }
+    for (uint32_t sent = 0; sent < packedSize;) {
+        const uint32_t n = std::min(block, packedSize - sent);
+        result = esp_loader_flash_deflate_write(packed.data() + sent, n);
+        if (result != ESP_LOADER_SUCCESS) {
+            return fail(error, failedWith("esp_loader_flash_deflate_write", result));
+        }
+        sent += n;
+        if (progress) {
+            progress(percentOf(sent, packedSize));
+        }
+    }
+    finish(esp_loader_flash_deflate_finish(options.reboot), "esp_loader_flash_deflate_finish");
+    return true;
+}
+
+// A failed end is no failure of the flash: the image is written.
+void MeridEspSerialFlasher::finish(esp_loader_error_t result, const char* operation) {
+    if (result != ESP_LOADER_SUCCESS) {
+        loggerManager->log(failedWith(operation, result), BaseLogger::WARNING, "EspSerialFlasher: ");
+    }
 }
