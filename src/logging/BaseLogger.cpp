@@ -19,14 +19,10 @@ void BaseLogger::setClock(Clock clock) {
     gClock.store(clock != nullptr ? clock : &systemNow);
 }
 
-BaseLogger::Clock BaseLogger::getClock() {
-    return gClock.load();
-}
-
 void BaseLogger::TimeDescription::updateTime() {
     // Whole seconds since the epoch, as the ctime family's fixed text.
     auto nanoseconds =
-        std::chrono::duration_cast<std::chrono::nanoseconds>(getClock()().time_since_epoch()).count();
+        std::chrono::duration_cast<std::chrono::nanoseconds>(gClock.load()().time_since_epoch()).count();
     auto seconds = static_cast<std::time_t>(nanoseconds / 1000000000);
     auto text = Platform::localTimeText(seconds);
     if (!text) {

@@ -9,17 +9,12 @@ ConsoleLogger& ConsoleLogger::getInstance() {
     return instance;
 }
 
-ConsoleLogger::ConsoleLogger(std::ostream* stream) : out(stream != nullptr ? stream : &std::cout) {
+ConsoleLogger::ConsoleLogger() {
     descriptors[DEBUG] = {"DEBUG", 1, 34, 49};
     descriptors[INFO] = {"INFO", 1, 32, 49};
     descriptors[WARNING] = {"WARNING", 1, 33, 49};
     descriptors[ERROR] = {"ERROR", 1, 31, 49};
     // FATAL has no row: its first line adds an empty one.
-}
-
-std::size_t ConsoleLogger::descriptorCount() {
-    std::lock_guard<std::mutex> lock(mutex);
-    return descriptors.size();
 }
 
 void ConsoleLogger::log(const std::string& message, MessageType type, const std::string& tag) {
@@ -39,6 +34,6 @@ void ConsoleLogger::log(const std::string& message, MessageType type, const std:
     line += " [" + d.label + "]";
     line += "\x1b[0m";
 
-    *out << line << '\n';
-    out->flush();
+    std::cout << line << '\n';
+    std::cout.flush();
 }

@@ -5,7 +5,6 @@
 #include <cstdint>
 #include <map>
 #include <mutex>
-#include <ostream>
 #include <string>
 
 // Coloured lines on the standard output.
@@ -20,17 +19,13 @@ public:
 
     static ConsoleLogger& getInstance();
 
-    // A logger writing to another stream; the singleton writes to std::cout.
-    explicit ConsoleLogger(std::ostream* stream = nullptr);
-
     void log(const std::string& message, MessageType type, const std::string& tag) override;
 
-    std::size_t descriptorCount();
-
 private:
+    ConsoleLogger();
+
     std::map<BaseLogger::MessageType, LogDescriptor> descriptors;
     std::mutex mutex;
-    std::ostream* out;
 
     static std::mutex instanceMutex;
 };

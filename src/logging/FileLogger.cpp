@@ -22,11 +22,6 @@ FileLogger::~FileLogger() {
     }
 }
 
-std::string FileLogger::getLogFilePath() {
-    std::lock_guard<std::mutex> lock(mutex);
-    return logFilePath;
-}
-
 bool FileLogger::createLogFile(std::string& prefix) {
     // Nothing to do once a file is open: this is the fast path of every report.
     if (isInitialized || logFile.is_open()) {

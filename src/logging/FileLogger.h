@@ -12,14 +12,12 @@ public:
     // The singleton; every call retries opening the file while none is open.
     static FileLogger& getInstance();
 
+    // Public for tests only: each folder case needs a fresh search; the singleton searches once.
     FileLogger() = default;
     ~FileLogger() override;
 
     bool createLogFile(std::string& prefix);
     void log(const std::string& message, MessageType type, const std::string& tag) override;
-
-    // For diagnostics: the path of the open file, empty while none is open.
-    std::string getLogFilePath();
 
 private:
     std::string logFilePath;

@@ -30,7 +30,7 @@ public:
     // case; anything else is ignored.
     void applyLevelFromEnvironment();
 
-    // Puts another sink in place of a type's singleton; null restores it.
+    // For tests only: reads other classes' reports in-process, type and tag apart; null restores.
     void overrideSink(LoggerType type, BaseLogger* sink);
 
     LoggerManager(const LoggerManager&) = delete;

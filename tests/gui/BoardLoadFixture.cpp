@@ -18,16 +18,10 @@ Bytes makeImage(std::size_t size, std::uint32_t seed) {
 }
 
 Bytes resourceBytes(const char* path) {
-    GBytes* data = g_resources_lookup_data(path, G_RESOURCE_LOOKUP_FLAGS_NONE, nullptr);
-    if (data == nullptr) {
-        ADD_FAILURE() << "no resource " << path;
-        return {};
-    }
     gsize size = 0;
-    const auto* begin = static_cast<const std::uint8_t*>(g_bytes_get_data(data, &size));
-    Bytes bytes(begin, begin + size);
-    g_bytes_unref(data);
-    return bytes;
+    const auto data = Gio::Resource::lookup_data_global(path);
+    const auto* begin = static_cast<const std::uint8_t*>(data->get_data(size));
+    return Bytes(begin, begin + size);
 }
 
 void BoardLoadTest::SetUp() {
@@ -42,11 +36,9 @@ void BoardLoadTest::SetUp() {
 
 void BoardLoadTest::TearDown() {
     // The end of what the program said tells why a test failed.
-    if (HasFailure()) {
-        const auto lines = captured->lines();
-        for (std::size_t i = lines.size() > 80 ? lines.size() - 80 : 0; i < lines.size(); ++i) {
-            std::printf("  log: %s%s\n", lines[i].tag.c_str(), lines[i].message.c_str());
-        }
+    const auto lines = captured->lines();
+    for (std::size_t i = lines.size() > 80 ? lines.size() - 80 : 0; HasFailure() && i < lines.size(); ++i) {
+        std::printf("  log: %s%s\n", lines[i].tag.c_str(), lines[i].message.c_str());
     }
     ui.reset();
     captured.reset();
@@ -74,16 +66,6 @@ void BoardLoadTest::connect() {
     ASSERT_TRUE(windowSensitive());
 }
 
-void BoardLoadTest::search() {
-    const std::size_t fields = board.device(kAddress)->getFields().size();
-    const std::string answer = "PayloadHandler: field info response (device " + std::to_string(kAddress);
-    auto* list = ui->get<Gtk::ListBox>("ListDeviceListBox");
-    ui->get<Gtk::Button>("SearchDeviceButton")->clicked();
-    ASSERT_TRUE(ToolkitLoop::runUntil(
-        [&] { return !list->get_children().empty() && captured->count(answer) >= fields; },
-        std::chrono::seconds(20)));
-}
-
 LoadWatch BoardLoadTest::watch(std::function<bool()> done) {
     if (!done) {
         done = [&] { return statusText() == kFlashedText && windowSensitive(); };
@@ -102,16 +84,10 @@ LoadWatch BoardLoadTest::watch(std::function<bool()> done) {
     return seen;
 }
 
-std::size_t BoardLoadTest::framesWithCommand(std::uint8_t command) {
-    std::size_t count = 0;
-    for (const auto& entry : board.journal()) {
-        // Sync, length, pack number, address, command.
-        if (entry.kind == DeviceSimulator::JournalEntry::Frame && entry.raw.size() > 4 &&
-            entry.raw[4] == command) {
-            ++count;
-        }
-    }
-    return count;
+std::string BoardLoadTest::writeFile(const std::string& name, const Bytes& bytes) {
+    const std::string path = files.path() + "/" + name;
+    EXPECT_TRUE(testsupport::writeFile(path, bytes)) << path;
+    return path;
 }
 
 } // namespace guitest

@@ -5,7 +5,6 @@
 #include "GuiTestSupport.h"
 #include "TestSupport.h"
 
-#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -40,20 +39,15 @@ protected:
     void SetUp() override;
     void TearDown() override;
 
-    // The board on a fresh pseudo-terminal, listed for the program; after an
-    // unplug the devices, their images and the ESP32's flash stay.
+    // The board on a fresh pseudo-terminal; after an unplug the devices,
+    // their images and the ESP32's flash stay.
     void plugBoard();
     // Connection > Connect, the board's port, 921600 baud, the connect button.
     void connect();
-    // The search button; waits until the board is listed and its fields known.
-    void search();
-    void chooseMethod(const std::string& method) {
-        ui->get<Gtk::ComboBoxText>("FirmwareMethodComboBoxText")->set_active_text(method);
-        esp32Chosen = method == "ESP32";
-    }
-    // The target's file button, answered in the file dialog.
+    // The file button the user can reach, answered in the file dialog.
     void pickFile(const std::string& path) {
-        ui->answerFileDialog(esp32Chosen ? "SelectFirmwareEsp32Button" : "SelectFirmwareStm32Button", path);
+        const bool esp32 = ui->get<Gtk::Widget>("SelectFirmwareEsp32Button")->get_sensitive();
+        ui->answerFileDialog(esp32 ? "SelectFirmwareEsp32Button" : "SelectFirmwareStm32Button", path);
     }
     void pressUpload() { ui->get<Gtk::Button>("UploadButton")->clicked(); }
 
@@ -65,20 +59,13 @@ protected:
     double barValue() { return ui->get<Gtk::LevelBar>("LoadStatusBar")->get_value(); }
     std::string statusText() { return ui->text("LoadStatusOverlayLabel"); }
     bool windowSensitive() { return ui->window().get_sensitive(); }
-
-    std::string writeFile(const std::string& name, const Bytes& bytes) {
-        const std::string path = files.path() + "/" + name;
-        EXPECT_TRUE(testsupport::writeFile(path, bytes)) << path;
-        return path;
-    }
-    std::size_t framesWithCommand(std::uint8_t command);
+    std::string writeFile(const std::string& name, const Bytes& bytes);
 
     testsupport::TempDir files;
     DeviceSimulator board;
     std::shared_ptr<EspRomSimulator> chip;
     std::unique_ptr<testsupport::ScopedEnv> extraPorts;
     std::unique_ptr<WindowUnderTest> ui;
-    bool esp32Chosen = false;
     // Every line the program logs while the test runs.
     std::unique_ptr<testsupport::CapturingLogger> captured;
 };

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "MainWindow.h"
+#include "MainWindowTestAccess.h"
 #include "ToolkitLoop.h"
 
 #include <gtest/gtest.h>
@@ -13,9 +14,6 @@ namespace guitest {
 // The application the windows of a test process belong to, made once, with
 // the bundles registered as the program registers them.
 Glib::RefPtr<Gtk::Application>& application();
-
-// The widget with builder id `id` among the program's windows, or null.
-Gtk::Widget* findWidget(const char* id);
 
 // The window as the program builds it. Handlers of an earlier window are
 // dropped first: they point at a window that is gone.
@@ -31,7 +29,7 @@ public:
     // A widget of the interface by its builder id; fails the test when the
     // id is missing or of another class.
     template <typename T> T* get(const char* id) {
-        T* widget = dynamic_cast<T*>(findWidget(id));
+        auto* widget = dynamic_cast<T*>(MainWindowTestAccess::builder(*mainWindow)->get_object(id).get());
         if (widget == nullptr) {
             ADD_FAILURE() << "no widget \"" << id << "\" of the expected class";
         }

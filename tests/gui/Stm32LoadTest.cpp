@@ -1,5 +1,5 @@
 // STM32 loads through the real window against the simulated board: the
-// erase poll, the erase word, the chunked transfer and the level bar; and
+// erase poll, the erase word, the transfer as the level bar shows it; and
 // each failure, followed by a load that works.
 #include "BoardLoadFixture.h"
 
@@ -7,7 +7,6 @@
 
 using guitest::BoardLoadTest;
 using guitest::Bytes;
-using guitest::LoadWatch;
 using guitest::makeImage;
 using testsupport::ToolkitLoop;
 
@@ -21,86 +20,72 @@ constexpr std::size_t kStm32ImageSize = 37312;
 class Stm32Load : public BoardLoadTest {
 protected:
     // A load that reaches the success text with the window sensitive all
-    // along, the bar never going back, and the board holding the bytes once
-    // it has answered the finish step.
-    void expectLoadOf(const Bytes& bytes, LoadWatch* seen = nullptr) {
-        const LoadWatch watch = this->watch();
-        if (seen != nullptr) {
-            *seen = watch;
-        }
-        ASSERT_TRUE(watch.finished) << "label: " << statusText() << ", bar: " << barValue();
-        EXPECT_FALSE(watch.everInsensitive);
+    // along, the bar never going back, the erase word in the board's field,
+    // and the bytes on the board once it has answered the finish step.
+    guitest::LoadWatch expectLoadOf(const Bytes& bytes) {
+        const guitest::LoadWatch seen = watch();
+        EXPECT_TRUE(seen.finished) << "label: " << statusText() << ", bar: " << barValue();
+        EXPECT_FALSE(seen.everInsensitive);
         EXPECT_EQ(barValue(), 100.0);
         // The transfer's own erase step is the first value the bar shows.
-        EXPECT_TRUE(std::is_sorted(watch.barValues.begin() + 1, watch.barValues.end()));
-        ASSERT_TRUE(ToolkitLoop::runUntil([&] { return board.finishedImage(kAddress, 0).has_value(); },
+        EXPECT_TRUE(std::is_sorted(seen.barValues.begin() + 1, seen.barValues.end()));
+        EXPECT_EQ(board.device(kAddress)->fieldValue("erase"), kEraseWord);
+        EXPECT_TRUE(ToolkitLoop::runUntil([&] { return board.finishedImage(kAddress, 0) == bytes; },
                                           std::chrono::seconds(30)));
-        EXPECT_TRUE(*board.finishedImage(kAddress, 0) == bytes);
+        return seen;
     }
-
-    std::uint64_t eraseFieldValue() { return board.device(kAddress)->fieldValue("erase").value_or(0); }
 
     void silenceBoard(bool silent) {
         DeviceSimulator::Faults faults;
         faults.silent = silent;
         board.setFaults(faults);
     }
+
+    std::size_t framesWithCommand(std::uint8_t command) {
+        const auto journal = board.journal();
+        // Sync, length, pack number, address, command.
+        return std::count_if(journal.begin(), journal.end(), [&](const DeviceSimulator::JournalEntry& entry) {
+            return entry.kind == entry.Frame && entry.raw.size() > 4 && entry.raw[4] == command;
+        });
+    }
 };
 
 } // namespace
 
-TEST_F(Stm32Load, UserFileFindsTheBoardByItselfAndLandsByteForByte) {
+TEST_F(Stm32Load, APressWithoutAFileErasesOnlyAndTheUserFileThenLandsByteForByte) {
     // A board that calls its "erase" field a 1-byte one: the word still goes
     // as a 4-byte integer.
     SimDevice narrow(kAddress, "MeridKestal STM32", 2, 7);
     narrow.addField("erase", 3);
-    narrow.addField("reboot", 8);
     board.removeDevice(kAddress);
     board.addDevice(narrow);
-    const Bytes bytes = makeImage(kStm32ImageSize, 11);
     connect();
-    pickFile(writeFile("stm32.bin", bytes));
     // No search first: the load's poll finds the board and its fields.
     pressUpload();
-    EXPECT_EQ(statusText(), "0%");
-    LoadWatch climb;
-    expectLoadOf(bytes, &climb);
-    const auto between = std::count_if(climb.barValues.begin(), climb.barValues.end(),
-                                       [](double value) { return value > 0 && value < 100; });
-    EXPECT_GE(between, 3) << "the bar jumped instead of climbing";
+    ASSERT_TRUE(ToolkitLoop::runUntil([&] {
+        return captured->contains("MainWindow: File path is empty or did't exist", BaseLogger::WARNING);
+    }));
+    ToolkitLoop::runFor(std::chrono::milliseconds(300));
+    EXPECT_EQ(board.counters(kAddress)->eraseCommands, 1u);
+    EXPECT_EQ(framesWithCommand(kFileWriteReq), 0u);
+    EXPECT_EQ(barValue(), 0.0);
 
-    EXPECT_EQ(eraseFieldValue(), kEraseWord);
-    const auto counters = board.counters(kAddress);
-    EXPECT_EQ(counters->eraseCommands, 1u);
-    EXPECT_EQ(counters->fileErases, 1u);
-    EXPECT_EQ(counters->fileWrites, kStm32ImageSize / 32);
-    EXPECT_EQ(counters->fileFinishes, 1u);
-    EXPECT_EQ(counters->writesWithoutErase, 0u);
-}
-
-TEST_F(Stm32Load, PreinstalledImageAfterASearch) {
-    const Bytes bytes = guitest::resourceBytes("/meridkestalutility/firmware/Tovik_2.13.319.f75a0c3_aes.bin");
-    ASSERT_EQ(bytes.size(), kStm32ImageSize);
-    connect();
-    search();
-    const auto rows = ui->get<Gtk::ListBox>("ListDeviceListBox")->get_children();
-    ASSERT_EQ(rows.size(), 1u);
-    EXPECT_EQ(dynamic_cast<Gtk::Label*>(dynamic_cast<Gtk::ListBoxRow*>(rows[0])->get_child())->get_text(),
-              "MeridKestal STM32");
-    chooseMethod("STM32");
-    ui->get<Gtk::Switch>("FirmwareSourceModeSwitch")->set_active(true);
+    const Bytes bytes = makeImage(kStm32ImageSize, 11);
+    pickFile(writeFile("stm32.bin", bytes));
     pressUpload();
-    expectLoadOf(bytes);
-    EXPECT_EQ(eraseFieldValue(), kEraseWord);
+    EXPECT_EQ(statusText(), "0%");
+    const auto climb = expectLoadOf(bytes).barValues;
+    EXPECT_GE(
+        std::count_if(climb.begin(), climb.end(), [](double value) { return value > 0 && value < 100; }), 3)
+        << "the bar jumped instead of climbing";
 }
 
-// The poll's time-out is fixed inside the window: this is the one test that
-// waits it out (51 ticks of 200 ms).
-TEST_F(Stm32Load, ABoardThatNeverAnswersEndsTheWaitAfterTwelveSearches) {
-    const Bytes bytes = makeImage(1000, 7);
+TEST_F(Stm32Load, WaitsForASilentBoardEndAndLeaveTheBarAlone) {
     silenceBoard(true);
     connect();
+    const Bytes bytes = makeImage(1000, 7);
     pickFile(writeFile("small.bin", bytes));
+    // The poll's time-out is fixed inside the window: 51 ticks of 200 ms.
     pressUpload();
     ASSERT_TRUE(ToolkitLoop::runUntil(
         [&] {
@@ -115,14 +100,7 @@ TEST_F(Stm32Load, ABoardThatNeverAnswersEndsTheWaitAfterTwelveSearches) {
     EXPECT_EQ(statusText(), "0%");
     EXPECT_TRUE(windowSensitive());
 
-    silenceBoard(false);
-    pressUpload();
-    expectLoadOf(bytes);
-}
-
-TEST_F(Stm32Load, ALinkClosedDuringTheWaitEndsItAndAPressWhileDisconnectedDoesNothing) {
-    silenceBoard(true);
-    connect();
+    // The link closed during the wait ends it at the next tick.
     pressUpload();
     ToolkitLoop::runFor(std::chrono::milliseconds(500));
     ui->get<Gtk::MenuItem>("DisconnectImageMenuItem")->activate();
@@ -130,36 +108,16 @@ TEST_F(Stm32Load, ALinkClosedDuringTheWaitEndsItAndAPressWhileDisconnectedDoesNo
         return captured->contains("MainWindow: USB connection lost while waiting to start STM32 erase",
                                   BaseLogger::ERROR);
     }));
+    // A press while disconnected does nothing at all.
     const std::size_t searches = framesWithCommand(kDeviceInfoReq);
     captured->clear();
     pressUpload();
     ToolkitLoop::runFor(std::chrono::milliseconds(1200));
     EXPECT_EQ(framesWithCommand(kDeviceInfoReq), searches);
     EXPECT_EQ(captured->count("MainWindow: "), 0u);
-    EXPECT_EQ(statusText(), "0%");
 
     silenceBoard(false);
-    const Bytes bytes = makeImage(640, 23);
     connect();
-    pickFile(writeFile("small.bin", bytes));
-    pressUpload();
-    expectLoadOf(bytes);
-}
-
-TEST_F(Stm32Load, AnEmptyPathErasesTheBoardAndSendsNoFile) {
-    connect();
-    pressUpload();
-    ASSERT_TRUE(ToolkitLoop::runUntil([&] {
-        return captured->contains("MainWindow: File path is empty or did't exist", BaseLogger::WARNING);
-    }));
-    ToolkitLoop::runFor(std::chrono::milliseconds(300));
-    EXPECT_EQ(board.counters(kAddress)->eraseCommands, 1u);
-    EXPECT_EQ(framesWithCommand(kFileWriteReq), 0u);
-    EXPECT_EQ(barValue(), 0.0);
-    EXPECT_TRUE(windowSensitive());
-
-    const Bytes bytes = makeImage(700, 13);
-    pickFile(writeFile("small.bin", bytes));
     pressUpload();
     expectLoadOf(bytes);
 }
@@ -178,7 +136,6 @@ TEST_F(Stm32Load, UnpluggedDuringTheTransferTheBarStopsAndALaterLoadSucceeds) {
     EXPECT_EQ(barValue(), stoppedAt);
     EXPECT_NE(statusText(), kFlashedText);
     EXPECT_TRUE(windowSensitive());
-    EXPECT_FALSE(board.finishedImage(kAddress, 0).has_value());
 
     // Plugged in again (a new port) and connected in the dialog: the load
     // runs from the start.
@@ -188,27 +145,26 @@ TEST_F(Stm32Load, UnpluggedDuringTheTransferTheBarStopsAndALaterLoadSucceeds) {
     expectLoadOf(bytes);
 }
 
-// The window's operations that none of its own flows calls: a field set, the
-// update mode, and the reboot with the link restored behind it.
-TEST_F(Stm32Load, FieldSetUpdateModeAndRebootReachTheBoard) {
+// The reboot that none of the window's own flows asks for: the field set on
+// the board and the link restored behind it, once for two requests; then the
+// preinstalled image over the restored link.
+TEST_F(Stm32Load, ARebootRestoresTheLinkAndThePreinstalledImageLoadsAfterIt) {
     ui->window().rebootDevice();
     EXPECT_TRUE(captured->contains("MainWindow: device didn't exist for reboot", BaseLogger::ERROR));
     connect();
-    search();
-    // "serialNumber" is the fourth field.
-    const std::uint64_t serial = 0x11223344;
-    ui->window().setFieldValue(&serial, 3);
-    EXPECT_TRUE(
-        ToolkitLoop::runUntil([&] { return board.device(kAddress)->fieldValue("serialNumber") == serial; }));
-    ui->window().setDeviceDfuMode();
-    EXPECT_TRUE(ToolkitLoop::runUntil([&] {
-        const auto journal = board.journal();
-        return std::any_of(journal.begin(), journal.end(), [](const DeviceSimulator::JournalEntry& entry) {
-            return entry.kind == DeviceSimulator::JournalEntry::DfuRequest;
-        });
-    }));
-
-    // A second request during the reconnect starts no other.
+    // The search lists the board; the reboot needs its fields.
+    ui->get<Gtk::Button>("SearchDeviceButton")->clicked();
+    auto* list = ui->get<Gtk::ListBox>("ListDeviceListBox");
+    const std::size_t fields = board.device(kAddress)->getFields().size();
+    ASSERT_TRUE(ToolkitLoop::runUntil(
+        [&] {
+            return list->get_children().size() == 1 &&
+                   captured->count("PayloadHandler: field info response (device 2") >= fields;
+        },
+        std::chrono::seconds(20)));
+    EXPECT_EQ(dynamic_cast<Gtk::Label*>(dynamic_cast<Gtk::ListBoxRow*>(list->get_children()[0])->get_child())
+                  ->get_text(),
+              "MeridKestal STM32");
     const std::size_t searches = framesWithCommand(kDeviceInfoReq);
     ui->window().rebootDevice();
     ui->window().rebootDevice();
@@ -217,8 +173,10 @@ TEST_F(Stm32Load, FieldSetUpdateModeAndRebootReachTheBoard) {
                                       std::chrono::seconds(10)));
     ToolkitLoop::runFor(std::chrono::milliseconds(300));
     EXPECT_EQ(captured->count("is opened!"), 2u);
-    const Bytes bytes = makeImage(900, 19);
-    pickFile(writeFile("small.bin", bytes));
+
+    const Bytes bytes = guitest::resourceBytes("/meridkestalutility/firmware/Tovik_2.13.319.f75a0c3_aes.bin");
+    ASSERT_EQ(bytes.size(), kStm32ImageSize);
+    ui->get<Gtk::Switch>("FirmwareSourceModeSwitch")->set_active(true);
     pressUpload();
     expectLoadOf(bytes);
 }

@@ -1,46 +1,50 @@
 #pragma once
 
-#include <map>
-#include <optional>
+#include <sys/wait.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <filesystem>
 #include <string>
 #include <vector>
 
 namespace packagetest {
 
-// Every file that an installation of the program puts under its prefix.
-const std::vector<std::string>& installedFiles();
-
-struct CommandResult {
-    int exitCode = -1;  // -1 when the command did not end normally
-    std::string output; // standard output and error together
+// Every file that an installation puts under its prefix.
+inline const std::vector<std::string> kInstalledFiles = {
+    "bin/MeridKestalUtility",
+    "share/applications/meridkestalutility.desktop",
+    "share/doc/meridkestalutility/README.md",
+    "share/doc/meridkestalutility/examples/70-meridkestalutility.rules",
+    "share/icons/hicolor/256x256/apps/meridkestalutility.png",
+    "share/icons/hicolor/scalable/apps/meridkestalutility.svg",
+    "share/man/man1/MeridKestalUtility.1.gz",
+    "share/metainfo/org.meridkestal.meridkestalutility.metainfo.xml",
 };
 
-// Runs `command` through the shell and collects what it prints.
-CommandResult runCommand(const std::string& command);
-
-// `text` quoted for the shell.
-std::string shellQuote(const std::string& text);
+// Runs `command` through the shell: its exit code (-1 when it did not end
+// normally) and what it printed on both streams.
+inline std::pair<int, std::string> run(const std::string& command) {
+    std::string output;
+    FILE* pipe = popen((command + " 2>&1").c_str(), "r");
+    char buffer[4096];
+    for (std::size_t n = 0; pipe != nullptr && (n = fread(buffer, 1, sizeof(buffer), pipe)) > 0;) {
+        output.append(buffer, n);
+    }
+    const int status = pipe != nullptr ? pclose(pipe) : -1;
+    return {status != -1 && WIFEXITED(status) ? WEXITSTATUS(status) : -1, output};
+}
 
 // Regular files and symbolic links under `root`, relative to it, sorted.
-std::vector<std::string> filesUnder(const std::string& root);
-
-// The keys of the [Desktop Entry] group of a desktop file.
-std::map<std::string, std::string> readDesktopEntry(const std::string& path);
-
-// Where a launcher finds `command` along `searchPath` (colon-separated), as
-// an executable file; nothing when no directory has it.
-std::optional<std::string> findInPath(const std::string& command, const std::string& searchPath);
-
-// Marks every descriptor above standard error close-on-exec, so that a child
-// started afterwards gets none of the test runner's open files (CTest leaves
-// its log open), as when a desktop launcher starts it.
-void keepDescriptorsFromChildren();
-
-// The files a running process has mapped or open, from /proc.
-std::vector<std::string> filesInUseBy(int pid);
-
-// The class part of a window's WM_CLASS, which desktops match against the
-// menu entry's StartupWMClass.
-std::string windowClass(unsigned long window);
+inline std::vector<std::string> filesUnder(const std::string& root) {
+    std::vector<std::string> files;
+    for (const auto& entry : std::filesystem::recursive_directory_iterator(root)) {
+        if (entry.is_symlink() || entry.is_regular_file()) {
+            files.push_back(std::filesystem::relative(entry.path(), root).string());
+        }
+    }
+    std::sort(files.begin(), files.end());
+    return files;
+}
 
 } // namespace packagetest

@@ -1,104 +1,96 @@
 #pragma once
 
-// Support for the payload tests: a bit-by-bit check code (so that the tests do
-// not trust the table they test), frame builders for the device's answers and
-// a way to take the handler's queued frames.
+// The payload tests' kit: a bit-by-bit check code, so that the tests do not
+// trust the table they test, and a handler with a capturing log whose queued
+// frames a test takes off and whose requests it answers as a device would.
 
+#include "GlobalHandlerEvents.h"
 #include "PayloadHandler.h"
+#include "TestSupport.h"
 
-#include <algorithm>
-#include <cstdint>
-#include <cstring>
+#include <gtest/gtest.h>
+
 #include <string>
+#include <utility>
 #include <vector>
 
-namespace payloadkit {
+namespace payloadtest {
 
-using Bytes = std::vector<std::uint8_t>;
+using testsupport::Bytes;
 
 inline std::uint8_t referenceCrc(const Bytes& data) {
     std::uint8_t crc = 0;
     for (std::uint8_t byte : data) {
         crc ^= byte;
         for (int bit = 0; bit < 8; ++bit) {
-            crc = (crc & 1u) != 0 ? static_cast<std::uint8_t>((crc >> 1) ^ 0x8C)
-                                  : static_cast<std::uint8_t>(crc >> 1);
+            crc = static_cast<std::uint8_t>((crc & 1u) != 0 ? (crc >> 1) ^ 0x8C : crc >> 1);
         }
     }
     return crc;
 }
 
 inline Bytes frame(const Bytes& payload) {
-    Bytes out(payload.size() + 3);
-    out[0] = 0x7E;
-    out[1] = static_cast<std::uint8_t>(payload.size() - 1);
-    std::copy(payload.begin(), payload.end(), out.begin() + 2);
-    out.back() = referenceCrc(payload);
+    Bytes out{0x7E, static_cast<std::uint8_t>(payload.size() - 1)};
+    out.insert(out.end(), payload.begin(), payload.end());
+    out.push_back(referenceCrc(payload));
     return out;
 }
 
-inline Bytes statusAnswer(std::uint8_t pack, std::uint8_t address, std::uint8_t status = 0) {
-    return frame({pack, address, status});
-}
-
-inline Bytes deviceInfoAnswer(std::uint8_t pack, std::uint8_t address, const std::string& name,
-                              std::uint8_t fieldCount, std::uint8_t major = 1, std::uint8_t minor = 4,
-                              int nameLength = -1) {
-    Bytes payload{pack, address, 0, major, minor, 0xAA, 0xBB, fieldCount, 1, 2, 3, 4};
-    payload.push_back(static_cast<std::uint8_t>(nameLength < 0 ? static_cast<int>(name.size()) : nameLength));
-    Bytes nameBytes(63, 0);
-    std::memcpy(nameBytes.data(), name.data(), std::min<std::size_t>(name.size(), 63));
-    payload.insert(payload.end(), nameBytes.begin(), nameBytes.end());
-    return frame(payload);
-}
-
-inline Bytes fieldInfoAnswer(std::uint8_t pack, std::uint8_t address, std::uint8_t type,
-                             const std::string& name) {
-    Bytes payload{pack, address, 0, type, static_cast<std::uint8_t>(name.size())};
-    payload.insert(payload.end(), name.begin(), name.end());
-    return frame(payload);
-}
-
-// Takes every frame off the handler's queue, front first.
-inline std::vector<QueuedMessage> drainMessages(PayloadHandler& handler) {
-    std::vector<QueuedMessage> out;
-    while (handler.getQueueSize() != 0) {
-        QueuedMessage message = handler.fetchToQueue();
-        auto* copy = new unsigned char[message.size];
-        std::memcpy(copy, message.data, message.size);
-        message.data = copy;
-        out.push_back(message);
-        handler.freeFrontFromQueue();
-    }
-    return out;
-}
-
-inline std::vector<Bytes> drain(PayloadHandler& handler) {
-    std::vector<Bytes> out;
-    for (auto& message : drainMessages(handler)) {
-        out.emplace_back(message.data, message.data + message.size);
-        delete[] message.data;
-    }
-    return out;
-}
-
-// The only queued frame, with its time-out.
 struct Sent {
     Bytes bytes;
     unsigned timeout = 0;
 };
 
-inline std::vector<Sent> drainWithTimeouts(PayloadHandler& handler) {
-    std::vector<Sent> out;
-    for (auto& message : drainMessages(handler)) {
-        out.push_back(Sent{Bytes(message.data, message.data + message.size), message.timeout});
-        delete[] message.data;
+class PayloadTest : public ::testing::Test {
+protected:
+    void SetUp() override { GlobalHandlerEvents::getInstance().clearAllHandlers(); }
+    void TearDown() override { GlobalHandlerEvents::getInstance().clearAllHandlers(); }
+
+    // Enters a message and issues it, as every flow does.
+    void ask(MessageType type, std::uint8_t device = 0, std::uint8_t field = 0, std::string path = {}) {
+        MessageArgs args{device, field, std::move(path)};
+        handler.onMessage(type, &args);
+        handler.generateResponse(type == FILE_START_MSG ? FILE_WRITE_MSG : type);
     }
-    return out;
-}
 
-inline unsigned long long feed(PayloadHandler& handler, const Bytes& bytes) {
-    return handler.update(bytes.data(), bytes.size());
-}
+    std::vector<Sent> drain() {
+        std::vector<Sent> out;
+        for (; handler.getQueueSize() != 0; handler.freeFrontFromQueue()) {
+            const QueuedMessage message = handler.fetchToQueue();
+            out.push_back(Sent{Bytes(message.data, message.data + message.size), message.timeout});
+        }
+        return out;
+    }
 
-} // namespace payloadkit
+    std::uint8_t pack() { return handler.getPackNumber(); }
+    unsigned long long feed(const Bytes& bytes) { return handler.update(bytes.data(), bytes.size()); }
+    void answer(std::uint8_t address, std::uint8_t status = 0) { feed(frame({pack(), address, status})); }
+
+    // Searches, and the device at `address` answers.
+    void discover(std::uint8_t address, std::uint8_t fieldCount, const std::string& name = "Board") {
+        ask(SEARCH_DEVICES_MSG);
+        drain();
+        Bytes payload{pack(), address, 0, 1, 4, 0, 0, fieldCount, 0, 0, 0, 4};
+        payload.push_back(static_cast<std::uint8_t>(name.size()));
+        payload.insert(payload.end(), name.begin(), name.end());
+        payload.resize(76);
+        feed(frame(payload));
+    }
+
+    // Asks for the device's fields and answers each request in turn.
+    void describe(std::uint8_t address, const std::vector<std::pair<std::uint8_t, std::string>>& fields) {
+        ask(FIELD_INFO_MSG, address);
+        for (const auto& [type, name] : fields) {
+            drain();
+            Bytes payload{pack(), address, 0, type, static_cast<std::uint8_t>(name.size())};
+            payload.insert(payload.end(), name.begin(), name.end());
+            feed(frame(payload));
+        }
+        drain();
+    }
+
+    testsupport::CapturingLogger log;
+    PayloadHandler handler;
+};
+
+} // namespace payloadtest

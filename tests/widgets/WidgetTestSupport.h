@@ -1,39 +1,44 @@
 #pragma once
 
 #include "GlobalHandlerEvents.h"
+#include "MeridResources.h"
 #include "ToolkitLoop.h"
 
 #include <gtest/gtest.h>
 #include <gtkmm.h>
 
 #include <memory>
-#include <string>
 
 namespace widgettest {
 
-// The interface definition as the program carries it, with the toolkit up
-// and the bundles registered.
-Glib::RefPtr<Gtk::Builder> loadInterface();
-
-// Destroys the builder's top-level windows, so that the next test starts
-// without them.
-void destroyToplevels(const Glib::RefPtr<Gtk::Builder>& builder);
-
-// One widget of class `W`, built on the builder object `id` of a fresh
-// interface, with its children reachable by id. No key has a handler but
-// those a test gives.
+// One widget of class `W`, built on the builder object `id` of a fresh copy
+// of the interface definition as the program carries it, with its children
+// reachable by id. No key has a handler but those a test gives.
 template <typename W> class DerivedWidgetTest : public ::testing::Test {
 protected:
-    explicit DerivedWidgetTest(const char* id) : builder(loadInterface()) {
+    explicit DerivedWidgetTest(const char* id) {
+        static const bool ready = [] {
+            gtk_init(nullptr, nullptr);
+            Gtk::Main::init_gtkmm_internals();
+            g_resources_register(merid_ui_get_resource());
+            g_resources_register(merid_icons_get_resource());
+            g_resources_register(merid_firmware_get_resource());
+            return true;
+        }();
+        (void)ready;
+        builder = Gtk::Builder::create_from_resource("/meridkestalutility/ui/UserInterface.glade");
         GlobalHandlerEvents::getInstance().clearAllHandlers();
         W* made = nullptr;
         builder->get_widget_derived(id, made);
         widget.reset(made);
     }
 
+    // The builder's windows go too, so that the next test starts without them.
     ~DerivedWidgetTest() override {
         widget.reset();
-        destroyToplevels(builder);
+        for (const char* id : {"MainWindow", "ConnectionDialog", "OpenFileDialog"}) {
+            gtk_widget_destroy(GTK_WIDGET(gtk_builder_get_object(builder->gobj(), id)));
+        }
         GlobalHandlerEvents::getInstance().clearAllHandlers();
     }
 

@@ -7,8 +7,8 @@
 namespace programtest {
 
 // A fresh directory for one run of the program: its own temporary directory
-// (tmp/), home (home/) and early log path (early.log). Removed with the
-// object unless MERID_KEEP_SANDBOX is set.
+// (tmp/), home (home/) and early log (early.log). Removed with the object
+// unless MERID_KEEP_SANDBOX is set.
 class Sandbox {
 public:
     Sandbox();
@@ -20,8 +20,6 @@ public:
     std::string tmp() const { return rootDir + "/tmp"; }
     std::string home() const { return rootDir + "/home"; }
     std::string logPath() const { return rootDir + "/early.log"; }
-    // The runtime tree's share directory for a program file named `stem`.
-    std::string runtimeShare(const std::string& stem = "MeridKestalUtility") const;
 
     // TMPDIR, HOME and MERID_LOG_PATH pointing here; the program's other
     // variables and the XDG ones that would lead elsewhere removed.

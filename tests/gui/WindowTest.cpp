@@ -1,24 +1,54 @@
-// The window as the program builds it, driven the way a user drives it: the
-// texts in both languages, the connection dialog, the firmware choice and
-// the file dialog.
+// The window as the program builds it: where it takes its interface
+// definition from, the log level it applies, and what a user sees and does
+// in it: the texts in both languages, the connection dialog, the firmware
+// choice and the file dialog.
 #include "GlobalHandlerEvents.h"
 #include "GuiTestSupport.h"
+#include "MeridResources.h"
 #include "TestSupport.h"
 
-#include <gtest/gtest.h>
-#include <gtkmm.h>
-
-#include <filesystem>
 #include <fstream>
 #include <string>
 #include <vector>
 
 using guitest::WindowUnderTest;
 using testsupport::CapturingLogger;
+using testsupport::ScopedEnv;
 using testsupport::TempDir;
 using testsupport::ToolkitLoop;
 
 namespace {
+
+const std::string kResourceLine =
+    "MainWindow: loading UI from GResource /meridkestalutility/ui/UserInterface.glade";
+
+// Messages logged without a domain, which is where the loading lines go.
+std::vector<std::string> gMessages;
+
+class MainWindowLoading : public ::testing::Test {
+protected:
+    void SetUp() override {
+        guitest::application();
+        gMessages.clear();
+        g_log_set_default_handler(
+            [](const gchar* domain, GLogLevelFlags level, const gchar* message, gpointer) {
+                if (domain == nullptr && (level & G_LOG_LEVEL_MESSAGE) != 0) {
+                    gMessages.emplace_back(message);
+                } else {
+                    g_log_default_handler(domain, level, message, nullptr);
+                }
+            },
+            nullptr);
+    }
+    void TearDown() override { g_log_set_default_handler(&g_log_default_handler, nullptr); }
+
+    ScopedEnv glade{"MERID_UI_GLADE", std::nullopt};
+};
+
+bool resourceReachable() {
+    return g_resources_get_info("/meridkestalutility/ui/UserInterface.glade", G_RESOURCE_LOOKUP_FLAGS_NONE,
+                                nullptr, nullptr, nullptr);
+}
 
 struct Text {
     const char* id;
@@ -101,12 +131,73 @@ protected:
     bool sensitive(const char* id) { return ui.get<Gtk::Widget>(id)->get_sensitive(); }
     std::string entryText(const char* id) { return ui.get<Gtk::Entry>(id)->get_text(); }
     std::string tooltip(const char* id) { return ui.get<Gtk::Entry>(id)->get_tooltip_text(); }
+    // Which target's file button and entry the user can reach.
+    void expectFileControls(bool stm32, bool esp32) {
+        EXPECT_EQ(sensitive("SelectFirmwareStm32Button"), stm32);
+        EXPECT_EQ(sensitive("SelectFirmwareSearchEntryStm32"), stm32);
+        EXPECT_EQ(sensitive("SelectFirmwareEsp32Button"), esp32);
+        EXPECT_EQ(sensitive("SelectFirmwareSearchEntryEsp32"), esp32);
+    }
 
-    testsupport::ScopedEnv extraPorts{"MERID_EXTRA_PORTS", std::nullopt};
+    ScopedEnv extraPorts{"MERID_EXTRA_PORTS", std::nullopt};
     WindowUnderTest ui;
 };
 
 } // namespace
+
+// A set override is taken only when it names a file; an empty one, or one
+// that names nothing, is passed over without a word.
+TEST_F(MainWindowLoading, TheOverrideIsTakenOnlyWhenItNamesAFile) {
+    const std::string source = std::string(MERID_SOURCE_ROOT) + "/UI/UserInterface.glade";
+    for (const auto& [value, first] :
+         {std::pair{std::string(), kResourceLine}, std::pair{source + ".missing", kResourceLine},
+          std::pair{source, "MainWindow: loading UI from file override: " + source}}) {
+        ScopedEnv override("MERID_UI_GLADE", value);
+        gMessages.clear();
+        WindowUnderTest ui;
+        EXPECT_EQ(gMessages,
+                  (std::vector<std::string>{first, "MainWindow: resolving derived widget MainWindow...",
+                                            "MainWindow: widget resolved, initializing...",
+                                            "MainWindow: initWidgets done."}))
+            << value;
+    }
+}
+
+TEST_F(MainWindowLoading, WithoutTheResourceAFileOnDiskIsTheFallback) {
+    // The bundle may be registered more than once; take all of it away.
+    GResource* bundle = merid_ui_get_resource();
+    int unregistered = 0;
+    while (resourceReachable() && unregistered < 16) {
+        g_resources_unregister(bundle);
+        ++unregistered;
+    }
+    ASSERT_FALSE(resourceReachable());
+    auto ui = std::make_unique<WindowUnderTest>();
+    for (int count = 0; count < unregistered; ++count) {
+        g_resources_register(bundle);
+    }
+    ASSERT_GE(gMessages.size(), 2u);
+    EXPECT_EQ(gMessages[0], kResourceLine);
+    // The file beside the working directory wins over the source tree's.
+    const std::string fallback = "MainWindow: loading UI from file fallback: ";
+    EXPECT_TRUE(gMessages[1] == fallback + MERID_SOURCE_ROOT + "/UI/UserInterface.glade" ||
+                gMessages[1] == fallback + "UI/UserInterface.glade")
+        << gMessages[1];
+    EXPECT_EQ(ui->text("UploadButton"), "Загрузить");
+}
+
+// The level as the window applies it while it comes up: IMPORTANT drops the
+// INFO line of its start, OFF drops the file sink as well.
+TEST_F(MainWindowLoading, TheWindowAppliesTheLogLevelOfTheEnvironment) {
+    for (const std::string level : {"Important", "oFF"}) {
+        ScopedEnv variable("MERID_LOG_LEVEL", level);
+        CapturingLogger captured;
+        WindowUnderTest ui;
+        EXPECT_FALSE(captured.contains("MainWindow: Init Widgets", BaseLogger::INFO)) << level;
+        EXPECT_EQ(LoggerManager::getInstance().checkLoggerExists(LoggerManager::FILE), level != "oFF")
+            << level;
+    }
+}
 
 TEST_F(WindowWidgets, RussianAtStartAndTheLanguageSwitchFlipsEveryTextAndBack) {
     expectLanguage(true);
@@ -119,18 +210,22 @@ TEST_F(WindowWidgets, RussianAtStartAndTheLanguageSwitchFlipsEveryTextAndBack) {
     expectLanguage(true);
 }
 
-TEST_F(WindowWidgets, ConnectionDialogHoldsTheWindowUntilItIsClosedAnyWay) {
+TEST_F(WindowWidgets, TheWindowsSizeAndAConnectionDialogThatHoldsItUntilClosedEitherWay) {
+    EXPECT_EQ(ui.window().get_title(), "MeridKestalUtility");
     ui.window().show();
-    ASSERT_TRUE(ToolkitLoop::runUntil([&] { return ui.window().get_mapped(); }));
+    ToolkitLoop::runUntil(
+        [&] { return ui.window().get_mapped() && ui.window().get_allocated_width() >= 500; });
+    EXPECT_EQ(ui.window().get_allocated_width(), 500);
+    EXPECT_EQ(ui.window().get_allocated_height(), 550);
     openConnectionDialog();
     // The speeds with 115200 chosen; the type and protocol controls never show.
     auto* speeds = ui.get<Gtk::ComboBoxText>("BaudratesListComboTextBox");
     EXPECT_EQ(comboEntries(speeds), (std::vector<std::string>{"57600", "115200", "230400", "460800", "500000",
                                                               "576000", "921600", "1000000", "2000000"}));
     EXPECT_EQ(speeds->get_active_text(), "115200");
-    EXPECT_FALSE(ui.get<Gtk::Widget>("TypeConnectionComboBoxText")->is_visible());
-    EXPECT_FALSE(ui.get<Gtk::Widget>("TypeConnectionLable")->is_visible());
-    EXPECT_FALSE(ui.get<Gtk::Widget>("ProtocolTypeComboBoxText")->is_visible());
+    for (const char* id : {"TypeConnectionComboBoxText", "TypeConnectionLable", "ProtocolTypeComboBoxText"}) {
+        EXPECT_FALSE(ui.get<Gtk::Widget>(id)->is_visible()) << id;
+    }
     EXPECT_TRUE(ui.get<Gtk::Widget>("PortsListComboTextBox")->is_visible());
     ui.get<Gtk::Button>("DialogCloseButton")->clicked();
     EXPECT_TRUE(ToolkitLoop::runUntil([&] { return !dialog()->get_visible(); }));
@@ -145,83 +240,52 @@ TEST_F(WindowWidgets, ConnectionDialogHoldsTheWindowUntilItIsClosedAnyWay) {
     gdk_event_free(event);
     EXPECT_TRUE(ToolkitLoop::runUntil([&] { return !dialog()->get_visible(); }));
     EXPECT_TRUE(ui.window().get_sensitive());
-
-    openConnectionDialog();
-    dialog()->hide();
-    EXPECT_TRUE(ui.window().get_sensitive());
 }
 
 TEST_F(WindowWidgets, ChoosingEsp32LeavesOnlyTheEsp32FileControlsSensitive) {
     auto* method = ui.get<Gtk::ComboBoxText>("FirmwareMethodComboBoxText");
     EXPECT_EQ(method->get_active_text(), "STM32");
-    EXPECT_TRUE(sensitive("SelectFirmwareStm32Button"));
-    EXPECT_TRUE(sensitive("SelectFirmwareSearchEntryStm32"));
-    EXPECT_FALSE(sensitive("SelectFirmwareEsp32Button"));
-    EXPECT_FALSE(sensitive("SelectFirmwareSearchEntryEsp32"));
-
+    expectFileControls(true, false);
     CapturingLogger captured;
     method->set_active_text("ESP32");
-    EXPECT_TRUE(sensitive("SelectFirmwareEsp32Button"));
-    EXPECT_TRUE(sensitive("SelectFirmwareSearchEntryEsp32"));
-    EXPECT_FALSE(sensitive("SelectFirmwareStm32Button"));
-    EXPECT_FALSE(sensitive("SelectFirmwareSearchEntryStm32"));
+    expectFileControls(false, true);
     EXPECT_TRUE(sensitive("UploadButton"));
     // The same choice again raises nothing.
     method->set_active_text("ESP32");
     EXPECT_EQ(captured.count("Execute handler SELECT_ESP32"), 1u);
-
     method->set_active_text("STM32");
-    EXPECT_TRUE(sensitive("SelectFirmwareStm32Button"));
-    EXPECT_FALSE(sensitive("SelectFirmwareEsp32Button"));
+    expectFileControls(true, false);
 }
 
-TEST_F(WindowWidgets, PreinstalledSwitchWritesBothImagesAndShowsTheirNames) {
-    const std::filesystem::path folder =
-        std::filesystem::path(Glib::get_tmp_dir()) / "MeridKestalUtility" / "firmware";
-    const auto esp32 = folder / "merid_firmware.bin";
-    const auto stm32 = folder / "Tovik_2.13.319.f75a0c3_aes.bin";
-    std::filesystem::remove(esp32);
-    std::filesystem::remove(stm32);
-    // Without a file an entry shows a dot and no tooltip.
-    EXPECT_EQ(entryText("SelectFirmwareSearchEntryStm32"), ".");
-    EXPECT_EQ(tooltip("SelectFirmwareSearchEntryStm32"), "");
-
-    ui.get<Gtk::Switch>("FirmwareSourceModeSwitch")->set_active(true);
-    EXPECT_EQ(std::filesystem::file_size(esp32), 1803184u);
-    EXPECT_EQ(std::filesystem::file_size(stm32), 37312u);
-    EXPECT_EQ(entryText("SelectFirmwareSearchEntryEsp32"), "merid_firmware.bin");
-    EXPECT_EQ(entryText("SelectFirmwareSearchEntryStm32"), "Tovik_2.13.319.f75a0c3_aes.bin");
-    EXPECT_EQ(tooltip("SelectFirmwareSearchEntryEsp32"), esp32.string());
-    EXPECT_EQ(tooltip("SelectFirmwareSearchEntryStm32"), stm32.string());
-    for (const char* id : {"SelectFirmwareEsp32Button", "SelectFirmwareSearchEntryEsp32",
-                           "SelectFirmwareStm32Button", "SelectFirmwareSearchEntryStm32"}) {
-        EXPECT_FALSE(sensitive(id)) << id;
-    }
-    EXPECT_TRUE(sensitive("UploadButton"));
-
-    ui.get<Gtk::Switch>("FirmwareSourceModeSwitch")->set_active(false);
-    EXPECT_EQ(entryText("SelectFirmwareSearchEntryStm32"), ".");
-    EXPECT_TRUE(sensitive("SelectFirmwareStm32Button"));
-    EXPECT_FALSE(sensitive("SelectFirmwareEsp32Button"));
-}
-
-TEST_F(WindowWidgets, AFileChosenInTheDialogShowsItsBaseNameAndStaysThroughTheSwitchAndACancel) {
+TEST_F(WindowWidgets, TheUsersFileAndThePreinstalledImagesShowByNameAndTheFileOutlastsTheSwitchAndACancel) {
     TempDir dir;
     const std::string image = dir.path() + "/board-image.bin";
     std::ofstream(image) << "image";
     ui.answerFileDialog("SelectFirmwareStm32Button", image);
     EXPECT_EQ(entryText("SelectFirmwareSearchEntryStm32"), "board-image.bin");
     EXPECT_EQ(tooltip("SelectFirmwareSearchEntryStm32"), image);
-    // The preinstalled images in between leave the user's file in place.
+    // Without a file an entry shows a dot and no tooltip.
+    EXPECT_EQ(entryText("SelectFirmwareSearchEntryEsp32"), ".");
+    EXPECT_EQ(tooltip("SelectFirmwareSearchEntryEsp32"), "");
+
     ui.get<Gtk::Switch>("FirmwareSourceModeSwitch")->set_active(true);
+    const std::string folder = Glib::get_tmp_dir() + "/MeridKestalUtility/firmware/";
+    EXPECT_EQ(entryText("SelectFirmwareSearchEntryEsp32"), "merid_firmware.bin");
+    EXPECT_EQ(entryText("SelectFirmwareSearchEntryStm32"), "Tovik_2.13.319.f75a0c3_aes.bin");
+    EXPECT_EQ(tooltip("SelectFirmwareSearchEntryEsp32"), folder + "merid_firmware.bin");
+    EXPECT_EQ(tooltip("SelectFirmwareSearchEntryStm32"), folder + "Tovik_2.13.319.f75a0c3_aes.bin");
+    expectFileControls(false, false);
+    EXPECT_TRUE(sensitive("UploadButton"));
+
     ui.get<Gtk::Switch>("FirmwareSourceModeSwitch")->set_active(false);
     EXPECT_EQ(entryText("SelectFirmwareSearchEntryStm32"), "board-image.bin");
+    EXPECT_EQ(tooltip("SelectFirmwareSearchEntryEsp32"), "");
+    expectFileControls(true, false);
 
     CapturingLogger captured;
     ui.answerFileDialog("SelectFirmwareStm32Button", "");
     EXPECT_TRUE(captured.contains("MainWindow: File not found or path is not set!", BaseLogger::WARNING));
     EXPECT_TRUE(captured.contains("OpenFileDialog: Error with Open File for STM32!", BaseLogger::ERROR));
-    EXPECT_EQ(entryText("SelectFirmwareSearchEntryStm32"), "board-image.bin");
     EXPECT_EQ(tooltip("SelectFirmwareSearchEntryStm32"), image);
 }
 

@@ -15,10 +15,9 @@ struct ProgramExit {
     int termSignal = 0;  // when killed by a signal instead
 };
 
-// The program started as a child process with the test's environment plus
-// `overrides` (a value of nullopt removes the variable). Its standard output
-// and error go to files in `outputDir`. A child still running when the
-// object goes is killed.
+// A program started as a child process with the test's environment plus
+// `overrides` (nullopt removes a variable); its standard output and error go
+// to files in `outputDir`. A child still running at the end is killed.
 class ProgramRun {
 public:
     using Environment = std::map<std::string, std::optional<std::string>>;
@@ -31,19 +30,15 @@ public:
     pid_t pid() const { return childPid; }
     bool started() const { return childPid > 0; }
     void sendSignal(int signalNumber);
-
-    // The way the child ended, or nothing if it is still running after
-    // `timeout`.
+    // How the child ended, or nothing while it still runs after `timeout`.
     std::optional<ProgramExit> wait(std::chrono::milliseconds timeout);
-
     std::string standardError() const;
     std::string standardOutput() const;
 
 private:
     pid_t childPid = -1;
     std::optional<ProgramExit> result;
-    std::string stdoutPath;
-    std::string stderrPath;
+    std::string outputDir;
 };
 
 std::string readFile(const std::string& path);

@@ -25,27 +25,17 @@ Sandbox::~Sandbox() {
     }
 }
 
-std::string Sandbox::runtimeShare(const std::string& stem) const {
-    return tmp() + "/MeridKestalUtility-runtime-" + stem + "/share";
-}
-
 ProgramRun::Environment Sandbox::environment() const {
-    return {
-        {"TMPDIR", tmp()},
-        {"HOME", home()},
-        {"MERID_LOG_PATH", logPath()},
-        {"MERID_UI_GLADE", std::nullopt},
-        {"MERID_LOG_DIR", root()},
-        {"MERID_CRASH_PROBE", std::nullopt},
-        {"XDG_STATE_HOME", std::nullopt},
-        {"XDG_DATA_HOME", std::nullopt},
-        {"XDG_CONFIG_HOME", std::nullopt},
-        {"XDG_CACHE_HOME", std::nullopt},
-        {"GSETTINGS_SCHEMA_DIR", std::nullopt},
-        {"GTK_DATA_PREFIX", std::nullopt},
-        {"LANG", "C.UTF-8"},
-        {"NO_AT_BRIDGE", "1"},
+    ProgramRun::Environment environment = {
+        {"TMPDIR", tmp()},         {"HOME", home()},    {"MERID_LOG_PATH", logPath()},
+        {"MERID_LOG_DIR", root()}, {"LANG", "C.UTF-8"}, {"NO_AT_BRIDGE", "1"},
     };
+    for (const char* name :
+         {"MERID_UI_GLADE", "MERID_CRASH_PROBE", "XDG_STATE_HOME", "XDG_DATA_HOME", "XDG_CONFIG_HOME",
+          "XDG_CACHE_HOME", "GSETTINGS_SCHEMA_DIR", "GTK_DATA_PREFIX"}) {
+        environment[name] = std::nullopt;
+    }
+    return environment;
 }
 
 } // namespace programtest

@@ -1,0 +1,148 @@
+#include "EarlyLog.h"
+#include "PortableRuntimeData.h"
+#include "RuntimeEnvironment.h"
+#include "ShellTestSupport.h"
+#include "TestSupport.h"
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <map>
+
+using testsupport::ScopedEnv;
+namespace fs = std::filesystem;
+
+namespace {
+
+std::string env(const char* name) {
+    return std::getenv(name) != nullptr ? std::getenv(name) : "<unset>";
+}
+
+std::map<std::string, std::string> tree(const fs::path& root) {
+    std::map<std::string, std::string> files;
+    for (const auto& entry : fs::recursive_directory_iterator(root)) {
+        if (entry.is_regular_file()) {
+            std::ifstream in(entry.path(), std::ios::binary);
+            files[fs::relative(entry.path(), root).string()] =
+                std::string(std::istreambuf_iterator<char>(in), {});
+        }
+    }
+    return files;
+}
+
+class RuntimeData : public ::testing::Test {
+protected:
+    void SetUp() override {
+        shelltest::registerBundles();
+        ASSERT_TRUE(openEarlyLog(dir.path() + "/early.log"));
+    }
+    std::vector<std::string> logBodies() const { return shelltest::logBodies(dir.path() + "/early.log"); }
+
+    testsupport::TempDir dir;
+    testsupport::TempDir temp;
+    testsupport::ScopedTempDirEnv tempEnv{temp.path()};
+    ScopedEnv dataDirs{"XDG_DATA_DIRS", std::string("/before")};
+    ScopedEnv schemas{"GSETTINGS_SCHEMA_DIR", std::string("/before/schemas")};
+    ScopedEnv prefix{"GTK_DATA_PREFIX", std::nullopt};
+    // The tree of this test program, named after its file.
+    const fs::path share = fs::path(temp.path()) / "MeridKestalUtility-runtime-shell_tests" / "share";
+};
+
+} // namespace
+
+// Which of share/, share/glib-2.0/schemas and glib-2.0/schemas exist beside
+// the executable, and what the toolkit's variables then hold.
+TEST_F(RuntimeData, EnvironmentBesideTheExecutable) {
+    const std::string base = dir.path();
+    const std::vector<std::tuple<std::vector<std::string>, std::string, std::string>> cases = {
+        {{}, "/before", "/before/schemas"},
+        {{"share"}, base + "/share:", "/before/schemas"},
+        {{"share/glib-2.0/schemas"}, base + "/share:", base + "/share/glib-2.0/schemas"},
+        {{"share/glib-2.0/schemas", "glib-2.0/schemas"}, base + "/share:", base + "/glib-2.0/schemas"},
+        {{"glib-2.0/schemas"}, "/before", base + "/glib-2.0/schemas"},
+    };
+    for (const auto& [dirs, dataDirsStart, schemaDir] : cases) {
+        ScopedEnv data("XDG_DATA_DIRS", std::string("/before"));
+        ScopedEnv schema("GSETTINGS_SCHEMA_DIR", std::string("/before/schemas"));
+        fs::remove_all(base + "/share");
+        fs::remove_all(base + "/glib-2.0");
+        for (const auto& sub : dirs) {
+            fs::create_directories(base + "/" + sub);
+        }
+        configureRuntimeEnvironmentFor(fs::path(base) / "MeridKestalUtility");
+        const std::string what = ::testing::PrintToString(dirs);
+        EXPECT_EQ(env("XDG_DATA_DIRS").rfind(dataDirsStart, 0), 0u) << what << ": " << env("XDG_DATA_DIRS");
+        EXPECT_EQ(env("GSETTINGS_SCHEMA_DIR"), schemaDir) << what;
+        EXPECT_EQ(env("GTK_DATA_PREFIX"), base) << what;
+    }
+    ScopedEnv unsetPrefix("GTK_DATA_PREFIX", std::nullopt);
+    configureRuntimeEnvironmentFor(std::nullopt);
+    EXPECT_EQ(env("GTK_DATA_PREFIX"), "<unset>");
+}
+
+TEST(RuntimeTag, KeepsSafeBytesAndReplacesEveryOtherByte) {
+    EXPECT_EQ(cleanRuntimeTag("My Tool.v2-x_y"), "My_Tool.v2-x_y");
+    EXPECT_EQ(cleanRuntimeTag("a/b\\c:d"), "a_b_c_d");
+    EXPECT_EQ(cleanRuntimeTag("Прошивка"), std::string(16, '_')); // two bytes of UTF-8 each
+}
+
+TEST_F(RuntimeData, FailuresAreWarningsInTheEarlyLog) {
+    const fs::path base(dir.path());
+    testsupport::writeFile((base / "plain-file").string(), {'x'});
+    const fs::path underFile = base / "plain-file" / "sub" / "UserInterface.glade";
+    const fs::path tooLong = base / std::string(300, 'n');
+    EXPECT_FALSE(writeResourceToFileIfMissing("/meridkestalutility/none.xpm", base / "none.xpm"));
+    EXPECT_FALSE(writeResourceToFileIfMissing("/meridkestalutility/ui/UserInterface.glade", underFile));
+    EXPECT_FALSE(writeResourceToFileIfMissing("/meridkestalutility/ui/UserInterface.glade", tooLong));
+
+    const auto lines = logBodies();
+    ASSERT_EQ(lines.size(), 3u);
+    EXPECT_TRUE(lines[0].rfind("[WARNING] [GResource] extract failed: /meridkestalutility/none.xpm (", 0) ==
+                    0 &&
+                lines[0].back() == ')')
+        << lines[0];
+    EXPECT_EQ(lines[1], "[WARNING] [FS] mkdir failed: " + underFile.string());
+    EXPECT_EQ(lines[2], "[WARNING] [FS] open failed: " + tooLong.string());
+}
+
+// The embedded files written once, with their directories; a file already
+// there, even an empty one left by a crash, is never rewritten.
+TEST_F(RuntimeData, TreeIsMadeOnceAndTheVariablesPointAtIt) {
+    const std::string empty = "icons/hicolor/16x16/places/folder.xpm";
+    fs::create_directories((share / empty).parent_path());
+    testsupport::writeFile((share / empty).string(), {});
+    const auto start = [&] {
+        ScopedEnv data("XDG_DATA_DIRS", std::string("/before"));
+        ScopedEnv schema("GSETTINGS_SCHEMA_DIR", std::string("/before/schemas"));
+        ensurePortableRuntimeData();
+        ASSERT_EQ(portableShareDir(), std::optional<fs::path>(share));
+        EXPECT_EQ(env("XDG_DATA_DIRS").rfind(share.string() + ":", 0), 0u) << env("XDG_DATA_DIRS");
+        EXPECT_EQ(env("GSETTINGS_SCHEMA_DIR"), (share / "glib-2.0" / "schemas").string());
+        EXPECT_TRUE(logBodies().empty());
+    };
+    start();
+    auto files = tree(share);
+    ASSERT_EQ(files.size(), 16u);
+    EXPECT_TRUE(files.at(empty).empty());
+    EXPECT_EQ(files.at("icons/hicolor/index.theme").rfind("[Icon Theme]\nName=hicolor\n", 0), 0u);
+    EXPECT_EQ(files.at("glib-2.0/schemas/gschemas.compiled").rfind("GVariant", 0), 0u);
+
+    fs::resize_file(share / "icons/hicolor/index.theme", 1);
+    files["icons/hicolor/index.theme"].resize(1);
+    start();
+    EXPECT_EQ(tree(share), files);
+}
+
+TEST_F(RuntimeData, WithoutTheIconBundleOnlyTheSchemaDirectoryIsSet) {
+    shelltest::withoutIconBundle([] { ensurePortableRuntimeData(); });
+
+    EXPECT_EQ(env("XDG_DATA_DIRS"), "/before");
+    EXPECT_EQ(env("GSETTINGS_SCHEMA_DIR"), (share / "glib-2.0" / "schemas").string());
+    EXPECT_EQ(tree(share).size(), 1u);
+    const auto lines = logBodies();
+    EXPECT_EQ(lines.size(), 15u);
+    for (const auto& line : lines) {
+        EXPECT_EQ(line.rfind("[WARNING] [GResource] extract failed: /meridkestalutility/icons/", 0), 0u)
+            << line;
+    }
+}

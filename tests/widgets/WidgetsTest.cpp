@@ -1,0 +1,175 @@
+// What the window cannot reach of the widgets: the connection dialog over a
+// port that misbehaves, the file chooser's start folder, and the write-out
+// of the preinstalled images when the disk is not as the program left it.
+#include "ConnectionDialog.h"
+#include "FakeSerialPort.h"
+#include "OpenFileDialog.h"
+#include "SelectFirmwareBox.h"
+#include "TestSupport.h"
+#include "WidgetTestSupport.h"
+
+#include <filesystem>
+#include <fstream>
+#include <string>
+#include <vector>
+
+using testsupport::CapturingLogger;
+using testsupport::ToolkitLoop;
+
+namespace {
+
+namespace fs = std::filesystem;
+
+class ConnectionDialogTest : public widgettest::DerivedWidgetTest<MeridKestalWidgets::ConnectionDialog> {
+protected:
+    ConnectionDialogTest() : DerivedWidgetTest("ConnectionDialog") {
+        auto fake = std::make_unique<FakeSerialPort>();
+        port = fake.get();
+        usb = std::make_unique<UsbCommunication>(std::move(fake));
+    }
+
+    // How many ports the list holds, and which one is chosen.
+    std::pair<std::size_t, std::string> ports() {
+        return {portList().get_model()->children().size(), portList().get_active_text()};
+    }
+    Gtk::ComboBoxText& portList() { return child<Gtk::ComboBoxText>("PortsListComboTextBox"); }
+    Gtk::ComboBoxText& speeds() { return child<Gtk::ComboBoxText>("BaudratesListComboTextBox"); }
+
+    // Opens the dialog as the window does.
+    void open() {
+        widget->setUsbConnetctionPtr(*usb);
+        widget->setOwner(&owner);
+        widget->show();
+        owner.set_sensitive(false);
+    }
+
+    void pressConnect() { child<Gtk::Button>("DialogConnectButton").clicked(); }
+
+    FakeSerialPort* port = nullptr;
+    std::unique_ptr<UsbCommunication> usb;
+    Gtk::Window owner;
+};
+
+class OpenFileDialogTest : public widgettest::DerivedWidgetTest<MeridKestalWidgets::OpenFileDialog> {
+protected:
+    OpenFileDialogTest() : DerivedWidgetTest("OpenFileDialog") {}
+};
+
+class SelectFirmwareBoxTest : public widgettest::DerivedWidgetTest<MeridKestalWidgets::SelectFirmwareBox> {
+protected:
+    SelectFirmwareBoxTest() : DerivedWidgetTest("SelectFirmwareBox") { fs::remove_all(root); }
+    ~SelectFirmwareBoxTest() override { fs::remove_all(root); }
+
+    // Off and on again: the images are looked for anew.
+    void switchOn() {
+        child<Gtk::Switch>("FirmwareSourceModeSwitch").set_active(false);
+        child<Gtk::Switch>("FirmwareSourceModeSwitch").set_active(true);
+    }
+    bool uploadSensitive() { return child<Gtk::Widget>("UploadButton").get_sensitive(); }
+
+    static void writeFile(const fs::path& path, std::uintmax_t size) {
+        fs::create_directories(path.parent_path());
+        std::ofstream(path, std::ios::binary) << std::string(size, 'x');
+    }
+    static char firstByte(const fs::path& path) { return static_cast<char>(std::ifstream(path).get()); }
+
+    const fs::path root = fs::path(Glib::get_tmp_dir()) / "MeridKestalUtility";
+    const fs::path esp32Image = root / "firmware" / "merid_firmware.bin";
+    const fs::path stm32Image = root / "firmware" / "Tovik_2.13.319.f75a0c3_aes.bin";
+};
+
+} // namespace
+
+TEST_F(ConnectionDialogTest, TheLastPortIsChosenAfterEachResetAndNoneWhenThereIsNone) {
+    port->ports = {"/dev/ttyUSB0", "/dev/ttyUSB1", "/dev/ttyUSB2"};
+    open();
+    EXPECT_EQ(ports(), std::make_pair(std::size_t{3}, std::string("/dev/ttyUSB2")));
+    speeds().set_active_text("921600");
+
+    port->ports = {"/dev/ttyACM0", "/dev/ttyACM1"};
+    child<Gtk::Button>("ResetSearchPortsButton").clicked();
+    EXPECT_EQ(ports(), std::make_pair(std::size_t{2}, std::string("/dev/ttyACM1")));
+    // The speed is not touched by a reset.
+    EXPECT_EQ(speeds().get_active_text(), "921600");
+
+    port->ports.clear();
+    child<Gtk::Button>("ResetSearchPortsButton").clicked();
+    EXPECT_EQ(ports(), std::make_pair(std::size_t{1}, std::string("None")));
+    CapturingLogger captured;
+    pressConnect();
+    EXPECT_TRUE(captured.contains(
+        "ConnectionDialog: No COM ports available/selected. Plug the device in and press Reset/Search ports.",
+        BaseLogger::ERROR));
+    EXPECT_EQ(port->openCalls, 0);
+    EXPECT_TRUE(widget->get_visible());
+}
+
+TEST_F(ConnectionDialogTest, AFailedOpenKeepsTheDialogAndAPressWhileConnectedReconnects) {
+    port->ports = {"/dev/ttyUSB0", "/dev/ttyUSB1"};
+    port->openResult = UsbTypes::NotAvailable;
+    open();
+    CapturingLogger captured;
+    pressConnect();
+    EXPECT_TRUE(captured.contains(
+        "ConnectionDialog: Connection failed (see SerialPort/UsbCommunication logs for details)",
+        BaseLogger::ERROR));
+    EXPECT_TRUE(widget->get_visible());
+    EXPECT_FALSE(owner.get_sensitive());
+
+    port->openResult = UsbTypes::Ok;
+    speeds().set_active_text("921600");
+    pressConnect();
+    EXPECT_EQ(port->openedName, "/dev/ttyUSB1");
+    EXPECT_EQ(port->configuredSpeed, UsbTypes::Baud921600);
+    EXPECT_TRUE(owner.get_sensitive());
+    open();
+    portList().set_active_text("/dev/ttyUSB0");
+    pressConnect();
+    EXPECT_EQ(port->closeCalls, 1);
+    EXPECT_EQ(port->openedName, "/dev/ttyUSB0");
+
+    port->closeResult = UsbTypes::CloseError;
+    EXPECT_EQ(widget->disconnect(), 1);
+}
+
+TEST_F(OpenFileDialogTest, StartsOnTheDesktop) {
+    // The test's home has a Desktop folder and no folder settings.
+    const std::string desktop = Glib::build_filename(Glib::get_home_dir(), "Desktop");
+    if (!fs::is_directory(desktop)) {
+        GTEST_SKIP() << "needs a home with a Desktop folder, as CTest gives it";
+    }
+    // The chooser takes the folder on its way to showing it.
+    EXPECT_TRUE(ToolkitLoop::runUntil([&] { return widget->get_current_folder() == desktop; }))
+        << widget->get_current_folder();
+}
+
+// One case only: CTest runs cases as parallel processes, and this one puts
+// a file where the firmware folder goes.
+TEST_F(SelectFirmwareBoxTest, AFailedWriteOutBlocksTheLoadAndOnlyTheSizeDecidesARewrite) {
+    std::ofstream(root) << "in the way";
+    CapturingLogger captured;
+    switchOn();
+    EXPECT_TRUE(
+        captured.contains("SelectFirmwareBox: Failed to write preinstalled firmware: ", BaseLogger::ERROR));
+    EXPECT_FALSE(uploadSensitive());
+    EXPECT_EQ(child<Gtk::Entry>("SelectFirmwareSearchEntryStm32").get_text(), ".");
+    EXPECT_EQ(widget->getFilePath(), "");
+
+    // The next move tries again. The right size with other content is kept;
+    // one byte more is replaced.
+    fs::remove(root);
+    writeFile(stm32Image, 37312);
+    writeFile(esp32Image, 1803184 + 1);
+    switchOn();
+    EXPECT_TRUE(uploadSensitive());
+    EXPECT_EQ(firstByte(stm32Image), 'x');
+    EXPECT_EQ(fs::file_size(esp32Image), 1803184u);
+    EXPECT_NE(firstByte(esp32Image), 'x');
+
+    // Once written in this run, an image removed behind the program's back is
+    // not written again.
+    fs::remove_all(root);
+    switchOn();
+    EXPECT_FALSE(fs::exists(stm32Image));
+    EXPECT_EQ(widget->getFilePath(), stm32Image.string());
+}
