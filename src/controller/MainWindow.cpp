@@ -865,6 +865,9 @@ void MainWindow::updateLoadStatusUi() {
     }
     const unsigned progress = payloadHandler->loadProgress.load();
     showProgress(progress, true);
+    if (payloadHandler->finishUnconfirmed.exchange(false)) {
+        log("The device did not confirm the firmware: the load is not complete", BaseLogger::ERROR);
+    }
 }
 
 // The bar at `value` and the label as the number and "%", or the success
