@@ -3,8 +3,12 @@
 #include "EspSerialFlasherPort.h"
 #include "LoggerManager.h"
 #include "esp_loader.h"
+#include "loader_port.h"
+#include "md5_hash.h"
+#include "protocol.h"
 
 #include <algorithm>
+#include <cctype>
 #include <filesystem>
 #include <fstream>
 #include <vector>
@@ -15,6 +19,11 @@ namespace {
 
 constexpr uint32_t kSmallestBlock = 256;
 constexpr esp_loader_connect_args_t kConnectArgs = {500, 20};
+// The ROM reads the region back to digest it: 8 s per MiB, never below 3 s.
+constexpr uint64_t kMd5MsPerMiB = 8000;
+constexpr uint32_t kMd5LeastMs = 3000;
+constexpr uint32_t kMd5HexDigits = 32;
+const char* const kTag = "EspSerialFlasher: ";
 
 bool fail(std::string* error, const std::string& text) {
     if (error != nullptr) {
@@ -50,6 +59,49 @@ bool readImage(const std::string& path, std::vector<uint8_t>& image, std::string
 unsigned char percentOf(uint32_t written, uint32_t size) {
     const uint32_t percent = written * 100u / size;
     return static_cast<unsigned char>(std::min<uint32_t>(percent, 100));
+}
+
+// The MD5 of the bytes the chip was sent: the image and the 0xFF that pads
+// its last block, in lower-case hexadecimal.
+std::string sentDigest(const std::vector<uint8_t>& image, uint32_t paddedSize) {
+    MD5Context context;
+    MD5Init(&context);
+    MD5Update(&context, image.data(), static_cast<uint32_t>(image.size()));
+    const std::vector<uint8_t> padding(paddedSize - image.size(), 0xFF);
+    MD5Update(&context, padding.data(), static_cast<uint32_t>(padding.size()));
+    uint8_t digest[16];
+    MD5Final(digest, &context);
+    static const char kHex[] = "0123456789abcdef";
+    std::string text;
+    for (const uint8_t byte : digest) {
+        text += kHex[byte >> 4];
+        text += kHex[byte & 15];
+    }
+    return text;
+}
+
+// Asks the ROM for the MD5 of the written region; its 32 hexadecimal digits
+// must match the image's, which goes to `digest`.
+bool verifyFlash(uint32_t address, const std::vector<uint8_t>& image, uint32_t block, std::string& digest,
+                 std::string* error) {
+    const uint32_t paddedSize = static_cast<uint32_t>((image.size() + block - 1) / block * block);
+    digest = sentDigest(image, paddedSize);
+    loader_port_start_timer(
+        std::max(kMd5LeastMs, static_cast<uint32_t>(uint64_t{paddedSize} * kMd5MsPerMiB / (1u << 20))));
+    uint8_t answer[kMd5HexDigits] = {};
+    const esp_loader_error_t result = loader_md5_cmd(address, paddedSize, answer);
+    if (result != ESP_LOADER_SUCCESS) {
+        return fail(error, "flash MD5 check failed: image MD5 " + digest +
+                               ", no MD5 from the chip (loader_md5_cmd failed: " + std::to_string(result) +
+                               ")");
+    }
+    std::string reported(reinterpret_cast<const char*>(answer), kMd5HexDigits);
+    std::transform(reported.begin(), reported.end(), reported.begin(),
+                   [](char c) { return static_cast<char>(std::tolower(static_cast<unsigned char>(c))); });
+    if (reported != digest) {
+        return fail(error, "flash MD5 mismatch: image MD5 " + digest + ", flash MD5 " + reported);
+    }
+    return true;
 }
 
 } // namespace
@@ -96,10 +148,18 @@ bool MeridEspSerialFlasher::flashBinary(UsbCommunication& usb, const std::string
         }
     }
 
+    // Before the finish: a chip that leaves its loader answers nothing more.
+    if (options.verify) {
+        std::string digest;
+        if (!verifyFlash(options.address, image, block, digest, error)) {
+            return false;
+        }
+        loggerManager->log("Flash MD5 matches the image: " + digest, BaseLogger::INFO, kTag);
+    }
     result = esp_loader_flash_finish(options.reboot);
     if (result != ESP_LOADER_SUCCESS) {
         loggerManager->log("esp_loader_flash_finish failed: " + std::to_string(result), BaseLogger::WARNING,
-                           "EspSerialFlasher: ");
+                           kTag);
     }
     return true;
 }
