@@ -7,6 +7,12 @@
 // poll's first tick (200 ms), the erase command and the progress display;
 // for the ESP32 the worker and the dispatcher.
 //
+// The STM32 cases run unpaced and over links paced at 115200 and 921600 baud
+// with a 1 ms turnaround, as a USB serial bridge answers. The idle case keeps
+// the connected window for 10 s after a search and reports the share of a
+// core the program's threads took and their wake-ups (context switches) per
+// second; the simulated board's threads are left out.
+//
 // The window is shown on the display (make bench runs under Xvfb). Logging
 // is off unless MERID_LOG_LEVEL says otherwise, as in the protocol benchmarks.
 #include "DeviceSimulator.h"
@@ -29,10 +35,12 @@
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
 #include <functional>
 #include <map>
 #include <memory>
+#include <set>
 #include <string>
 #include <thread>
 #include <unistd.h>
@@ -85,12 +93,16 @@ public:
     std::string path;
 };
 
-// The simulated board: one payload device with an ESP32 behind it.
+// The simulated board: one payload device with an ESP32 behind it, on a
+// link paced at `baud` (0: as fast as the pseudo-terminal goes).
 class Board {
 public:
-    Board() : chip(std::make_shared<EspRomSimulator>()) {
+    explicit Board(std::uint32_t baud = 0) : chip(std::make_shared<EspRomSimulator>()) {
         simulator.addDevice(SimDevice::standard(kAddress, "MeridKestal STM32"));
         EspRomBridge::install(simulator, chip);
+        if (baud != 0) {
+            simulator.setPacing(baud, std::chrono::milliseconds(1));
+        }
         started = simulator.start();
     }
 
@@ -153,12 +165,16 @@ public:
     WindowSession& operator=(const WindowSession&) = delete;
 
     // Empty when the window is ready for the upload, else the step that failed.
-    std::string prepare(const std::string& port, const std::string& method, const std::string& path) {
-        if (!connect(port)) {
+    std::string prepare(const std::string& port, const std::string& method, const std::string& path,
+                        std::uint32_t baud = 0) {
+        if (!connect(port, baud)) {
             return "cannot connect in the dialog";
         }
         if (!search()) {
             return "the search did not find the board and its fields";
+        }
+        if (method.empty()) {
+            return {};
         }
         if (!choose(method)) {
             return "cannot choose " + method;
@@ -180,11 +196,12 @@ public:
     }
 
 private:
-    bool connect(const std::string& port) {
+    bool connect(const std::string& port, std::uint32_t baud) {
         widget<Gtk::MenuItem>(*window, "ConnectImageMenuItem")->activate();
         auto* ports = widget<Gtk::ComboBoxText>(*window, "PortsListComboTextBox");
         ports->set_active_text(port);
-        widget<Gtk::ComboBoxText>(*window, "BaudratesListComboTextBox")->set_active_text("921600");
+        widget<Gtk::ComboBoxText>(*window, "BaudratesListComboTextBox")
+            ->set_active_text(std::to_string(baud == 0 ? 921600 : baud));
         widget<Gtk::Button>(*window, "DialogConnectButton")->clicked();
         auto* dialog = widget<Gtk::Dialog>(*window, "ConnectionDialog");
         return pumpUntil([&] { return !dialog->get_visible(); }, std::chrono::seconds(5)) &&
@@ -261,14 +278,15 @@ void record(benchmark::State& state, const std::string& name, double seconds, st
 // The STM32 transfer as the protocol runs it, without the window: the file
 // handed to the payload handler, until the board holds the finished image.
 void BM_Stm32Protocol(benchmark::State& state) {
+    const auto baud = static_cast<std::uint32_t>(state.range(0));
     for (auto _ : state) {
         GlobalHandlerEvents::getInstance().clearAllHandlers();
-        Board board;
+        Board board(baud);
         const Bytes bytes = makeImage(kStm32Image, 7);
         ImageFile image(bytes);
         UsbCommunication usb;
         usb.portName = board.simulator.slavePath();
-        usb.baudrate = UsbTypes::Baud921600;
+        usb.baudrate = baud == 115200 ? UsbTypes::Baud115200 : UsbTypes::Baud921600;
         if (!board.started || usb.connect(UsbCommunication::MethodCom) != UsbTypes::Ok) {
             state.SkipWithError("cannot open the simulated board's port");
             break;
@@ -300,19 +318,21 @@ void BM_Stm32Protocol(benchmark::State& state) {
             state.SkipWithError("the board did not receive the image");
             break;
         }
-        record(state, "stm32-protocol", seconds, bytes.size());
+        record(state, "stm32-protocol-" + std::to_string(baud), seconds, bytes.size());
     }
 }
 
 void BM_Stm32ThroughTheWindow(benchmark::State& state) {
+    const auto baud = static_cast<std::uint32_t>(state.range(0));
     for (auto _ : state) {
-        Board board;
+        Board board(baud);
         const Bytes bytes = makeImage(kStm32Image, 7);
         ImageFile image(bytes);
         setenv("MERID_EXTRA_PORTS", board.simulator.slavePath().c_str(), 1);
         WindowSession session;
         const std::string failed =
-            board.started ? session.prepare(board.simulator.slavePath(), "STM32", image.path) : "no pty";
+            board.started ? session.prepare(board.simulator.slavePath(), "STM32", image.path, baud)
+                          : "no pty";
         if (!failed.empty()) {
             state.SkipWithError(failed.c_str());
             break;
@@ -326,7 +346,7 @@ void BM_Stm32ThroughTheWindow(benchmark::State& state) {
             state.SkipWithError("the load did not finish with the image on the board");
             break;
         }
-        record(state, "stm32-window", seconds, bytes.size());
+        record(state, "stm32-window-" + std::to_string(baud), seconds, bytes.size());
     }
 }
 
@@ -380,7 +400,80 @@ void BM_Esp32ThroughTheWindow(benchmark::State& state) {
     }
 }
 
-void printComparison(const char* what, std::size_t bytes, const std::string& protocol,
+struct Usage {
+    double cpuSeconds = 0;
+    long switches = 0;
+};
+
+std::set<std::string> taskIds() {
+    std::set<std::string> ids;
+    for (const auto& entry : std::filesystem::directory_iterator("/proc/self/task")) {
+        ids.insert(entry.path().filename().string());
+    }
+    return ids;
+}
+
+// The CPU time and context switches of this process's threads, except the
+// simulated board's: those stand in for the device, not for the program.
+Usage programUsage(const std::set<std::string>& boardThreads) {
+    Usage usage;
+    for (const auto& id : taskIds()) {
+        if (boardThreads.count(id) != 0) {
+            continue;
+        }
+        const std::string task = "/proc/self/task/" + id;
+        std::ifstream schedstat(task + "/schedstat");
+        double nanoseconds = 0;
+        schedstat >> nanoseconds;
+        usage.cpuSeconds += nanoseconds / 1e9;
+        std::ifstream status(task + "/status");
+        std::string line;
+        while (std::getline(status, line)) {
+            if (line.find("ctxt_switches:") != std::string::npos) {
+                usage.switches += std::stol(line.substr(line.find(':') + 1));
+            }
+        }
+    }
+    return usage;
+}
+
+// The connected window after a search, left alone: the toolkit's own loop
+// runs (no test ticks), the protocol threads wait for something to do.
+void BM_IdleConnected(benchmark::State& state) {
+    constexpr int kIdleSeconds = 10;
+    for (auto _ : state) {
+        const auto before = taskIds();
+        Board board;
+        std::set<std::string> boardThreads;
+        for (const auto& id : taskIds()) {
+            if (before.count(id) == 0) {
+                boardThreads.insert(id);
+            }
+        }
+        setenv("MERID_EXTRA_PORTS", board.simulator.slavePath().c_str(), 1);
+        WindowSession session;
+        const std::string failed =
+            board.started ? session.prepare(board.simulator.slavePath(), "", "") : "no pty";
+        if (!failed.empty()) {
+            state.SkipWithError(failed.c_str());
+            break;
+        }
+        auto loop = Glib::MainLoop::create();
+        Glib::signal_timeout().connect_seconds_once([&] { loop->quit(); }, kIdleSeconds);
+        const Usage start = programUsage(boardThreads);
+        loop->run();
+        const Usage end = programUsage(boardThreads);
+        const double share = (end.cpuSeconds - start.cpuSeconds) / kIdleSeconds;
+        const double wakeups = static_cast<double>(end.switches - start.switches) / kIdleSeconds;
+        state.SetIterationTime(kIdleSeconds);
+        state.counters["core_percent"] = share * 100.0;
+        state.counters["wakeups_per_s"] = wakeups;
+        std::printf("idle, connected after a search, %d s: %.3f %% of a core, %.0f wake-ups per second\n",
+                    kIdleSeconds, share * 100.0, wakeups);
+    }
+}
+
+void printComparison(const char* what, std::size_t bytes, const char* link, const std::string& protocol,
                      const std::string& window) {
     const auto p = gSeconds.find(protocol);
     const auto w = gSeconds.find(window);
@@ -388,20 +481,33 @@ void printComparison(const char* what, std::size_t bytes, const std::string& pro
         std::printf("%s: not measured\n", what);
         return;
     }
-    std::printf("%s, %zu bytes, pty unpaced, best of %d: protocol %.1f ms (%.0f bytes/s), press to success "
+    std::printf("%s, %zu bytes, %s, best of %d: protocol %.1f ms (%.0f bytes/s), press to success "
                 "text %.1f ms "
                 "(%.0f bytes/s), ratio %.2f, the window adds %.1f ms\n",
-                what, bytes, kRuns, p->second * 1000.0, static_cast<double>(bytes) / p->second,
+                what, bytes, link, kRuns, p->second * 1000.0, static_cast<double>(bytes) / p->second,
                 w->second * 1000.0, static_cast<double>(bytes) / w->second, w->second / p->second,
                 (w->second - p->second) * 1000.0);
 }
 
 } // namespace
 
-BENCHMARK(BM_Stm32Protocol)->Iterations(kRuns)->UseManualTime()->Unit(benchmark::kMillisecond);
-BENCHMARK(BM_Stm32ThroughTheWindow)->Iterations(kRuns)->UseManualTime()->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_Stm32Protocol)
+    ->Arg(0)
+    ->Arg(115200)
+    ->Arg(921600)
+    ->Iterations(kRuns)
+    ->UseManualTime()
+    ->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_Stm32ThroughTheWindow)
+    ->Arg(0)
+    ->Arg(115200)
+    ->Arg(921600)
+    ->Iterations(kRuns)
+    ->UseManualTime()
+    ->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_Esp32Protocol)->Iterations(kRuns)->UseManualTime()->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_Esp32ThroughTheWindow)->Iterations(kRuns)->UseManualTime()->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_IdleConnected)->Iterations(1)->UseManualTime()->Unit(benchmark::kSecond);
 
 int main(int argc, char** argv) {
     // The log sinks stay quiet unless MERID_LOG_LEVEL says otherwise.
@@ -414,7 +520,11 @@ int main(int argc, char** argv) {
     }
     benchmark::RunSpecifiedBenchmarks();
     benchmark::Shutdown();
-    printComparison("STM32 load", kStm32Image, "stm32-protocol", "stm32-window");
-    printComparison("ESP32 flash", kEsp32Image, "esp32-protocol", "esp32-window");
+    printComparison("STM32 load", kStm32Image, "pty unpaced", "stm32-protocol-0", "stm32-window-0");
+    printComparison("STM32 load", kStm32Image, "paced 115200 baud", "stm32-protocol-115200",
+                    "stm32-window-115200");
+    printComparison("STM32 load", kStm32Image, "paced 921600 baud", "stm32-protocol-921600",
+                    "stm32-window-921600");
+    printComparison("ESP32 flash", kEsp32Image, "pty unpaced", "esp32-protocol", "esp32-window");
     return 0;
 }

@@ -3,8 +3,12 @@
 #include "EspSerialFlasherPort.h"
 #include "LoggerManager.h"
 #include "esp_loader.h"
+#include "loader_port.h"
+#include "md5_hash.h"
+#include "protocol.h"
 
 #include <algorithm>
+#include <cctype>
 #include <filesystem>
 #include <fstream>
 #include <vector>
@@ -17,6 +21,11 @@ namespace {
 
 constexpr uint32_t kSmallestBlock = 256;
 constexpr esp_loader_connect_args_t kConnectArgs = {500, 20};
+// The ROM reads the region back to digest it: 8 s per MiB, never below 3 s.
+constexpr uint64_t kMd5MsPerMiB = 8000;
+constexpr uint32_t kMd5LeastMs = 3000;
+constexpr uint32_t kMd5HexDigits = 32;
+const char* const kTag = "EspSerialFlasher: ";
 
 bool fail(std::string* error, const std::string& text) {
     if (error != nullptr) {
@@ -54,6 +63,50 @@ unsigned char percentOf(uint32_t written, uint32_t size) {
     return static_cast<unsigned char>(std::min<uint32_t>(percent, 100));
 }
 
+// The MD5 of the bytes the chip was sent: the image and the 0xFF that pads
+// its last block, in lower-case hexadecimal.
+std::string sentDigest(const std::vector<uint8_t>& image, uint32_t paddedSize) {
+    MD5Context context;
+    MD5Init(&context);
+    MD5Update(&context, image.data(), static_cast<uint32_t>(image.size()));
+    const std::vector<uint8_t> padding(paddedSize - image.size(), 0xFF);
+    MD5Update(&context, padding.data(), static_cast<uint32_t>(padding.size()));
+    uint8_t digest[16];
+    MD5Final(digest, &context);
+    static const char kHex[] = "0123456789abcdef";
+    std::string text;
+    for (const uint8_t byte : digest) {
+        text += kHex[byte >> 4];
+        text += kHex[byte & 15];
+    }
+    return text;
+}
+
+// Asks the ROM for the MD5 of the written region; its 32 hexadecimal digits
+// must match the image's, which goes to `digest`.
+// `paddedSize` covers the 0xFF behind a plain flash's last block; a
+// compressed flash writes the image alone.
+bool verifyFlash(uint32_t address, const std::vector<uint8_t>& image, uint32_t paddedSize,
+                 std::string& digest, std::string* error) {
+    digest = sentDigest(image, paddedSize);
+    loader_port_start_timer(
+        std::max(kMd5LeastMs, static_cast<uint32_t>(uint64_t{paddedSize} * kMd5MsPerMiB / (1u << 20))));
+    uint8_t answer[kMd5HexDigits] = {};
+    const esp_loader_error_t result = loader_md5_cmd(address, paddedSize, answer);
+    if (result != ESP_LOADER_SUCCESS) {
+        return fail(error, "flash MD5 check failed: image MD5 " + digest +
+                               ", no MD5 from the chip (loader_md5_cmd failed: " + std::to_string(result) +
+                               ")");
+    }
+    std::string reported(reinterpret_cast<const char*>(answer), kMd5HexDigits);
+    std::transform(reported.begin(), reported.end(), reported.begin(),
+                   [](char c) { return static_cast<char>(std::tolower(static_cast<unsigned char>(c))); });
+    if (reported != digest) {
+        return fail(error, "flash MD5 mismatch: image MD5 " + digest + ", flash MD5 " + reported);
+    }
+    return true;
+}
+
 // The image as one zlib stream (RFC 1950), which the ROM's inflater takes.
 bool deflateImage(const std::vector<uint8_t>& image, std::vector<uint8_t>& packed) {
     uLongf size = compressBound(static_cast<uLong>(image.size()));
@@ -89,8 +142,27 @@ bool MeridEspSerialFlasher::flashBinary(UsbCommunication& usb, const std::string
     }
 
     const uint32_t block = std::max(options.blockSize, kSmallestBlock);
-    return options.compress ? writeCompressed(image, options, block, progress, error)
-                            : writePlain(image, options, block, progress, error);
+    const bool written = options.compress ? writeCompressed(image, options, block, progress, error)
+                                          : writePlain(image, options, block, progress, error);
+    if (!written) {
+        return false;
+    }
+    // Before the finish: a chip that leaves its loader answers nothing more.
+    if (options.verify) {
+        const auto size = static_cast<uint32_t>(image.size());
+        const uint32_t region = options.compress ? size : (size + block - 1) / block * block;
+        std::string digest;
+        if (!verifyFlash(options.address, image, region, digest, error)) {
+            return false;
+        }
+        loggerManager->log("Flash MD5 matches the image: " + digest, BaseLogger::INFO, kTag);
+    }
+    if (options.compress) {
+        finish(esp_loader_flash_deflate_finish(options.reboot), "esp_loader_flash_deflate_finish");
+    } else {
+        finish(esp_loader_flash_finish(options.reboot), "esp_loader_flash_finish");
+    }
+    return true;
 }
 
 bool MeridEspSerialFlasher::writePlain(const std::vector<uint8_t>& image, const FlashOptions& options,
@@ -115,11 +187,9 @@ bool MeridEspSerialFlasher::writePlain(const std::vector<uint8_t>& image, const 
             progress(percentOf(written, size));
         }
         if (written >= size) {
-            break;
+            return true;
         }
     }
-    finish(esp_loader_flash_finish(options.reboot), "esp_loader_flash_finish");
-    return true;
 }
 
 // The same image as a zlib stream: fewer bytes on the line, the same bytes in
@@ -149,13 +219,12 @@ bool MeridEspSerialFlasher::writeCompressed(const std::vector<uint8_t>& image, c
             progress(percentOf(sent, packedSize));
         }
     }
-    finish(esp_loader_flash_deflate_finish(options.reboot), "esp_loader_flash_deflate_finish");
     return true;
 }
 
 // A failed end is no failure of the flash: the image is written.
 void MeridEspSerialFlasher::finish(esp_loader_error_t result, const char* operation) {
     if (result != ESP_LOADER_SUCCESS) {
-        loggerManager->log(failedWith(operation, result), BaseLogger::WARNING, "EspSerialFlasher: ");
+        loggerManager->log(failedWith(operation, result), BaseLogger::WARNING, kTag);
     }
 }

@@ -18,12 +18,14 @@ public:
         uint32_t address = 0;      // flash offset of the image
         uint32_t blockSize = 1024; // bytes of one data block; below 256 counts as 256
         bool reboot = false;       // leave the loader when done
+        bool verify = true;        // compare the MD5 of the written region with the image's
         bool compress = false;     // send the image as one zlib stream, which the ROM inflates
     };
 
-    // True when the image is written. `path` is UTF-8. `progress` receives
-    // the percentage after each acknowledged block and may be empty; the
-    // failure text goes to `error` when it isn't null.
+    // True when the image is written and, with `verify`, the chip reports
+    // the MD5 of the image as sent. `path` is UTF-8. `progress` receives the
+    // percentage after each acknowledged block and may be empty; the failure
+    // text goes to `error` when it isn't null.
     static bool flashBinary(UsbCommunication& usb, const std::string& path, const FlashOptions& options,
                             const std::function<void(unsigned char)>& progress, std::string* error);
 

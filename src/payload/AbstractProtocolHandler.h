@@ -3,6 +3,7 @@
 #include "QueuedMessage.h"
 
 #include <deque>
+#include <functional>
 #include <mutex>
 #include <string>
 
@@ -24,7 +25,13 @@ public:
     virtual void clearQueue(bool force) = 0;
     virtual void logMessage(std::string& message) = 0;
 
+    // Called, under the queue's lock, after each frame added to the queue:
+    // the sender sleeps until then. An empty function removes the observer.
+    void setQueueObserver(std::function<void()> observer);
+
 protected:
+    void notifyQueued();
+
     std::deque<QueuedMessage> sendQueue;
     // The UI and listener threads append while the sender reads and frees the
     // front. Recursive, because clearQueue frees through the virtual
@@ -32,4 +39,7 @@ protected:
     // lock, so the queue must not be cleared while a sender is running: the
     // window terminates the sender before it resets the handler.
     std::recursive_mutex queueMutex;
+
+private:
+    std::function<void()> queueObserver;
 };

@@ -10,7 +10,6 @@
 #include <cstdint>
 #include <cstring>
 #include <mutex>
-#include <thread>
 #include <type_traits>
 
 namespace PayloadProtocol {
@@ -50,8 +49,8 @@ protected:
         std::memset(readBuffer, 0, sizeof(readBuffer));
         while (running.load()) {
             if (!active.load()) {
-                // The pause does no work; yielding keeps it from starving the other threads.
-                std::this_thread::yield();
+                // The pause does no work: sleep until started or terminated.
+                waitForWake();
                 continue;
             }
             std::lock_guard<std::mutex> lock(listenerMutex);
@@ -60,11 +59,9 @@ protected:
     }
 
 private:
-    // One read and its outcome, with listenerMutex held.
+    // One read and its outcome, with listenerMutex held. The read itself
+    // waits in the port until bytes arrive or the request's time-out ends.
     void readOnce() {
-        if (!usb->waitForReadyRead(1)) {
-            return;
-        }
         auto result = usb->read(readBuffer, kReadSize, static_cast<int>(readTimeout.load()));
         if (result.status == UsbTypes::Status::NotConnected) {
             terminate();
@@ -72,6 +69,7 @@ private:
         }
         if (result.status == UsbTypes::Status::Timeout) {
             logger.log("Listener timeout waiting for response", BaseLogger::WARNING, tag);
+            handler->onResponseTimeout();
             return;
         }
         // Any other failure reads as a block of `bytes` bytes, which is 0.

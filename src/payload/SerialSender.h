@@ -11,7 +11,6 @@
 #include <cstdint>
 #include <mutex>
 #include <string>
-#include <thread>
 #include <type_traits>
 
 namespace PayloadProtocol {
@@ -27,11 +26,15 @@ public:
     // Retries after the first write: a frame is written up to six times.
     static constexpr std::uint64_t kMaxRetries = 5;
 
+    // Every frame the handler queues wakes the sender.
     SerialSender(LinkType& link, Handler& protocolHandler)
-        : Thread("SerialSender: "), handler(&protocolHandler), usb(&link) {}
+        : Thread("SerialSender: "), handler(&protocolHandler), usb(&link) {
+        handler->setQueueObserver([this] { wake(); });
+    }
 
     ~SerialSender() override {
         logger.log("run() is STOP", BaseLogger::DEBUG, tag);
+        handler->setQueueObserver(nullptr);
         shutdown();
     }
 
@@ -67,19 +70,19 @@ protected:
         QueuedMessage current;
         // A stopped sender goes on sending: only `running` counts here.
         while (running.load()) {
-            bool haveFrame = false;
             if (handler->getQueueSize() != 0 && retryCount.load() == 0) {
                 logger.log("Get message from queue!", BaseLogger::INFO, tag);
                 current = handler->fetchToQueue();
                 GlobalHandlerEvents::getInstance()._executeHandler(SET_LISTENER_TIMEOUT);
-                haveFrame = true;
-            } else if (retry) {
-                haveFrame = true;
-            }
-            if (haveFrame) {
                 retry = send(current);
+            } else if (retry) {
+                // A failed write is tried again about a millisecond later.
+                pauseUnlessTerminated(std::chrono::milliseconds(1));
+                retry = running.load() && send(current);
+            } else {
+                // Nothing to send: sleep until a frame is queued.
+                waitForWake();
             }
-            std::this_thread::sleep_for(std::chrono::milliseconds(1));
         }
     }
 

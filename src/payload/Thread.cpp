@@ -32,6 +32,7 @@ void Thread::start(bool detach) {
             }
         }
     }
+    wake();
     logger.log("Thread is started", BaseLogger::DEBUG, tag);
 }
 
@@ -41,6 +42,7 @@ void Thread::terminate() {
     if (!wasRunning && !wasActive) {
         return;
     }
+    wake();
     std::thread finished;
     {
         std::lock_guard<std::mutex> lock(threadMutex);
@@ -58,8 +60,33 @@ void Thread::terminate() {
 
 void Thread::stop() {
     if (active.exchange(false)) {
+        wake();
         logger.log("Thread is stoped", BaseLogger::DEBUG, tag);
     }
+}
+
+void Thread::wake() {
+    {
+        std::lock_guard<std::mutex> lock(wakeMutex);
+        wakeRequested = true;
+    }
+    wakeCondition.notify_all();
+}
+
+void Thread::waitForWake(std::chrono::milliseconds limit) {
+    std::unique_lock<std::mutex> lock(wakeMutex);
+    auto woken = [this] { return wakeRequested || !running.load(); };
+    if (limit == std::chrono::milliseconds::max()) {
+        wakeCondition.wait(lock, woken);
+    } else {
+        wakeCondition.wait_for(lock, limit, woken);
+    }
+    wakeRequested = false;
+}
+
+void Thread::pauseUnlessTerminated(std::chrono::milliseconds pause) {
+    std::unique_lock<std::mutex> lock(wakeMutex);
+    wakeCondition.wait_for(lock, pause, [this] { return !running.load(); });
 }
 
 void Thread::shutdown() {

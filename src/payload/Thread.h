@@ -3,13 +3,16 @@
 #include "LoggerManager.h"
 
 #include <atomic>
+#include <chrono>
+#include <condition_variable>
 #include <mutex>
 #include <string>
 #include <thread>
 
 // A long-lived worker: a loop flag, a pause flag and a log tag. The derived
 // class supplies the loop in run() and keeps looking at `running` and
-// `active` itself.
+// `active` itself. A loop with nothing to do sleeps in waitForWake(); start,
+// stop, terminate and wake() end that sleep at once.
 class Thread {
 public:
     explicit Thread(std::string logTag);
@@ -23,6 +26,8 @@ public:
     void terminate();
     // The pause: the loop goes on but does no work.
     void stop();
+    // Ends the loop's current waitForWake(), or the next one if none is under way.
+    void wake();
 
     bool isRunning() const { return running.load(); }
     bool isActive() const { return active.load(); }
@@ -37,6 +42,12 @@ protected:
     // running in the base destructor would call into a destroyed object.
     void shutdown();
 
+    // Sleeps until wake() (also through start, stop and terminate), or
+    // until `limit` has passed.
+    void waitForWake(std::chrono::milliseconds limit = std::chrono::milliseconds::max());
+    // Sleeps for `pause` unless the loop is terminated meanwhile.
+    void pauseUnlessTerminated(std::chrono::milliseconds pause);
+
     std::atomic<bool> running{false};
     std::atomic<bool> active{false};
     std::atomic<bool> detached{false};
@@ -50,4 +61,7 @@ private:
 
     // Guards `thread`: the owner and the loop itself may both terminate.
     std::mutex threadMutex;
+    std::mutex wakeMutex;
+    std::condition_variable wakeCondition;
+    bool wakeRequested = false;
 };

@@ -16,6 +16,12 @@ constexpr DWORD kPurgeAll = 0xF;   // abort and clear, both directions
 constexpr DWORD kPurgeClear = 0xC; // clear both directions
 constexpr DWORD kFormatFlags = 0x1300;
 constexpr DWORD kDefaultLanguage = 0x400;
+constexpr DWORD kWriteTimeoutMs = 2000;
+// The longest the driver waits in one ReadFile before the read looks for a close.
+constexpr long long kReadSliceMs = 50;
+// The cached read wait meaning "none set yet" or "return at once".
+constexpr DWORD kUnknownReadWait = 0;
+constexpr DWORD kNoReadWait = MAXDWORD;
 
 using Clock = std::chrono::steady_clock;
 
@@ -102,7 +108,7 @@ UsbTypes::Status SerialPortWindows::closePort() {
     if (current == COM_INVALID_HANDLE) {
         return UsbTypes::Ok;
     }
-    // Reads notice the close within a millisecond; a write ends within its
+    // Reads notice the close within one wait slice; a write ends within its
     // own time-out.
     usage.beginClose();
     const BOOL closed = CloseHandle(toHandle(current));
@@ -158,15 +164,9 @@ bool SerialPortWindows::serialPortConfig(UsbTypes::Baudrate speed) {
         logger->log(failedWithNumber("SetCommState", GetLastError()), BaseLogger::ERROR, kTag);
         return false;
     }
-    // ReadFile returns at once with what is queued; a write may take 2 s.
-    COMMTIMEOUTS timeouts{};
-    timeouts.ReadIntervalTimeout = 0xFFFFFFFF;
-    timeouts.ReadTotalTimeoutMultiplier = 0;
-    timeouts.ReadTotalTimeoutConstant = 50;
-    timeouts.WriteTotalTimeoutMultiplier = 0;
-    timeouts.WriteTotalTimeoutConstant = 2000;
-    if (!SetCommTimeouts(port, &timeouts)) {
-        logger->log(failedWithNumber("SetCommTimeouts", GetLastError()), BaseLogger::ERROR, kTag);
+    // Each read sets its own wait; a write may take 2 s.
+    readWaitMs.store(kUnknownReadWait);
+    if (!setReadWait(port, 0)) {
         return false;
     }
     PurgeComm(port, kPurgeClear);
@@ -207,40 +207,53 @@ UsbTypes::IoResult SerialPortWindows::readDataImpl(unsigned char* data, unsigned
     HANDLE port = toHandle(current);
     timeoutMs = std::max(timeoutMs, 0);
     const auto start = Clock::now();
-    DWORD errors = 0;
-    COMSTAT status{};
-    // Poll the queue length; ReadFile only takes what is queued.
+    // The driver waits for the first byte, a slice at a time, so that a close
+    // is noticed within one slice; ReadFile returns as soon as bytes are there.
     for (;;) {
-        if (!ClearCommError(port, &errors, &status)) {
-            logger->log(failedWithNumber("ClearCommError", GetLastError()), BaseLogger::ERROR, kTag);
-            result.status = UsbTypes::ReceiveError;
-            return result;
-        }
-        if (status.cbInQue != 0) {
-            break;
-        }
-        const auto elapsed =
-            std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - start).count();
-        if (timeoutMs == 0 || elapsed >= timeoutMs) {
-            result.status = UsbTypes::Timeout;
-            return result;
-        }
         if (usage.isClosing()) {
             result.status = UsbTypes::ReceiveError; // closed under the call
             return result;
         }
-        Sleep(1);
+        const auto elapsed =
+            std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - start).count();
+        const auto left = std::max<long long>(timeoutMs - elapsed, 0);
+        if (!setReadWait(port, static_cast<DWORD>(std::min<long long>(left, kReadSliceMs)))) {
+            result.status = UsbTypes::ReceiveError;
+            return result;
+        }
+        DWORD got = 0;
+        if (!ReadFile(port, data, static_cast<DWORD>(std::min<unsigned long long>(size, kQueueSize)), &got,
+                      nullptr)) {
+            logger->log(failedWithNumber("ReadFile", GetLastError()), BaseLogger::ERROR, kTag);
+            result.status = UsbTypes::ReceiveError;
+            return result;
+        }
+        if (got != 0 || left == 0) {
+            result.bytes = got;
+            result.status = got == 0 ? UsbTypes::Timeout : UsbTypes::Ok;
+            return result;
+        }
     }
-    const auto wanted = static_cast<DWORD>(std::min<unsigned long long>(status.cbInQue, size));
-    DWORD got = 0;
-    if (!ReadFile(port, data, wanted, &got, nullptr)) {
-        logger->log(failedWithNumber("ReadFile", GetLastError()), BaseLogger::ERROR, kTag);
-        result.status = UsbTypes::ReceiveError;
-        return result;
+}
+
+bool SerialPortWindows::setReadWait(void* port, unsigned long waitMs) {
+    // A wait of 0 takes what is queued and returns at once.
+    const DWORD wanted = waitMs == 0 ? kNoReadWait : waitMs;
+    if (readWaitMs.load() == wanted) {
+        return true;
     }
-    result.bytes = got;
-    result.status = got == 0 ? UsbTypes::Timeout : UsbTypes::Ok;
-    return result;
+    COMMTIMEOUTS timeouts{};
+    timeouts.ReadIntervalTimeout = MAXDWORD;
+    timeouts.ReadTotalTimeoutMultiplier = waitMs == 0 ? 0 : MAXDWORD;
+    timeouts.ReadTotalTimeoutConstant = waitMs;
+    timeouts.WriteTotalTimeoutMultiplier = 0;
+    timeouts.WriteTotalTimeoutConstant = kWriteTimeoutMs;
+    if (!SetCommTimeouts(static_cast<HANDLE>(port), &timeouts)) {
+        logger->log(failedWithNumber("SetCommTimeouts", GetLastError()), BaseLogger::ERROR, kTag);
+        return false;
+    }
+    readWaitMs.store(wanted);
+    return true;
 }
 
 UsbTypes::IoResult SerialPortWindows::writeDataImpl(unsigned char* data, unsigned long long size) {

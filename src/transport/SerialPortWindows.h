@@ -46,8 +46,13 @@ public:
 
 private:
     std::string currentPortName() const;
+    // Sets how long the driver's ReadFile waits for the first byte (0: not at
+    // all), unless that wait is already set.
+    bool setReadWait(void* port, unsigned long waitMs);
 
     std::atomic<std::intptr_t> handle{COM_INVALID_HANDLE};
+    // The read wait the driver holds now, in milliseconds.
+    std::atomic<unsigned long> readWaitMs{0};
     std::atomic<UsbTypes::Baudrate> baudrate{UsbTypes::Baud115200};
     // The name as the caller gave it, for the write failure message.
     std::string portName;

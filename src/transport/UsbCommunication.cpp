@@ -204,8 +204,8 @@ UsbTypes::IoResult UsbCommunication::readDataComImpl(unsigned char* data, unsign
 }
 
 bool UsbCommunication::waitForReadyRead(unsigned long long timeoutMs) {
-    // Only the listener's pacing delay. sleep_for resumes after a signal with
-    // the time that is left.
+    // A plain pause, part of the link's interface; the listener waits in its
+    // read instead. sleep_for resumes after a signal with the time that is left.
     if (timeoutMs > 0) {
         std::this_thread::sleep_for(std::chrono::milliseconds(std::min(timeoutMs, kLongestPauseMs)));
     }

@@ -42,7 +42,7 @@ public:
     // Waits up to one second.
     UsbTypes::IoResult read(void* data, unsigned long long size);
     UsbTypes::IoResult read(void* data, unsigned long long size, int timeoutMs);
-    // Only a pause of `timeoutMs`; always true.
+    // Only a pause of `timeoutMs`, without a look at the port; always true.
     bool waitForReadyRead(unsigned long long timeoutMs);
 
 protected:

@@ -85,7 +85,7 @@ TEST_F(EspFlashOverPty, CompressedFlashLandsByteExact) {
     chip->fillFlash(0, Bytes(0x5000, 0x00));
     std::vector<int> progress;
     std::string error;
-    const auto image = flash(10000, {0x1000, 1024, false, true}, progress, error);
+    const auto image = flash(10000, {0x1000, 1024, false, true, true}, progress, error);
     ASSERT_TRUE(image) << error;
     EXPECT_EQ(chip->flash(0x1000, 10000), *image);
     const uint32_t end = 0x1000 + 10000;
