@@ -38,7 +38,9 @@ BoardSession::BoardSession(const std::string& port, int baud, BoardLog& log) : l
 
 BoardSession::~BoardSession() {
     // Closed first, so that a listener inside a long read returns at once.
-    usb.disconnect();
+    if (usb.isConnected()) {
+        usb.disconnect();
+    }
     sender.terminate();
     listener.terminate();
     GlobalHandlerEvents::getInstance().clearAllHandlers();
