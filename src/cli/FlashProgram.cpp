@@ -74,7 +74,8 @@ int FlashProgram::listPorts() {
     if (settings.json) {
         std::string list;
         for (const auto& port : usb.availablePorts) {
-            list += (list.empty() ? "" : ",") + Summary::jsonString(port);
+            list += list.empty() ? "" : ",";
+            list += Summary::jsonString(port);
         }
         std::cout << "{\"ports\":[" << list << "]}" << std::endl;
         return kSuccess;
