@@ -147,8 +147,8 @@ TEST_F(FlashProgram, GangReportsTheFailingBoardAlone) {
     refuse.failDataBlock = 3;
     refuse.failDataCount = 3;
     boards[1]->chip->setFaults(refuse);
-    Outcome gang = run("esp32 --json -b 921600 -p " + boards[0]->port() + " -p " + boards[1]->port() + " -p " +
-                   boards[2]->port() + " " + imagePath);
+    Outcome gang = run("esp32 --json -b 921600 -p " + boards[0]->port() + " -p " + boards[1]->port() +
+                       " -p " + boards[2]->port() + " " + imagePath);
     EXPECT_EQ(gang.exitCode, 1);
     const auto results = jsonLines(gang.out);
     ASSERT_EQ(results.size(), 3u) << gang.out;
@@ -167,6 +167,30 @@ TEST_F(FlashProgram, GangReportsTheFailingBoardAlone) {
     // The table, on the standard error beside the JSON, names the port and why.
     EXPECT_NE(gang.err.find(boards[1]->port() + "  esp32"), std::string::npos) << gang.err;
     EXPECT_NE(gang.err.find("esp_loader_flash_deflate_write failed: 9\n"), std::string::npos) << gang.err;
+}
+
+// A board pulled out in the middle fails alone; quiet, the run names it in
+// one line, and the log file holds both boards' protocol, each line led by
+// its port.
+TEST_F(FlashProgram, VanishedBoardFailsAloneQuietlyWithTheFullLog) {
+    DeviceSimulator::Faults unplug;
+    unplug.unplugAfterFrames = 40;
+    boards[1]->simulator.setFaults(unplug);
+    const std::string log = dir.path() + "/flash.log";
+    Outcome quiet = run("stm32 -q -b 921600 --log " + log + " -p " + boards[0]->port() + " -p " +
+                        boards[1]->port() + " " + imagePath);
+    EXPECT_EQ(quiet.exitCode, 1);
+    EXPECT_EQ(quiet.out, "");
+    EXPECT_EQ(quiet.err.rfind("merid-flash: " + boards[1]->port() + ": ", 0), 0u) << quiet.err;
+    EXPECT_EQ(std::count(quiet.err.begin(), quiet.err.end(), '\n'), 1) << quiet.err;
+    EXPECT_EQ(boards[0]->simulator.finishedImage(2, 0), image);
+    const auto text = testsupport::readFile(log);
+    ASSERT_TRUE(text);
+    const std::string lines(text->begin(), text->end());
+    EXPECT_NE(lines.find(boards[0]->port() + " WARNING PayloadHandler: Firmware transfer complete: "),
+              std::string::npos);
+    EXPECT_NE(lines.find(boards[1]->port() + " INFO PayloadHandler: write file request (device 2, file 0"),
+              std::string::npos);
 }
 
 // Each mistake gets its one line and exit code 2, and no board hears a byte.
