@@ -6,6 +6,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <csignal>
 #include <cstring>
 #include <fcntl.h>
@@ -49,8 +50,7 @@ TEST(DevsimProgram, ServesTheBoardAndWritesWhatItReceivedAtExit) {
                   journal +
                   " --esp-flash-size 1048576 --esp-silent-syncs 2 --esp-garbage 5 --esp-fail-block 2" +
                   " --esp-flash-out " + dir.path() + "/flash.bin");
-    const std::string port = devsim.line();
-    ASSERT_EQ(port.rfind("/dev/pts/", 0), 0u) << port;
+    ASSERT_EQ(devsim.line().rfind("/dev/pts/", 0), 0u);
 
     // A search, then a file in three steps to the device at address 2:
     // erase, "hi", finish; the answers are 79 bytes and three of 6.
@@ -75,13 +75,11 @@ TEST(DevsimProgram, ServesTheBoardAndWritesWhatItReceivedAtExit) {
     // garbage and the refused block; blocks are at least 256 bytes and each
     // reports the percent done, rounded down.
     Bytes image(2500);
-    for (std::size_t i = 0; i < image.size(); ++i) {
-        image[i] = static_cast<std::uint8_t>(i % 251);
-    }
+    std::generate(image.begin(), image.end(),
+                  [i = 0]() mutable { return static_cast<std::uint8_t>(i++ % 251); });
     ASSERT_TRUE(testsupport::writeFile(dir.path() + "/app.bin", image));
     UsbCommunication usb;
     usb.portName = link;
-    usb.baudrate = UsbTypes::Baud115200;
     ASSERT_EQ(usb.connect(UsbCommunication::MethodCom), UsbTypes::Ok);
     std::string error;
     std::vector<int> progress;
@@ -94,11 +92,10 @@ TEST(DevsimProgram, ServesTheBoardAndWritesWhatItReceivedAtExit) {
 
     ASSERT_EQ(devsim.stop(), 0);
     EXPECT_FALSE(std::filesystem::exists(std::filesystem::symlink_status(link)));
-    EXPECT_EQ(testsupport::readFile(dir.path() + "/device2_file0.bin"), (Bytes{'h', 'i'}));
+    EXPECT_EQ(testsupport::readFile(dir.path() + "/device2_file0.bin"), "hi");
     image.resize(1u << 20, 0xFF);
-    EXPECT_EQ(testsupport::readFile(dir.path() + "/flash.bin"), image);
-    const Bytes bytes = testsupport::readFile(journal).value_or(Bytes{});
-    const std::string text(bytes.begin(), bytes.end());
+    EXPECT_EQ(testsupport::readFile(dir.path() + "/flash.bin"), std::string(image.begin(), image.end()));
+    const std::string text = testsupport::readFile(journal);
     EXPECT_EQ(text.rfind("frame ok 7E 02 01 FF 01 74\n", 0), 0u) << text;
     // The enter frame hands the link over: the loader's port reopened, its first sync.
     EXPECT_NE(text.find("\nframe ok 7E 08 00 02 03 02 08 01 00 00 00 1E\nraw port closed\nraw port opened\n"

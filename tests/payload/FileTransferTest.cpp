@@ -92,7 +92,6 @@ TEST_F(FileTransferTest, MissingFileAndSecondStart) {
     ask(FILE_START_MSG, 2, 1, file(Bytes(200, 0x5A)));
     answer(2);
     ask(FILE_START_MSG, 2, 9, file(Bytes(5, 0xA5), "other.bin"));
-    EXPECT_EQ(log.count("File size in bytes: "), 1u);
     EXPECT_EQ(handler.getFileTransferState().fileIndex, 1);
     auto sent = drain();
     ASSERT_EQ(sent.size(), 3u);

@@ -102,7 +102,6 @@ TEST_F(PayloadTest, ListenerReadsWithTheFramesDeadlinePausesAndEndsWithTheLink) 
     link.push(UsbTypes::NotConnected);
     ASSERT_TRUE(waitUntil([&] { return !listener.isRunning(); }));
     listener.terminate(); // nothing left to end
-    EXPECT_EQ(log.count("Thread is terminated"), 1u);
     listener.start(false);
     EXPECT_TRUE(waitUntil([&] { return log.count("run() is START") == 2; }));
 }

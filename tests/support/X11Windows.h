@@ -21,11 +21,10 @@ public:
     X11Windows& operator=(const X11Windows&) = delete;
 
     bool connected() const { return display != nullptr; }
-    // The mapped top-level window of process `pid` titled `title`; nothing
+    // The viewable top-level window of process `pid` titled `title`; nothing
     // when none shows within `timeout`.
     std::optional<unsigned long> waitForWindow(pid_t pid, const std::string& title,
                                                std::chrono::milliseconds timeout);
-    bool isViewable(unsigned long window);
     // Asks the window to close, as a window manager's close button does.
     void requestClose(unsigned long window);
 
