@@ -2,6 +2,25 @@
 
 #include "LoggerManager.h"
 
+namespace {
+
+const char* levelName(BaseLogger::MessageType type) {
+    switch (type) {
+    case BaseLogger::DEBUG:
+        return "DEBUG";
+    case BaseLogger::INFO:
+        return "INFO";
+    case BaseLogger::WARNING:
+        return "WARNING";
+    case BaseLogger::ERROR:
+        return "ERROR";
+    default:
+        return "FATAL";
+    }
+}
+
+} // namespace
+
 BoardLog::BoardLog(Writer writer) : writer(std::move(writer)) {
     LoggerManager& manager = LoggerManager::getInstance();
     manager.overrideSink(LoggerManager::CONSOLE, this);
@@ -13,21 +32,6 @@ BoardLog::~BoardLog() {
     LoggerManager& manager = LoggerManager::getInstance();
     manager.clearAllLoggers();
     manager.overrideSink(LoggerManager::CONSOLE, nullptr);
-}
-
-const char* BoardLog::levelName(MessageType type) {
-    switch (type) {
-    case DEBUG:
-        return "DEBUG";
-    case INFO:
-        return "INFO";
-    case WARNING:
-        return "WARNING";
-    case ERROR:
-        return "ERROR";
-    default:
-        return "FATAL";
-    }
 }
 
 void BoardLog::log(const std::string& message, MessageType type, const std::string& tag) {

@@ -30,8 +30,6 @@ public:
     // `from`-th on; empty when none.
     std::string problemStartingWith(const std::string& start, unsigned from);
 
-    static const char* levelName(MessageType type);
-
 private:
     Writer writer;
     std::mutex mutex;

@@ -20,6 +20,5 @@ struct CliSettings {
     // board and reports to the parent on its standard output.
     bool worker = false;
 
-    bool isLoad() const { return command == Command::Stm32 || command == Command::Esp32; }
     const char* targetName() const { return command == Command::Esp32 ? "esp32" : "stm32"; }
 };

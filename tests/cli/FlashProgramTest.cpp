@@ -51,9 +51,9 @@ protected:
             ASSERT_TRUE(board->started) << board->simulator.lastError();
         }
         // Machine code, as a real image is: a slice of this test program.
-        const auto self = testsupport::readFile("/proc/self/exe");
-        ASSERT_TRUE(self && self->size() > 0x12000);
-        image.assign(self->begin() + 0x1000, self->begin() + 0x1000 + 0x11000);
+        const std::string self = testsupport::readFile("/proc/self/exe");
+        ASSERT_GT(self.size(), 0x12000u);
+        image.assign(self.begin() + 0x1000, self.begin() + 0x1000 + 0x11000);
         ASSERT_TRUE(testsupport::writeFile(imagePath, image));
     }
 
@@ -65,12 +65,8 @@ protected:
         const int status = std::system(command.c_str());
         Outcome result;
         result.exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-        const auto text = [](const std::string& path) {
-            const auto bytes = testsupport::readFile(path);
-            return bytes ? std::string(bytes->begin(), bytes->end()) : std::string();
-        };
-        result.out = text(out);
-        result.err = text(err);
+        result.out = testsupport::readFile(out);
+        result.err = testsupport::readFile(err);
         return result;
     }
 
@@ -184,9 +180,7 @@ TEST_F(FlashProgram, VanishedBoardFailsAloneQuietlyWithTheFullLog) {
     EXPECT_EQ(quiet.err.rfind("merid-flash: " + boards[1]->port() + ": ", 0), 0u) << quiet.err;
     EXPECT_EQ(std::count(quiet.err.begin(), quiet.err.end(), '\n'), 1) << quiet.err;
     EXPECT_EQ(boards[0]->simulator.finishedImage(2, 0), image);
-    const auto text = testsupport::readFile(log);
-    ASSERT_TRUE(text);
-    const std::string lines(text->begin(), text->end());
+    const std::string lines = testsupport::readFile(log);
     EXPECT_NE(lines.find(boards[0]->port() + " WARNING PayloadHandler: Firmware transfer complete: "),
               std::string::npos);
     EXPECT_NE(lines.find(boards[1]->port() + " INFO PayloadHandler: write file request (device 2, file 0"),

@@ -64,8 +64,7 @@ TEST(Summary, JsonAndTableCarryEveryBoard) {
     }
     EXPECT_EQ(windows.kibPerSecond(), 32.0);
     const std::string table = Summary::table({windows, odd});
-    EXPECT_EQ(table.substr(0, table.find('\n')),
-              "PORT        TARGET      BYTES  SECONDS     KIB/S  RESULT");
+    EXPECT_EQ(table.substr(0, table.find('\n')), "PORT        TARGET      BYTES  SECONDS     KIB/S  RESULT");
     EXPECT_NE(table.find("\n\\\\.\\COM10   esp32       65536     2.00      32.0  verified\n"),
               std::string::npos)
         << table;
