@@ -1,7 +1,6 @@
-// Loads through the real window against the simulated board, as the user
-// sees them: the STM32's erase poll, erase word and transfer, the ESP32's
-// flash through its ROM loader, the level bar, the window's sensitivity and
-// the text that ends a load; and each failure, followed by a load that works.
+// Loads through the real window against the simulated board as the user sees
+// them: the level bar, the window's sensitivity and the text that ends a load;
+// each failure followed by a load that works.
 #include "DeviceSimulator.h"
 #include "EspRomBridge.h"
 #include "EspRomSimulator.h"
@@ -146,7 +145,6 @@ protected:
     std::unique_ptr<WindowUnderTest> ui;
 };
 
-constexpr std::uint8_t kDeviceInfoReq = 1;
 constexpr std::size_t kStm32ImageSize = 37312;
 
 class Stm32Load : public BoardLoadTest {
@@ -171,11 +169,11 @@ protected:
                                           std::chrono::seconds(30)));
     }
 
-    std::size_t framesWithCommand(std::uint8_t command) {
+    // The device info requests the board has had: a frame's fifth byte is its command.
+    std::size_t polls() {
         const auto journal = board.journal();
-        // Sync, length, pack number, address, command.
         return std::count_if(journal.begin(), journal.end(), [&](const DeviceSimulator::JournalEntry& entry) {
-            return entry.kind == entry.Frame && entry.raw.size() > 4 && entry.raw[4] == command;
+            return entry.kind == entry.Frame && entry.raw.size() > 4 && entry.raw[4] == 1;
         });
     }
 };
@@ -200,9 +198,9 @@ TEST_F(Stm32Load, LoadsThatStopShortAnEraseWithoutAFileAndThePreinstalledImageAf
     // The poll's time-out is fixed inside the window: 51 ticks of 200 ms.
     pressUpload();
     ASSERT_TRUE(logged("MainWindow: Timeout waiting for device discovery before STM32 erase"));
-    EXPECT_TRUE(ToolkitLoop::runUntil([&] { return framesWithCommand(kDeviceInfoReq) >= 12; }));
+    EXPECT_TRUE(ToolkitLoop::runUntil([&] { return polls() >= 12; }));
     ToolkitLoop::runFor(std::chrono::milliseconds(600));
-    EXPECT_EQ(framesWithCommand(kDeviceInfoReq), 12u) << "the poll went on after its end";
+    EXPECT_EQ(polls(), 12u) << "the poll went on after its end";
     EXPECT_EQ(barValue(), 0.0);
     EXPECT_EQ(statusText(), "0%");
     EXPECT_TRUE(windowSensitive());
@@ -214,11 +212,11 @@ TEST_F(Stm32Load, LoadsThatStopShortAnEraseWithoutAFileAndThePreinstalledImageAf
     ASSERT_TRUE(logged("MainWindow: USB connection lost while waiting to start STM32 erase",
                        std::chrono::seconds(5)));
     // A press while disconnected does nothing at all; a reboot finds no device.
-    const std::size_t polls = framesWithCommand(kDeviceInfoReq);
+    const std::size_t before = polls();
     captured->clear();
     pressUpload();
     ToolkitLoop::runFor(std::chrono::milliseconds(1200));
-    EXPECT_EQ(framesWithCommand(kDeviceInfoReq), polls);
+    EXPECT_EQ(polls(), before);
     EXPECT_EQ(captured->count("MainWindow: "), 0u);
     ui->window().rebootDevice();
     EXPECT_TRUE(captured->contains("MainWindow: device didn't exist for reboot", BaseLogger::ERROR));
@@ -243,12 +241,11 @@ TEST_F(Stm32Load, LoadsThatStopShortAnEraseWithoutAFileAndThePreinstalledImageAf
         return list->get_children().size() == 1 &&
                captured->count("PayloadHandler: field info response (device 2") >= fields;
     }));
-    const std::size_t searches = framesWithCommand(kDeviceInfoReq);
+    const std::size_t searches = polls();
     ui->window().rebootDevice();
     ui->window().rebootDevice();
     EXPECT_TRUE(ToolkitLoop::runUntil([&] { return board.counters(kAddress)->rebootCommands >= 1; }));
-    EXPECT_TRUE(ToolkitLoop::runUntil([&] { return framesWithCommand(kDeviceInfoReq) > searches; },
-                                      std::chrono::seconds(10)));
+    EXPECT_TRUE(ToolkitLoop::runUntil([&] { return polls() > searches; }, std::chrono::seconds(10)));
     ToolkitLoop::runFor(std::chrono::milliseconds(300));
     EXPECT_EQ(captured->count("is opened!"), 1u);
 

@@ -33,18 +33,16 @@ protected:
     void SetUp() override {
         guitest::application();
         gMessages.clear();
-        g_log_set_default_handler(
-            [](const gchar* domain, GLogLevelFlags level, const gchar* message, gpointer) {
-                if (domain == nullptr && (level & G_LOG_LEVEL_MESSAGE) != 0) {
-                    gMessages.emplace_back(message);
-                } else {
-                    g_log_default_handler(domain, level, message, nullptr);
-                }
+        handler = g_log_set_handler(
+            nullptr, G_LOG_LEVEL_MESSAGE,
+            [](const gchar*, GLogLevelFlags, const gchar* message, gpointer) {
+                gMessages.emplace_back(message);
             },
             nullptr);
     }
-    void TearDown() override { g_log_set_default_handler(&g_log_default_handler, nullptr); }
+    void TearDown() override { g_log_remove_handler(nullptr, handler); }
 
+    guint handler = 0;
     ScopedEnv glade{"MERID_UI_GLADE", std::nullopt};
 };
 
