@@ -27,23 +27,27 @@ set(MERID_ICON_SVG_FILE ${PROJECT_SOURCE_DIR}/resources/icons/hicolor/scalable/a
 set(MERID_ICON_PNG_FILE ${MERID_RESOURCE_STAGE_DIR}/icons/hicolor/256x256/apps/meridkestalutility.png)
 
 configure_file(${MERID_PACKAGING_SOURCE_DIR}/${MERID_APPSTREAM_ID}.metainfo.xml.in ${MERID_METAINFO_FILE} @ONLY)
+set(MERID_FLASH_MANPAGE_FILE ${MERID_PACKAGING_BINARY_DIR}/merid-flash.1)
 configure_file(${MERID_PACKAGING_SOURCE_DIR}/MeridKestalUtility.1.in ${MERID_MANPAGE_FILE} @ONLY)
+configure_file(${MERID_PACKAGING_SOURCE_DIR}/merid-flash.1.in ${MERID_FLASH_MANPAGE_FILE} @ONLY)
 
 # Debian keeps manual pages compressed; -n leaves the name and time out, so
 # that the same page gives the same bytes.
 find_program(MERID_GZIP gzip REQUIRED)
-add_custom_command(OUTPUT ${MERID_MANPAGE_FILE}.gz
-    COMMAND ${MERID_GZIP} -9 -n -c ${MERID_MANPAGE_FILE} > ${MERID_MANPAGE_FILE}.gz
-    DEPENDS ${MERID_MANPAGE_FILE}
-    COMMENT "Compressing the manual page")
-add_custom_target(merid_manpage ALL DEPENDS ${MERID_MANPAGE_FILE}.gz)
+foreach(page ${MERID_MANPAGE_FILE} ${MERID_FLASH_MANPAGE_FILE})
+    add_custom_command(OUTPUT ${page}.gz
+        COMMAND ${MERID_GZIP} -9 -n -c ${page} > ${page}.gz
+        DEPENDS ${page}
+        COMMENT "Compressing the manual page ${page}")
+endforeach()
+add_custom_target(merid_manpage ALL DEPENDS ${MERID_MANPAGE_FILE}.gz ${MERID_FLASH_MANPAGE_FILE}.gz)
 
-install(TARGETS MeridKestalUtility RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+install(TARGETS MeridKestalUtility merid-flash RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
 install(FILES ${MERID_DESKTOP_FILE} DESTINATION ${CMAKE_INSTALL_DATADIR}/applications)
 install(FILES ${MERID_ICON_SVG_FILE} DESTINATION ${CMAKE_INSTALL_DATADIR}/icons/hicolor/scalable/apps)
 install(FILES ${MERID_ICON_PNG_FILE} DESTINATION ${CMAKE_INSTALL_DATADIR}/icons/hicolor/256x256/apps)
 install(FILES ${MERID_METAINFO_FILE} DESTINATION ${CMAKE_INSTALL_DATADIR}/metainfo)
-install(FILES ${MERID_MANPAGE_FILE}.gz DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
+install(FILES ${MERID_MANPAGE_FILE}.gz ${MERID_FLASH_MANPAGE_FILE}.gz DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
 install(FILES ${PROJECT_SOURCE_DIR}/README.md DESTINATION ${MERID_DOC_DIR})
 install(FILES ${MERID_UDEV_RULE_FILE} DESTINATION ${MERID_DOC_DIR}/examples)
 
@@ -70,7 +74,8 @@ set(CPACK_PACKAGE_DESCRIPTION "MeridKestalUtility loads firmware into a board th
 ESP32, through the one USB serial port of the board. The STM32 receives its
 image in acknowledged chunks over the board's framed protocol, the ESP32 is
 flashed through the chip's ROM serial loader. The program is one file with
-its interface, icons and both built-in images inside it.")
+its interface, icons and both built-in images inside it. merid-flash does the
+same loads from the command line, on several boards at once.")
 set(CPACK_DEBIAN_PACKAGE_NAME ${MERID_DEBIAN_NAME})
 set(CPACK_DEBIAN_PACKAGE_ARCHITECTURE ${MERID_DEBIAN_ARCH})
 set(CPACK_DEBIAN_PACKAGE_MAINTAINER "${MERID_PACKAGE_MAINTAINER}")

@@ -11,7 +11,7 @@ PACKAGES=(
     xvfb xauth xdotool x11-utils imagemagick libx11-dev librsvg2-bin
     g++-mingw-w64-x86-64-posix wine64
     desktop-file-utils appstream dpkg-dev file groff-base
-    zlib1g-dev
+    zlib1g-dev libz-mingw-w64-dev libcli11-dev nlohmann-json3-dev
 )
 
 missing=()

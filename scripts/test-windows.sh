@@ -12,6 +12,9 @@
 #    flash; the same scenario built natively runs against a second board.
 #    The images each board kept must equal the files the scenario wrote, and
 #    the two boards' journals of the frames they received must be equal.
+# 3. merid-flash.exe flashes a slice of itself into the ESP32 of a fresh
+#    board on COM5, compressed and checked by MD5, and the board's flash
+#    must hold it.
 #
 # The native programs (merid-devsim, merid_pty_echo and the native scenario)
 # come from NATIVE_BUILD_DIR, by default the asan build beside the MinGW one,
@@ -32,10 +35,11 @@ export WINESERVER
 
 core_tests=$MINGW_DIR/merid_core_tests.exe
 windows_scenario=$MINGW_DIR/tests/windows/merid_windows_integration.exe
+flash_program=$MINGW_DIR/src/cli/merid-flash.exe
 devsim=$NATIVE_DIR/tools/devsim/merid-devsim
 pty_echo=$NATIVE_DIR/tests/windows/merid_pty_echo
 native_scenario=$NATIVE_DIR/tests/windows/merid_native_link_scenario
-for program in "$core_tests" "$windows_scenario" "$devsim" "$pty_echo" "$native_scenario"; do
+for program in "$core_tests" "$windows_scenario" "$flash_program" "$devsim" "$pty_echo" "$native_scenario"; do
     if [ ! -x "$program" ] && [ ! -f "$program" ]; then
         echo "test-windows: missing $program (build the MinGW and the native tree first)" >&2
         exit 1
@@ -176,3 +180,22 @@ if ! cmp -s "$work/native/journal.txt" "$work/wine/journal.txt"; then
     fail "the Windows build put other frames on the wire than the native one"
 fi
 echo "equal: $(wc -l <"$work/wine/journal.txt") lines, $(grep -c '^frame ' "$work/wine/journal.txt") payload frames, $(grep -c '^raw C0 ' "$work/wine/journal.txt") loader frames"
+
+say "merid-flash.exe esp32 -p COM5 on a fresh board"
+# COM5 now leads to a new board: the server reads the ports when it starts.
+"$WINESERVER" -k
+mkdir -p "$work/flash"
+start_serving flash_board_pty "$work/flash/board.port" "$devsim" --esp-flash-out "$work/flash/esp32-flash.bin"
+flash_board_pid=${started[-1]}
+"$WINE" reg add 'HKLM\Software\Wine\Ports' /v COM5 /d "$flash_board_pty" /f >/dev/null
+"$WINESERVER" -w
+"$WINESERVER" -p 2>>"$work/wineserver.log"
+cp "$flash_program" "$WINEPREFIX/drive_c/merid/"
+# Machine code, as a real image is: 128 KiB of the program itself.
+head -c 131072 "$flash_program" >"$work/flash/app.bin"
+timeout 300 "$WINE" 'C:\merid\merid-flash.exe' esp32 -p COM5 "$(windows_path "$work/flash/app.bin")" |
+    tee "$work/flash/output.txt" || fail "merid-flash.exe failed"
+grep -q '^COM5  esp32      131072 .*  verified' "$work/flash/output.txt" || fail "merid-flash.exe: no verified row"
+stop_serving "$flash_board_pid" || fail "the merid-flash run's board exited badly: $(cat "$work/flash/board.port.err")"
+cmp -n 131072 "$work/flash/app.bin" "$work/flash/esp32-flash.bin" || fail "the ESP32 flash differs from the image"
+echo "merid-flash.exe: 128 KiB verified and in the flash at 0"

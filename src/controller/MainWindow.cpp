@@ -1,5 +1,6 @@
 #include "MainWindow.h"
 
+#include "EspSerialFlasherPort.h"
 #include "MeridEspSerialFlasher.h"
 #include "Platform.h"
 #include "PlatformPaths.h"
@@ -135,25 +136,7 @@ MainWindow::MainWindow(BaseObjectType* cobject, const Glib::RefPtr<Gtk::Builder>
 }
 
 MainWindow::~MainWindow() {
-    // Workers first: they use what goes next.
-    eraseTimer.disconnect();
-    if (espFlashThread.joinable()) {
-        espFlashThread.join();
-    }
-    if (reconnectThread.joinable()) {
-        reconnectThread.join();
-    }
-    // A closed link wakes a read that waits for a slow answer, so that the
-    // listener ends at once.
-    if (usb.isConnected()) {
-        usb.disconnect();
-    }
-    if (serialListener) {
-        serialListener->terminate();
-    }
-    if (serialSender) {
-        serialSender->terminate();
-    }
+    tearDown();
     firmwareMethodBox.reset();
     menuBar.reset();
     selectFirmwareBox.reset();
@@ -224,10 +207,13 @@ void MainWindow::initWidgets(Glib::RefPtr<Gtk::Builder>& builder,
     if (deviceListBox && deviceHandler != nullptr) {
         deviceListBox->deviceHandler = deviceHandler;
     }
+    if (connectionDialog) {
+        connectionDialog->signalConnected().connect(sigc::mem_fun(*this, &MainWindow::restartProtocol));
+    }
     if (application) {
         // The program leaves the window to the toolkit at its end; the
         // workers must not outlive the event loop.
-        application->signal_shutdown().connect(sigc::mem_fun(*this, &MainWindow::stopWorkers));
+        application->signal_shutdown().connect(sigc::mem_fun(*this, &MainWindow::tearDown));
     }
     if (!openFileDialog) {
         return;
@@ -245,16 +231,29 @@ void MainWindow::getPlainWidgets() {
     builder->get_widget("AppStatusbar", appStatusbar);
 }
 
-void MainWindow::stopWorkers() {
+// The one end of the window's work, from the toolkit's shutdown or the
+// destructor, whichever comes first. The link closes first, so that every
+// worker's read or write fails at once and nothing waits out a time-out;
+// then the workers are joined, before the objects they use go.
+void MainWindow::tearDown() {
     eraseTimer.disconnect();
-    // A flash or a reconnect under way finishes first: both use the link and
-    // the protocol threads.
+    {
+        std::lock_guard<std::mutex> lock(quitMutex);
+        quitting = true;
+    }
+    quitCondition.notify_all();
+    meridEspSerialFlasherPortSetCancelled(true);
+    closeLink();
     if (espFlashThread.joinable()) {
         espFlashThread.join();
     }
+    meridEspSerialFlasherPortSetCancelled(false);
     if (reconnectThread.joinable()) {
         reconnectThread.join();
     }
+    // The flash worker may have opened the port again just before it saw
+    // the cancel.
+    closeLink();
     if (deviceListBox) {
         deviceListBox->terminate();
     }
@@ -263,6 +262,12 @@ void MainWindow::stopWorkers() {
     }
     if (serialSender) {
         serialSender->terminate();
+    }
+}
+
+void MainWindow::closeLink() {
+    if (usb.isConnected()) {
+        usb.disconnect();
     }
 }
 
@@ -336,6 +341,17 @@ MainWindow::HandlerStatus MainWindow::connectHandler() {
     connectionDialog->show();
     set_sensitive(false);
     return GlobalHandlerEvents::Success;
+}
+
+// A link opened through the dialog: the answers the protocol waited for on
+// the old one will never come, so the next load starts with the search and
+// the erase, not with the step that was cut off.
+void MainWindow::restartProtocol() {
+    log("New link: the protocol starts afresh", BaseLogger::INFO);
+    // The queue must not be cleared under a sender that writes from it; the
+    // next search or load starts it again.
+    serialSender->terminate();
+    payloadHandler->resetState();
 }
 
 MainWindow::HandlerStatus MainWindow::disconnectHandler() {
@@ -789,38 +805,52 @@ void MainWindow::scheduleSerialReconnectAfterReboot() {
 }
 
 // The reconnect worker: the device drops off the link while it reboots and
-// comes back on the same port.
+// comes back on the same port. Each pause ends early when the window quits,
+// and the worker then ends too.
 void MainWindow::runSerialReconnect() {
     // Lets the reboot request leave.
-    std::this_thread::sleep_for(std::chrono::milliseconds(300));
-    serialSender->terminate();
-    serialListener->terminate();
-    if (payloadHandler) {
-        payloadHandler->resetState();
+    if (pauseUnlessQuitting(std::chrono::milliseconds(300))) {
+        serialSender->terminate();
+        serialListener->terminate();
+        if (payloadHandler) {
+            payloadHandler->resetState();
+        }
+        usb.disconnect();
+        // The workers stay stopped when the port does not come back.
+        if (pauseUnlessQuitting(std::chrono::milliseconds(150)) && reconnectSerialPort() &&
+            pauseUnlessQuitting(std::chrono::milliseconds(150)) &&
+            pauseUnlessQuitting(std::chrono::milliseconds(500))) {
+            serialListener->start(false);
+            serialSender->start(false);
+            serialSender->search();
+        }
     }
-    usb.disconnect();
-    std::this_thread::sleep_for(std::chrono::milliseconds(150));
-    // The workers stay stopped when the port does not come back.
-    if (!reconnectSerialPort()) {
-        reconnectScheduled.exchange(false);
-        return;
-    }
-    std::this_thread::sleep_for(std::chrono::milliseconds(150));
-    std::this_thread::sleep_for(std::chrono::milliseconds(500));
-    serialListener->start(false);
-    serialSender->start(false);
-    serialSender->search();
     reconnectScheduled.exchange(false);
 }
 
 bool MainWindow::reconnectSerialPort() {
     for (int attempt = 0; attempt < kReconnectAttempts; ++attempt) {
-        if (usb.connect(UsbCommunication::MethodCom) == UsbTypes::Ok) {
-            return true;
+        {
+            // Under the quit lock: the port is never opened after the
+            // teardown has closed it.
+            std::lock_guard<std::mutex> lock(quitMutex);
+            if (quitting) {
+                return false;
+            }
+            if (usb.connect(UsbCommunication::MethodCom) == UsbTypes::Ok) {
+                return true;
+            }
         }
-        std::this_thread::sleep_for(std::chrono::milliseconds(200));
+        if (!pauseUnlessQuitting(std::chrono::milliseconds(200))) {
+            return false;
+        }
     }
     return false;
+}
+
+bool MainWindow::pauseUnlessQuitting(std::chrono::milliseconds pause) {
+    std::unique_lock<std::mutex> lock(quitMutex);
+    return !quitCondition.wait_for(lock, pause, [this] { return quitting; });
 }
 
 void MainWindow::resetLoadStatus() {
@@ -865,6 +895,9 @@ void MainWindow::updateLoadStatusUi() {
     }
     const unsigned progress = payloadHandler->loadProgress.load();
     showProgress(progress, true);
+    if (payloadHandler->finishUnconfirmed.exchange(false)) {
+        log("The device did not confirm the firmware: the load is not complete", BaseLogger::ERROR);
+    }
 }
 
 // The bar at `value` and the label as the number and "%", or the success

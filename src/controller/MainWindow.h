@@ -18,6 +18,8 @@
 #include <gtkmm.h>
 
 #include <atomic>
+#include <chrono>
+#include <condition_variable>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -75,7 +77,8 @@ private:
     void initWidgets(Glib::RefPtr<Gtk::Builder>& builder, Glib::RefPtr<Gtk::Application>& application);
     void initGlobalHandlersEvents();
     void getPlainWidgets();
-    void stopWorkers();
+    void tearDown();
+    void closeLink();
     void log(const std::string& message, BaseLogger::MessageType type);
 
     // Handlers of the keys the widgets and the protocol raise.
@@ -83,6 +86,7 @@ private:
     HandlerStatus quitAppHandler();
     HandlerStatus connectHandler();
     HandlerStatus disconnectHandler();
+    void restartProtocol();
     HandlerStatus selectStm32Handler();
     HandlerStatus selectEsp32Handler();
     HandlerStatus searchFileHandler(HandlersFuncKeys& key);
@@ -108,6 +112,8 @@ private:
     void scheduleSerialReconnectAfterReboot();
     void runSerialReconnect();
     bool reconnectSerialPort();
+    // Sleeps for `pause`; false when the window quits meanwhile.
+    bool pauseUnlessQuitting(std::chrono::milliseconds pause);
 
     // The load's progress display.
     void resetLoadStatus();
@@ -159,4 +165,8 @@ private:
     std::string espFlashError;
     std::thread reconnectThread;
     std::atomic<bool> reconnectScheduled{false};
+    // Set once by the teardown; the reconnect worker's pauses end on it.
+    std::mutex quitMutex;
+    std::condition_variable quitCondition;
+    bool quitting = false;
 };

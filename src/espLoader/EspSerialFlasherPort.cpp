@@ -17,6 +17,7 @@ using Clock = std::chrono::steady_clock;
 // Set by the flashing worker before it connects; atomic so that a later
 // flash from another thread sees it without a race.
 std::atomic<UsbCommunication*> g_usb{nullptr};
+std::atomic<bool> g_cancelled{false};
 Clock::time_point g_deadline{};
 LoggerManager* g_logger = &LoggerManager::getInstance();
 
@@ -47,12 +48,19 @@ void meridEspSerialFlasherPortSetUsb(UsbCommunication* usb) {
     g_usb = usb;
 }
 
+void meridEspSerialFlasherPortSetCancelled(bool cancelled) {
+    g_cancelled = cancelled;
+}
+
 ESP_LOADER_NAMESPACE_BEGIN
 
 esp_loader_error_t loader_port_write(const uint8_t* data, uint16_t size, uint32_t) {
     UsbCommunication* usb = g_usb;
     if (data == nullptr || size == 0 || usb == nullptr) {
         return ESP_LOADER_ERROR_INVALID_PARAM;
+    }
+    if (g_cancelled) {
+        return ESP_LOADER_ERROR_FAIL;
     }
     // The port keeps its own write limit of 2000 ms.
     const UsbTypes::Status status = usb->write(const_cast<uint8_t*>(data), size);
@@ -67,6 +75,9 @@ esp_loader_error_t loader_port_read(uint8_t* data, uint16_t size, uint32_t timeo
     const Clock::time_point end = Clock::now() + std::chrono::milliseconds(timeout);
     uint16_t got = 0;
     for (;;) {
+        if (g_cancelled) {
+            return ESP_LOADER_ERROR_FAIL;
+        }
         const int64_t left = millisecondsUntil(end);
         if (left < 1) {
             return ESP_LOADER_ERROR_TIMEOUT;
@@ -113,6 +124,9 @@ void loader_port_enter_bootloader() {
     (void)usb->disconnect();
     sleepFor(kSwitchSettle);
     for (int attempt = 0; attempt < kReconnectTries; ++attempt) {
+        if (g_cancelled) {
+            return;
+        }
         if (usb->connect(UsbCommunication::MethodCom) == UsbTypes::Ok) {
             sleepFor(kSwitchSettle);
             return;

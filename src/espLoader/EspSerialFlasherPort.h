@@ -16,3 +16,8 @@ extern const uint8_t kEnterEspFlashingPayload[12];
 
 // The object the port functions use from now on; it stays set.
 void meridEspSerialFlasherPortSetUsb(UsbCommunication* usb);
+
+// While set, every read and write fails at once and the switch to the ROM
+// loader opens the port no more, so that a flash under way ends at its next
+// step. The program sets it when it quits, until its flash worker has ended.
+void meridEspSerialFlasherPortSetCancelled(bool cancelled);

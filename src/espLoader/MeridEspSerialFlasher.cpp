@@ -3,11 +3,17 @@
 #include "EspSerialFlasherPort.h"
 #include "LoggerManager.h"
 #include "esp_loader.h"
+#include "loader_port.h"
+#include "md5_hash.h"
+#include "protocol.h"
 
 #include <algorithm>
+#include <cctype>
 #include <filesystem>
 #include <fstream>
 #include <vector>
+
+#include <zlib.h>
 
 LoggerManager* MeridEspSerialFlasher::loggerManager = &LoggerManager::getInstance();
 
@@ -15,6 +21,11 @@ namespace {
 
 constexpr uint32_t kSmallestBlock = 256;
 constexpr esp_loader_connect_args_t kConnectArgs = {500, 20};
+// The ROM reads the region back to digest it: 8 s per MiB, never below 3 s.
+constexpr uint64_t kMd5MsPerMiB = 8000;
+constexpr uint32_t kMd5LeastMs = 3000;
+constexpr uint32_t kMd5HexDigits = 32;
+const char* const kTag = "EspSerialFlasher: ";
 
 bool fail(std::string* error, const std::string& text) {
     if (error != nullptr) {
@@ -52,6 +63,66 @@ unsigned char percentOf(uint32_t written, uint32_t size) {
     return static_cast<unsigned char>(std::min<uint32_t>(percent, 100));
 }
 
+// The MD5 of the bytes the chip was sent: the image and the 0xFF that pads
+// its last block, in lower-case hexadecimal.
+std::string sentDigest(const std::vector<uint8_t>& image, uint32_t paddedSize) {
+    MD5Context context;
+    MD5Init(&context);
+    MD5Update(&context, image.data(), static_cast<uint32_t>(image.size()));
+    const std::vector<uint8_t> padding(paddedSize - image.size(), 0xFF);
+    MD5Update(&context, padding.data(), static_cast<uint32_t>(padding.size()));
+    uint8_t digest[16];
+    MD5Final(digest, &context);
+    static const char kHex[] = "0123456789abcdef";
+    std::string text;
+    for (const uint8_t byte : digest) {
+        text += kHex[byte >> 4];
+        text += kHex[byte & 15];
+    }
+    return text;
+}
+
+// Asks the ROM for the MD5 of the written region; its 32 hexadecimal digits
+// must match the image's, which goes to `digest`.
+// `paddedSize` covers the 0xFF behind a plain flash's last block; a
+// compressed flash writes the image alone.
+bool verifyFlash(uint32_t address, const std::vector<uint8_t>& image, uint32_t paddedSize,
+                 std::string& digest, std::string* error) {
+    digest = sentDigest(image, paddedSize);
+    loader_port_start_timer(
+        std::max(kMd5LeastMs, static_cast<uint32_t>(uint64_t{paddedSize} * kMd5MsPerMiB / (1u << 20))));
+    uint8_t answer[kMd5HexDigits] = {};
+    const esp_loader_error_t result = loader_md5_cmd(address, paddedSize, answer);
+    if (result != ESP_LOADER_SUCCESS) {
+        return fail(error, "flash MD5 check failed: image MD5 " + digest +
+                               ", no MD5 from the chip (loader_md5_cmd failed: " + std::to_string(result) +
+                               ")");
+    }
+    std::string reported(reinterpret_cast<const char*>(answer), kMd5HexDigits);
+    std::transform(reported.begin(), reported.end(), reported.begin(),
+                   [](char c) { return static_cast<char>(std::tolower(static_cast<unsigned char>(c))); });
+    if (reported != digest) {
+        return fail(error, "flash MD5 mismatch: image MD5 " + digest + ", flash MD5 " + reported);
+    }
+    return true;
+}
+
+// The image as one zlib stream (RFC 1950), which the ROM's inflater takes.
+bool deflateImage(const std::vector<uint8_t>& image, std::vector<uint8_t>& packed) {
+    uLongf size = compressBound(static_cast<uLong>(image.size()));
+    packed.resize(size);
+    if (compress2(packed.data(), &size, image.data(), static_cast<uLong>(image.size()), Z_BEST_COMPRESSION) !=
+        Z_OK) {
+        return false;
+    }
+    packed.resize(size);
+    return true;
+}
+
+std::string failedWith(const char* operation, esp_loader_error_t result) {
+    return std::string(operation) + " failed: " + std::to_string(result);
+}
+
 } // namespace
 
 bool MeridEspSerialFlasher::flashBinary(UsbCommunication& usb, const std::string& path,
@@ -62,8 +133,6 @@ bool MeridEspSerialFlasher::flashBinary(UsbCommunication& usb, const std::string
     if (!readImage(path, image, error)) {
         return false;
     }
-    const auto size = static_cast<uint32_t>(image.size());
-
     meridEspSerialFlasherPortSetUsb(&usb);
 
     esp_loader_connect_args_t args = kConnectArgs;
@@ -73,11 +142,37 @@ bool MeridEspSerialFlasher::flashBinary(UsbCommunication& usb, const std::string
     }
 
     const uint32_t block = std::max(options.blockSize, kSmallestBlock);
-    result = esp_loader_flash_start(options.address, size, block);
-    if (result != ESP_LOADER_SUCCESS) {
-        return fail(error, "esp_loader_flash_start failed: " + std::to_string(result));
+    const bool written = options.compress ? writeCompressed(image, options, block, progress, error)
+                                          : writePlain(image, options, block, progress, error);
+    if (!written) {
+        return false;
     }
+    // Before the finish: a chip that leaves its loader answers nothing more.
+    if (options.verify) {
+        const auto size = static_cast<uint32_t>(image.size());
+        const uint32_t region = options.compress ? size : (size + block - 1) / block * block;
+        std::string digest;
+        if (!verifyFlash(options.address, image, region, digest, error)) {
+            return false;
+        }
+        loggerManager->log("Flash MD5 matches the image: " + digest, BaseLogger::INFO, kTag);
+    }
+    if (options.compress) {
+        finish(esp_loader_flash_deflate_finish(options.reboot), "esp_loader_flash_deflate_finish");
+    } else {
+        finish(esp_loader_flash_finish(options.reboot), "esp_loader_flash_finish");
+    }
+    return true;
+}
 
+bool MeridEspSerialFlasher::writePlain(const std::vector<uint8_t>& image, const FlashOptions& options,
+                                       uint32_t block, const std::function<void(unsigned char)>& progress,
+                                       std::string* error) {
+    const auto size = static_cast<uint32_t>(image.size());
+    esp_loader_error_t result = esp_loader_flash_start(options.address, size, block);
+    if (result != ESP_LOADER_SUCCESS) {
+        return fail(error, failedWith("esp_loader_flash_start", result));
+    }
     std::vector<uint8_t> blockBuffer(block, 0);
     uint32_t written = 0;
     for (;;) {
@@ -85,21 +180,51 @@ bool MeridEspSerialFlasher::flashBinary(UsbCommunication& usb, const std::string
         std::copy_n(image.begin() + written, n, blockBuffer.begin());
         result = esp_loader_flash_write(blockBuffer.data(), n);
         if (result != ESP_LOADER_SUCCESS) {
-            return fail(error, "esp_loader_flash_write failed: " + std::to_string(result));
+            return fail(error, failedWith("esp_loader_flash_write", result));
         }
         written += n;
         if (progress) {
             progress(percentOf(written, size));
         }
         if (written >= size) {
-            break;
+            return true;
         }
     }
+}
 
-    result = esp_loader_flash_finish(options.reboot);
+// The same image as a zlib stream: fewer bytes on the line, the same bytes in
+// the flash. Progress counts the stream.
+bool MeridEspSerialFlasher::writeCompressed(const std::vector<uint8_t>& image, const FlashOptions& options,
+                                            uint32_t block,
+                                            const std::function<void(unsigned char)>& progress,
+                                            std::string* error) {
+    std::vector<uint8_t> packed;
+    if (!deflateImage(image, packed)) {
+        return fail(error, "Can't compress the image");
+    }
+    const auto size = static_cast<uint32_t>(image.size());
+    const auto packedSize = static_cast<uint32_t>(packed.size());
+    esp_loader_error_t result = esp_loader_flash_deflate_start(options.address, size, packedSize, block);
     if (result != ESP_LOADER_SUCCESS) {
-        loggerManager->log("esp_loader_flash_finish failed: " + std::to_string(result), BaseLogger::WARNING,
-                           "EspSerialFlasher: ");
+        return fail(error, failedWith("esp_loader_flash_deflate_start", result));
+    }
+    for (uint32_t sent = 0; sent < packedSize;) {
+        const uint32_t n = std::min(block, packedSize - sent);
+        result = esp_loader_flash_deflate_write(packed.data() + sent, n);
+        if (result != ESP_LOADER_SUCCESS) {
+            return fail(error, failedWith("esp_loader_flash_deflate_write", result));
+        }
+        sent += n;
+        if (progress) {
+            progress(percentOf(sent, packedSize));
+        }
     }
     return true;
+}
+
+// A failed end is no failure of the flash: the image is written.
+void MeridEspSerialFlasher::finish(esp_loader_error_t result, const char* operation) {
+    if (result != ESP_LOADER_SUCCESS) {
+        loggerManager->log(failedWith(operation, result), BaseLogger::WARNING, kTag);
+    }
 }

@@ -30,7 +30,9 @@ public:
     // case; anything else is ignored.
     void applyLevelFromEnvironment();
 
-    // For tests only: reads other classes' reports in-process, type and tag apart; null restores.
+    // Puts `sink` in place of a built-in one, which then gets the reports with
+    // type and tag apart (tests read them in-process, merid-flash hands them
+    // to its log and its parent); null restores.
     void overrideSink(LoggerType type, BaseLogger* sink);
 
     LoggerManager(const LoggerManager&) = delete;

@@ -189,6 +189,9 @@ void PayloadHandler::process(const void* payload, unsigned long long size) {
     messages.erase(entry);
     if (p[2] != 0) {
         log("Message with problem - error code: " + num(p[2]), BaseLogger::WARNING);
+        if (lastCommand == FILE_WRITE_REQ) {
+            reportUnconfirmedFinish();
+        }
         return;
     }
     switch (lastCommand) {
@@ -513,6 +516,7 @@ void PayloadHandler::resetState() {
     attempt = 0;
     packNumber = 0;
     loadProgress.store(0);
+    finishUnconfirmed.store(false);
     clearTransfer();
 }
 
@@ -589,6 +593,7 @@ void PayloadHandler::sendFileWriteReq() {
         } else {
             log("finish file request " + where + which, BaseLogger::INFO);
             fileFinishing = true;
+            finishAwaited = true;
         }
     }
     castCommand(payload, static_cast<unsigned char>(chunkSize + 8), timeout);
@@ -597,7 +602,27 @@ void PayloadHandler::sendFileWriteReq() {
         const float share = static_cast<float>(fileOffset) / static_cast<float>(fileSize);
         percent = static_cast<std::uint8_t>(static_cast<long long>(share * 100.0) % 256);
     }
-    loadProgress.store(percent);
+    // 100 is the device's confirmation of the finish step, never the step
+    // itself: until then the bar keeps the last value below it.
+    if (percent < 100) {
+        loadProgress.store(percent);
+    }
+    GlobalHandlerEvents::getInstance()._executeHandler(UPDATE_LOADING_STATUS);
+}
+
+void PayloadHandler::onResponseTimeout() {
+    std::lock_guard<std::recursive_mutex> lock(stateMutex());
+    reportUnconfirmedFinish();
+}
+
+// A refused or unanswered finish step, told to the window once for each
+// time the step went out.
+void PayloadHandler::reportUnconfirmedFinish() {
+    if (!finishAwaited) {
+        return;
+    }
+    finishAwaited = false;
+    finishUnconfirmed.store(true);
     GlobalHandlerEvents::getInstance()._executeHandler(UPDATE_LOADING_STATUS);
 }
 
@@ -650,6 +675,7 @@ void PayloadHandler::completeTransfer() {
 void PayloadHandler::clearTransfer() {
     fileErased = false;
     fileFinishing = false;
+    finishAwaited = false;
     fileData.clear();
     fileData.shrink_to_fit();
     fileDevice = 0;

@@ -96,6 +96,8 @@ public:
     void sendFileWriteReq();
     static unsigned int getDefaultTimeout();
     void resetState();
+    // The listener's read ended without an answer.
+    void onResponseTimeout();
 
     DeviceHandler& getDeviceHandler();
 
@@ -109,7 +111,11 @@ public:
     PayloadReceiveState getReceiveState() const;
 
     // The percentage of a file transfer; the window reads it from the UI thread.
+    // It reaches 100 only when the device has confirmed the finish step.
     std::atomic<std::uint8_t> loadProgress{0};
+    // Set when the device refused the finish step or left it unanswered; the
+    // window takes it when it shows the progress.
+    std::atomic<bool> finishUnconfirmed{false};
 
 private:
     // The protocol state below is reached by the UI thread (a flow's first
@@ -125,6 +131,7 @@ private:
     void processFileInfo(const unsigned char* p, std::uint8_t device, std::uint8_t field);
     void processFileWrite(std::uint8_t device, std::uint8_t field);
     void completeTransfer();
+    void reportUnconfirmedFinish();
     void issue(MessageType type, std::uint8_t device, std::uint8_t field);
     bool loadFile(const std::string& path);
     std::uint8_t chunkLimit() const;
@@ -147,6 +154,8 @@ private:
 
     bool fileErased = false;
     bool fileFinishing = false;
+    // The finish step went out and nothing has been told of its answer yet.
+    bool finishAwaited = false;
     std::vector<unsigned char> fileData;
     std::uint8_t fileDevice = 0;
     std::uint8_t fileIndex = 0;

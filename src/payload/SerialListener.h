@@ -69,6 +69,7 @@ private:
         }
         if (result.status == UsbTypes::Status::Timeout) {
             logger.log("Listener timeout waiting for response", BaseLogger::WARNING, tag);
+            handler->onResponseTimeout();
             return;
         }
         // Any other failure reads as a block of `bytes` bytes, which is 0.

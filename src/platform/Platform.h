@@ -1,8 +1,11 @@
 #pragma once
 
+#include <cstddef>
+#include <cstdint>
 #include <ctime>
 #include <optional>
 #include <string>
+#include <vector>
 
 // Everything the program asks of the operating system, outside the serial
 // port, goes through these functions. PlatformPosix.cpp and
@@ -67,6 +70,29 @@ void installSignalReporter(int signalNumber, SignalReporter reporter);
 // The platform's numbers of the abort and segmentation fault signals.
 int abortSignalNumber();
 int segmentationFaultSignalNumber();
+
+// A program started with its standard output on a pipe to this process.
+struct ChildProcess {
+    std::intptr_t process = -1; // the process id, or its handle on Windows
+    std::intptr_t output = -1;  // this process's end of the pipe
+};
+
+// Starts `program` with `arguments` (without the program itself), standard
+// output on a pipe, standard input and error shared with this process.
+// False when it could not be started.
+bool startChild(const std::string& program, const std::vector<std::string>& arguments, ChildProcess& child);
+
+// Reads what the child has written: up to `size` bytes, waiting for at least
+// one. 0 at the end of its output.
+std::size_t readChildOutput(ChildProcess& child, char* buffer, std::size_t size);
+
+// Waits for the child's end and releases it: its exit code, 128 plus the
+// signal number when a signal ended it.
+int waitChild(ChildProcess& child);
+
+// True when the standard output (1) or error (2) is a terminal, which then
+// also takes the cursor movements of ANSI escape sequences.
+bool isTerminal(int stream);
 
 // Ends the process at once: no static destructors, no atexit handlers.
 [[noreturn]] void exitImmediately(int code);

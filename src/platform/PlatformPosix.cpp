@@ -10,8 +10,12 @@
 #include <execinfo.h>
 #include <fcntl.h>
 #include <pthread.h>
+#include <spawn.h>
+#include <sys/wait.h>
 #include <time.h>
 #include <unistd.h>
+
+extern char** environ;
 
 namespace Platform {
 namespace {
@@ -272,6 +276,67 @@ int segmentationFaultSignalNumber() {
 
 void exitImmediately(int code) {
     ::_exit(code);
+}
+
+bool startChild(const std::string& program, const std::vector<std::string>& arguments, ChildProcess& child) {
+    int ends[2] = {-1, -1};
+    if (::pipe2(ends, O_CLOEXEC) != 0) {
+        return false;
+    }
+    std::vector<std::string> words{program};
+    words.insert(words.end(), arguments.begin(), arguments.end());
+    std::vector<char*> argv;
+    for (auto& word : words) {
+        argv.push_back(word.data());
+    }
+    argv.push_back(nullptr);
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_adddup2(&actions, ends[1], STDOUT_FILENO);
+    pid_t pid = -1;
+    const int result = ::posix_spawn(&pid, program.c_str(), &actions, nullptr, argv.data(), environ);
+    posix_spawn_file_actions_destroy(&actions);
+    ::close(ends[1]);
+    if (result != 0) {
+        ::close(ends[0]);
+        return false;
+    }
+    child.process = pid;
+    child.output = ends[0];
+    return true;
+}
+
+std::size_t readChildOutput(ChildProcess& child, char* buffer, std::size_t size) {
+    for (;;) {
+        const ssize_t got = ::read(static_cast<int>(child.output), buffer, size);
+        if (got >= 0) {
+            return static_cast<std::size_t>(got);
+        }
+        if (errno != EINTR) {
+            return 0;
+        }
+    }
+}
+
+int waitChild(ChildProcess& child) {
+    if (child.output >= 0) {
+        ::close(static_cast<int>(child.output));
+        child.output = -1;
+    }
+    int status = 0;
+    pid_t ended = -1;
+    do {
+        ended = ::waitpid(static_cast<pid_t>(child.process), &status, 0);
+    } while (ended < 0 && errno == EINTR);
+    child.process = -1;
+    if (ended < 0) {
+        return -1;
+    }
+    return WIFSIGNALED(status) ? 128 + WTERMSIG(status) : WEXITSTATUS(status);
+}
+
+bool isTerminal(int stream) {
+    return ::isatty(stream) == 1;
 }
 
 } // namespace Platform

@@ -5,6 +5,7 @@
 #include <atomic>
 #include <csignal>
 #include <cstdlib>
+#include <io.h>
 #include <knownfolders.h>
 #include <shlobj.h>
 #include <vector>
@@ -170,6 +171,99 @@ int segmentationFaultSignalNumber() {
 
 void exitImmediately(int code) {
     _exit(code);
+}
+
+namespace {
+
+// One argument as the C runtime of the child splits its command line: in
+// quotes, with the backslashes in front of a quote (or the closing one)
+// doubled.
+std::wstring quoted(const std::string& argument) {
+    const std::wstring text = widen(argument);
+    std::wstring result = L"\"";
+    std::size_t backslashes = 0;
+    for (wchar_t c : text) {
+        if (c == L'\\') {
+            ++backslashes;
+            continue;
+        }
+        result.append(c == L'"' ? backslashes * 2 + 1 : backslashes, L'\\');
+        backslashes = 0;
+        result += c;
+    }
+    result.append(backslashes * 2, L'\\');
+    return result + L"\"";
+}
+
+} // namespace
+
+bool startChild(const std::string& program, const std::vector<std::string>& arguments, ChildProcess& child) {
+    SECURITY_ATTRIBUTES inherit{sizeof(SECURITY_ATTRIBUTES), nullptr, TRUE};
+    HANDLE readEnd = nullptr;
+    HANDLE writeEnd = nullptr;
+    if (!CreatePipe(&readEnd, &writeEnd, &inherit, 0)) {
+        return false;
+    }
+    SetHandleInformation(readEnd, HANDLE_FLAG_INHERIT, 0);
+    std::wstring commandLine = quoted(program);
+    for (const auto& argument : arguments) {
+        commandLine += L" " + quoted(argument);
+    }
+    STARTUPINFOW startup{};
+    startup.cb = sizeof(startup);
+    startup.dwFlags = STARTF_USESTDHANDLES;
+    startup.hStdInput = GetStdHandle(STD_INPUT_HANDLE);
+    startup.hStdOutput = writeEnd;
+    startup.hStdError = GetStdHandle(STD_ERROR_HANDLE);
+    PROCESS_INFORMATION info{};
+    const std::wstring path = widen(program);
+    const BOOL started = CreateProcessW(path.c_str(), commandLine.data(), nullptr, nullptr, TRUE, 0, nullptr,
+                                        nullptr, &startup, &info);
+    CloseHandle(writeEnd);
+    if (!started) {
+        CloseHandle(readEnd);
+        return false;
+    }
+    CloseHandle(info.hThread);
+    child.process = reinterpret_cast<std::intptr_t>(info.hProcess);
+    child.output = reinterpret_cast<std::intptr_t>(readEnd);
+    return true;
+}
+
+std::size_t readChildOutput(ChildProcess& child, char* buffer, std::size_t size) {
+    DWORD got = 0;
+    if (!ReadFile(reinterpret_cast<HANDLE>(child.output), buffer, static_cast<DWORD>(size), &got, nullptr)) {
+        return 0;
+    }
+    return got;
+}
+
+int waitChild(ChildProcess& child) {
+    if (child.output != -1) {
+        CloseHandle(reinterpret_cast<HANDLE>(child.output));
+        child.output = -1;
+    }
+    const HANDLE process = reinterpret_cast<HANDLE>(child.process);
+    WaitForSingleObject(process, INFINITE);
+    DWORD code = 0;
+    const bool known = GetExitCodeProcess(process, &code) != 0;
+    CloseHandle(process);
+    child.process = -1;
+    return known ? static_cast<int>(code) : -1;
+}
+
+bool isTerminal(int stream) {
+    if (_isatty(stream) == 0) {
+        return false;
+    }
+    // The console draws the progress lines in place only with its escape
+    // sequences turned on.
+    const HANDLE console = GetStdHandle(stream == 2 ? STD_ERROR_HANDLE : STD_OUTPUT_HANDLE);
+    DWORD mode = 0;
+    if (GetConsoleMode(console, &mode)) {
+        SetConsoleMode(console, mode | ENABLE_VIRTUAL_TERMINAL_PROCESSING);
+    }
+    return true;
 }
 
 } // namespace Platform

@@ -93,6 +93,10 @@ UsbTypes::Status SerialPortWindows::openPort(std::string& name) {
         const DWORD error = GetLastError();
         logger->log("Error opening port " + name + " (CreateFileA err=" + std::to_string(error) + ")",
                     BaseLogger::ERROR, kTag);
+        if (error == ERROR_ACCESS_DENIED) {
+            logger->log("Port " + name + " is held by another program; close it there and try again",
+                        BaseLogger::WARNING, kTag);
+        }
         return UsbTypes::NotAvailable;
     }
     SetupComm(opened, kQueueSize, kQueueSize);

@@ -153,6 +153,7 @@ void ConnectionDialog::connectStep() {
     }
     if (connect() == 0) {
         log("Connection success", BaseLogger::INFO);
+        connected.emit();
         hide();
     } else {
         log("Connection failed (see SerialPort/UsbCommunication logs for details)", BaseLogger::ERROR);

@@ -45,6 +45,9 @@ public:
     void resetUsbList(std::vector<std::string>& list);
     void redefinitionLabeles();
     void definitionDefaultValues();
+    // Emitted when the connect button has opened the link, before the
+    // dialog hides.
+    sigc::signal<void()>& signalConnected() { return connected; }
 
 private:
     void connectStep();
@@ -74,6 +77,7 @@ private:
     UsbCommunication* usbCommunication = nullptr;
     std::vector<std::string> usbList;
     bool isConnected = false;
+    sigc::signal<void()> connected;
 };
 
 } // namespace MeridKestalWidgets

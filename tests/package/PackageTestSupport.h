@@ -13,12 +13,14 @@ namespace packagetest {
 // Every file that an installation puts under its prefix.
 inline const std::vector<std::string> kInstalledFiles = {
     "bin/MeridKestalUtility",
+    "bin/merid-flash",
     "share/applications/meridkestalutility.desktop",
     "share/doc/meridkestalutility/README.md",
     "share/doc/meridkestalutility/examples/70-meridkestalutility.rules",
     "share/icons/hicolor/256x256/apps/meridkestalutility.png",
     "share/icons/hicolor/scalable/apps/meridkestalutility.svg",
     "share/man/man1/MeridKestalUtility.1.gz",
+    "share/man/man1/merid-flash.1.gz",
     "share/metainfo/org.meridkestal.meridkestalutility.metainfo.xml",
 };
 

@@ -65,9 +65,10 @@ TEST_F(FileTransferTest, EraseWritesInChunksByTheFileSizeAndFinish) {
         }
         expected.push_back(0);
         EXPECT_EQ(chunks, expected) << size;
-        // The erase step shows 0; the finish step 100, or 0 for an empty file.
+        // The erase step shows 0; the finish step keeps the last value below
+        // 100, which only the device's answer to it brings.
         EXPECT_EQ(progress.front(), 0);
-        EXPECT_EQ(progress.back(), size == 0 ? 0 : 100);
+        EXPECT_LT(progress.back(), 100);
         if (size == 100) {
             // 32 / 100 in single precision is a hair below 0.32: the cut gives 31.
             EXPECT_EQ(progress[2], 31);

@@ -539,9 +539,20 @@ EspRomSimulator::Bytes EspRomSimulator::flashData(const Request& request) {
     }
     std::memcpy(flashMemory.data() + at, request.data(), writeBlockSize);
     ++writeAccepted;
+    if (writeAccepted == writeBlocks) {
+        corruptWritten(writeBlocks * writeBlockSize);
+    }
     nextSequence = request.word(1) + 1;
     ++count.dataBlocks;
     return answer(op);
+}
+
+// A flash that lost a bit after the write: the byte in the middle of the
+// run is inverted, so only a read-back can tell.
+void EspRomSimulator::corruptWritten(std::uint32_t size) {
+    if (faults.corruptFlash && size > 0) {
+        flashMemory[writeOffset + size / 2] ^= 0xFF;
+    }
 }
 
 EspRomSimulator::Bytes EspRomSimulator::deflateData(const Request& request) {
@@ -569,6 +580,7 @@ EspRomSimulator::Bytes EspRomSimulator::deflateData(const Request& request) {
         const int result = inflate(&z, Z_NO_FLUSH);
         inflated = static_cast<std::uint32_t>(z.next_out - flashMemory.data()) - writeOffset;
         if (result == Z_STREAM_END) {
+            corruptWritten(inflated);
             break;
         }
         if (result != Z_OK && result != Z_BUF_ERROR) {

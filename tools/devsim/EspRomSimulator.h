@@ -45,6 +45,7 @@ public:
         unsigned garbageBytes = 0;     // stray bytes (never C0) in front of each answer frame
         unsigned spiBusyPolls = 0;     // readings of the SPI cmd register that still show busy
         bool silent = false;           // no answers at all
+        bool corruptFlash = false;     // one byte of each finished write run changed in the flash
     };
 
     struct Counters {
@@ -119,6 +120,7 @@ private:
     void streamNext(std::vector<Bytes>& replies);
     bool dataIsWhole(const Request& request, Bytes& refusal);
     bool takeDataFault();
+    void corruptWritten(std::uint32_t size);
     void md5(std::uint32_t offset, std::uint32_t size, std::uint8_t digest[16]);
     void eraseRange(std::uint32_t offset, std::uint32_t size);
     Bytes answer(std::uint8_t opcode, std::uint32_t value = 0, const Bytes& data = {});

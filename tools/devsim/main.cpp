@@ -60,6 +60,7 @@ void usage(std::ostream& out) {
            "  --esp-fail-error CODE  ...with this error code (default 0xC1)\n"
            "  --esp-garbage N        N stray bytes before every answer frame\n"
            "  --esp-spi-busy N       the SPI controller reads busy N more times\n"
+           "  --esp-corrupt-flash    change one byte of the flash after each write run\n"
            "  --esp-flash-out FILE   on exit, write the ESP32's whole flash to FILE\n"
            "  --help                 this text\n";
 }
@@ -313,6 +314,8 @@ int main(int argc, char** argv) {
         } else if (arg == "--esp-spi-busy") {
             value(0, 1000, number);
             espFaults.spiBusyPolls = static_cast<unsigned>(number);
+        } else if (arg == "--esp-corrupt-flash") {
+            espFaults.corruptFlash = true;
         } else if (arg == "--esp-flash-out") {
             espFlashOut = text();
         } else {

@@ -1,0 +1,229 @@
+// merid-flash run as people and scripts run it, against simulated boards:
+// each subcommand, a gang with one failing board, and the bad input that
+// must end the run before anything reaches a board.
+#include "DeviceSimulator.h"
+#include "EspRomBridge.h"
+#include "SimDevice.h"
+#include "TestSupport.h"
+#include "UsbCommunication.h"
+
+#include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
+
+#include <sys/wait.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <memory>
+#include <sstream>
+
+using testsupport::Bytes;
+
+namespace {
+
+struct Outcome {
+    int exitCode = -1;
+    std::string out;
+    std::string err;
+};
+
+// One simulated board: the payload device at address 2 and the ESP32
+// behind the enter frame.
+struct Board {
+    Board() {
+        EspRomBridge::install(simulator, chip);
+        simulator.addDevice(SimDevice::standard(2, "MeridKestal STM32"));
+        started = simulator.start();
+    }
+    ~Board() { simulator.stop(); }
+    const std::string& port() const { return simulator.slavePath(); }
+
+    DeviceSimulator simulator;
+    std::shared_ptr<EspRomSimulator> chip = std::make_shared<EspRomSimulator>();
+    bool started = false;
+};
+
+class FlashProgram : public ::testing::Test {
+protected:
+    void SetUp() override {
+        for (auto& board : boards) {
+            board = std::make_unique<Board>();
+            ASSERT_TRUE(board->started) << board->simulator.lastError();
+        }
+        // Machine code, as a real image is: a slice of this test program.
+        const std::string self = testsupport::readFile("/proc/self/exe");
+        ASSERT_GT(self.size(), 0x12000u);
+        image.assign(self.begin() + 0x1000, self.begin() + 0x1000 + 0x11000);
+        ASSERT_TRUE(testsupport::writeFile(imagePath, image));
+    }
+
+    // merid-flash with `arguments`, both outputs kept.
+    Outcome run(const std::string& arguments) {
+        const std::string out = dir.path() + "/out.txt", err = dir.path() + "/err.txt";
+        const std::string command =
+            std::string(MERID_FLASH_PATH) + " " + arguments + " >" + out + " 2>" + err;
+        const int status = std::system(command.c_str());
+        Outcome result;
+        result.exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+        result.out = testsupport::readFile(out);
+        result.err = testsupport::readFile(err);
+        return result;
+    }
+
+    static std::vector<nlohmann::json> jsonLines(const std::string& text) {
+        std::vector<nlohmann::json> objects;
+        std::istringstream lines(text);
+        for (std::string line; std::getline(lines, line);) {
+            objects.push_back(nlohmann::json::parse(line));
+        }
+        return objects;
+    }
+
+    testsupport::TempDir dir;
+    std::unique_ptr<Board> boards[3];
+    Bytes image;
+    const std::string imagePath = dir.path() + "/app.bin";
+};
+
+} // namespace
+
+TEST_F(FlashProgram, ListsPortsAndSearchesTheBoard) {
+    testsupport::ScopedEnv extra("MERID_EXTRA_PORTS", boards[0]->port() + ":" + boards[1]->port());
+    Outcome ports = run("ports");
+    EXPECT_EQ(ports.exitCode, 0);
+    EXPECT_NE(ports.out.find(boards[0]->port() + "\n"), std::string::npos) << ports.out;
+    EXPECT_NE(ports.out.find(boards[1]->port() + "\n"), std::string::npos) << ports.out;
+
+    Outcome search = run("search --json -p " + boards[0]->port());
+    ASSERT_EQ(search.exitCode, 0) << search.err;
+    const auto found = nlohmann::json::parse(search.out);
+    EXPECT_EQ(found["port"], boards[0]->port());
+    ASSERT_EQ(found["devices"].size(), 1u);
+    EXPECT_EQ(found["devices"][0]["address"], 2);
+    EXPECT_EQ(found["devices"][0]["name"], "MeridKestal STM32");
+    EXPECT_EQ(found["devices"][0]["fields"][0]["name"], "erase");
+}
+
+// Each load lands byte for byte and says so in its table row.
+TEST_F(FlashProgram, LoadsEachTarget) {
+    struct Case {
+        const char* arguments;
+        const char* result;
+        bool compressed;
+    };
+    const Case cases[] = {
+        {"stm32 -b 921600", "confirmed", false},
+        {"esp32 -b 921600", "verified", true},
+        {"esp32 --no-compress --no-verify", "written", false},
+    };
+    std::size_t index = 0;
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.arguments);
+        Board& board = *boards[index++];
+        Outcome load = run(std::string(c.arguments) + " -p " + board.port() + " " + imagePath);
+        EXPECT_EQ(load.exitCode, 0) << load.out << load.err;
+        EXPECT_NE(load.out.find(board.port()), std::string::npos);
+        EXPECT_NE(load.out.find(" 100% "), std::string::npos) << load.out;
+        EXPECT_NE(load.out.find(std::to_string(image.size()) + " "), std::string::npos);
+        EXPECT_EQ(load.out.substr(load.out.rfind("  ") + 2), std::string(c.result) + "\n");
+        if (c.arguments[0] == 's') {
+            EXPECT_EQ(board.simulator.finishedImage(2, 0), image);
+            continue;
+        }
+        EXPECT_EQ(board.chip->flash(0, static_cast<std::uint32_t>(image.size())), image);
+        const auto opcodes = board.chip->opcodes();
+        EXPECT_EQ(std::count(opcodes.begin(), opcodes.end(), 0x11) > 0, c.compressed);
+        EXPECT_EQ(std::count(opcodes.begin(), opcodes.end(), 0x13) > 0, c.compressed); // the MD5 check
+    }
+}
+
+// Three boards at once; the second refuses a block three times over.
+TEST_F(FlashProgram, GangReportsTheFailingBoardAlone) {
+    EspRomSimulator::Faults refuse;
+    refuse.failDataBlock = 3;
+    refuse.failDataCount = 3;
+    boards[1]->chip->setFaults(refuse);
+    Outcome gang = run("esp32 --json -b 921600 -p " + boards[0]->port() + " -p " + boards[1]->port() +
+                       " -p " + boards[2]->port() + " " + imagePath);
+    EXPECT_EQ(gang.exitCode, 1);
+    const auto results = jsonLines(gang.out);
+    ASSERT_EQ(results.size(), 3u) << gang.out;
+    for (std::size_t i = 0; i < 3; ++i) {
+        SCOPED_TRACE(i);
+        EXPECT_EQ(results[i]["port"], boards[i]->port());
+        EXPECT_EQ(results[i]["target"], "esp32");
+        EXPECT_EQ(results[i]["ok"], i != 1);
+    }
+    EXPECT_EQ(results[0]["result"], "verified");
+    EXPECT_EQ(results[0]["bytes"], image.size());
+    EXPECT_EQ(results[2]["result"], "verified");
+    EXPECT_EQ(results[1]["result"], "esp_loader_flash_deflate_write failed: 9");
+    EXPECT_LT(results[1]["bytes"], image.size());
+    EXPECT_EQ(boards[2]->chip->flash(0, static_cast<std::uint32_t>(image.size())), image);
+    // The table, on the standard error beside the JSON, names the port and why.
+    EXPECT_NE(gang.err.find(boards[1]->port() + "  esp32"), std::string::npos) << gang.err;
+    EXPECT_NE(gang.err.find("esp_loader_flash_deflate_write failed: 9\n"), std::string::npos) << gang.err;
+}
+
+// A board pulled out in the middle fails alone; quiet, the run names it in
+// one line, and the log file holds both boards' protocol, each line led by
+// its port.
+TEST_F(FlashProgram, VanishedBoardFailsAloneQuietlyWithTheFullLog) {
+    DeviceSimulator::Faults unplug;
+    unplug.unplugAfterFrames = 40;
+    boards[1]->simulator.setFaults(unplug);
+    const std::string log = dir.path() + "/flash.log";
+    Outcome quiet = run("stm32 -q -b 921600 --log " + log + " -p " + boards[0]->port() + " -p " +
+                        boards[1]->port() + " " + imagePath);
+    EXPECT_EQ(quiet.exitCode, 1);
+    EXPECT_EQ(quiet.out, "");
+    EXPECT_EQ(quiet.err.rfind("merid-flash: " + boards[1]->port() + ": ", 0), 0u) << quiet.err;
+    EXPECT_EQ(std::count(quiet.err.begin(), quiet.err.end(), '\n'), 1) << quiet.err;
+    EXPECT_EQ(boards[0]->simulator.finishedImage(2, 0), image);
+    const std::string lines = testsupport::readFile(log);
+    EXPECT_NE(lines.find(boards[0]->port() + " WARNING PayloadHandler: Firmware transfer complete: "),
+              std::string::npos);
+    EXPECT_NE(lines.find(boards[1]->port() + " INFO PayloadHandler: write file request (device 2, file 0"),
+              std::string::npos);
+}
+
+// Each mistake gets its one line and exit code 2, and no board hears a byte.
+TEST_F(FlashProgram, BadInputEndsTheRunBeforeAnythingIsSent) {
+    ASSERT_TRUE(testsupport::writeFile(dir.path() + "/empty.bin", {}));
+    ASSERT_TRUE(testsupport::writeFile(dir.path() + "/odd.bin", Bytes(1001, 0x5A)));
+    UsbCommunication holder;
+    holder.portName = boards[2]->port();
+    ASSERT_EQ(holder.connect(UsbCommunication::MethodCom), UsbTypes::Ok);
+    const std::string good = boards[0]->port() + " ";
+    struct Case {
+        std::string arguments;
+        std::string line;
+    };
+    const Case cases[] = {
+        {"esp32 -p " + good + dir.path() + "/missing.bin", dir.path() + "/missing.bin: no such file"},
+        {"stm32 -p " + good + dir.path(), dir.path() + ": not a regular file"},
+        {"stm32 -p " + good + dir.path() + "/empty.bin", dir.path() + "/empty.bin: the file is empty"},
+        {"esp32 -p " + good + dir.path() + "/odd.bin",
+         "must be a multiple of 4 bytes long; this one has 1001 bytes"},
+        {"esp32 -p " + good + "-p /dev/merid-none " + imagePath,
+         "Error opening port /dev/merid-none (open err=2"},
+        {"stm32 -p " + good + "-p " + boards[2]->port() + " " + imagePath,
+         "Port " + boards[2]->port() + " is held by another program; close it there and try again"},
+        {"stm32 -p " + good + "-p " + good + imagePath, "port " + boards[0]->port() + " is given twice"},
+        {"esp32 --frob -p " + good + imagePath, "The following argument was not expected: --frob"},
+        {"esp32 -b 1234 -p " + good + imagePath, "unsupported speed 1234"},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.arguments);
+        Outcome bad = run(c.arguments);
+        EXPECT_EQ(bad.exitCode, 2);
+        EXPECT_EQ(bad.out, "");
+        EXPECT_EQ(std::count(bad.err.begin(), bad.err.end(), '\n'), 1) << bad.err;
+        EXPECT_EQ(bad.err.rfind("merid-flash: ", 0), 0u) << bad.err;
+        EXPECT_NE(bad.err.find(c.line), std::string::npos) << bad.err;
+    }
+    for (const auto& board : boards) {
+        EXPECT_EQ(board->simulator.journalSize(), 0u);
+        EXPECT_EQ(board->simulator.bytesReceived(), 0u);
+    }
+}

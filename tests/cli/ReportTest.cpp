@@ -1,0 +1,99 @@
+// What merid-flash writes for people and scripts: the reports of a board's
+// process, the JSON and the table of the end, and the progress lines.
+#include "ProgressView.h"
+#include "Summary.h"
+#include "WorkerReport.h"
+
+#include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
+
+#include <cstdio>
+#include <string>
+
+namespace {
+
+std::string readBack(std::FILE* file) {
+    std::string text;
+    std::rewind(file);
+    for (int c = std::fgetc(file); c != EOF; c = std::fgetc(file)) {
+        text += static_cast<char>(c);
+    }
+    return text;
+}
+
+} // namespace
+
+// Each report survives the pipe, the texts with their blanks and digits.
+TEST(WorkerReport, EveryKindComesBackAsSent) {
+    auto progress = WorkerReport::parse("progress 42 123456");
+    ASSERT_TRUE(progress);
+    EXPECT_EQ(progress->kind, BoardEvent::Kind::Progress);
+    EXPECT_EQ(progress->percent, 42u);
+    EXPECT_EQ(progress->bytes, 123456u);
+    for (const std::string reason : {"", "esp_loader_flash_write failed: 9", "verified"}) {
+        for (const bool ok : {true, false}) {
+            std::string line = WorkerReport::done(ok, reason);
+            line.pop_back();
+            const auto done = WorkerReport::parse(line);
+            ASSERT_TRUE(done) << line;
+            EXPECT_EQ(done->kind, BoardEvent::Kind::Done);
+            EXPECT_EQ(done->ok, ok);
+            EXPECT_EQ(done->text, reason);
+        }
+    }
+    std::string log = WorkerReport::log("WARNING PayloadHandler: Message with problem - error code: 7");
+    log.pop_back();
+    EXPECT_EQ(WorkerReport::parse(log)->text, "WARNING PayloadHandler: Message with problem - error code: 7");
+    for (const char* noise : {"", "progress", "progress x 1", "done", "hello world"}) {
+        EXPECT_FALSE(WorkerReport::parse(noise)) << noise;
+    }
+}
+
+// Port names and reasons with quotes, backslashes and control characters
+// still make valid JSON that reads back as the same text.
+TEST(Summary, JsonAndTableCarryEveryBoard) {
+    BoardResult windows{"\\\\.\\COM10", "esp32", 65536, 2.0, true, "verified"};
+    BoardResult odd{"/tmp/a \"b\"", "stm32", 1000, 0.5, false, "line\tone\nline two \x01"};
+    for (const BoardResult& result : {windows, odd}) {
+        const auto object = nlohmann::json::parse(Summary::json(result));
+        EXPECT_EQ(object["port"], result.port);
+        EXPECT_EQ(object["result"], result.result);
+        EXPECT_EQ(object["ok"], result.ok);
+        EXPECT_EQ(object["bytes"], result.bytes);
+        EXPECT_NEAR(object["kib_per_s"].get<double>(), result.kibPerSecond(), 0.05);
+    }
+    EXPECT_EQ(windows.kibPerSecond(), 32.0);
+    const std::string table = Summary::table({windows, odd});
+    EXPECT_EQ(table.substr(0, table.find('\n')), "PORT        TARGET      BYTES  SECONDS     KIB/S  RESULT");
+    EXPECT_NE(table.find("\n\\\\.\\COM10   esp32       65536     2.00      32.0  verified\n"),
+              std::string::npos)
+        << table;
+}
+
+// Without a terminal a board gets one line per tenth reached, however the
+// reports fall; on a terminal every draw goes back over the boards' lines.
+TEST(ProgressView, TenthsWithoutTerminalRedrawOnOne) {
+    std::FILE* plain = std::tmpfile();
+    ProgressView lines(plain, false, {"A", "BB"}, 1000);
+    for (unsigned percent : {5u, 12u, 19u, 35u, 100u}) {
+        lines.update(0, percent, percent * 10);
+    }
+    lines.update(1, 100, 1000);
+    const std::string text = readBack(plain);
+    EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 4) << text;
+    EXPECT_EQ(text.rfind("A   12%       120/1000 bytes", 0), 0u) << text;
+    EXPECT_NE(text.find("\nBB 100%      1000/1000 bytes"), std::string::npos) << text;
+    std::fclose(plain);
+
+    std::FILE* terminal = std::tmpfile();
+    ProgressView redrawn(terminal, true, {"A", "BB"}, 1000);
+    redrawn.draw();
+    redrawn.update(1, 50, 500);
+    redrawn.draw();
+    redrawn.draw(); // nothing changed: nothing drawn
+    const std::string screen = readBack(terminal);
+    EXPECT_EQ(std::count(screen.begin(), screen.end(), '\n'), 4) << screen;
+    EXPECT_EQ(screen.find("\x1b[2A"), screen.find("\r\x1b[KA    0%", 1) - 4) << screen;
+    EXPECT_NE(screen.find("\r\x1b[KBB  50%       500/1000 bytes"), std::string::npos) << screen;
+    std::fclose(terminal);
+}
