@@ -48,16 +48,17 @@ void BoardLoadTest::TearDown() {
 void BoardLoadTest::plugBoard() {
     board.stop();
     ASSERT_TRUE(board.start()) << board.lastError();
+    ASSERT_TRUE(board.createLink(portName())) << board.lastError();
     extraPorts.reset();
-    extraPorts = std::make_unique<testsupport::ScopedEnv>("MERID_EXTRA_PORTS", board.slavePath());
+    extraPorts = std::make_unique<testsupport::ScopedEnv>("MERID_EXTRA_PORTS", portName());
 }
 
 void BoardLoadTest::connect() {
     ui->get<Gtk::MenuItem>("ConnectImageMenuItem")->activate();
     auto* ports = ui->get<Gtk::ComboBoxText>("PortsListComboTextBox");
     // The machine's own ports may be listed beside the simulated one.
-    ports->set_active_text(board.slavePath());
-    ASSERT_EQ(ports->get_active_text(), board.slavePath());
+    ports->set_active_text(portName());
+    ASSERT_EQ(ports->get_active_text(), portName());
     ui->get<Gtk::ComboBoxText>("BaudratesListComboTextBox")->set_active_text("921600");
     ui->get<Gtk::Button>("DialogConnectButton")->clicked();
     // Only a connect that worked hides the dialog.

@@ -39,9 +39,10 @@ protected:
     void SetUp() override;
     void TearDown() override;
 
-    // The board on a fresh pseudo-terminal; after an unplug the devices,
-    // their images and the ESP32's flash stay.
+    // The board on a fresh pseudo-terminal under the same port name; after
+    // an unplug the devices, their images and the ESP32's flash stay.
     void plugBoard();
+    std::string portName() const { return files.path() + "/ttyMerid0"; }
     // Connection > Connect, the board's port, 921600 baud, the connect button.
     void connect();
     // The file button the user can reach, answered in the file dialog.

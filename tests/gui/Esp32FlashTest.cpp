@@ -13,6 +13,14 @@ using testsupport::ToolkitLoop;
 namespace {
 
 constexpr std::size_t kMiB = 1u << 20;
+constexpr std::size_t kBlock = 1024;
+
+// The MD5 of `bytes` padded with 0xFF to whole blocks, as the chip is sent them.
+std::string sentMd5(Bytes bytes) {
+    bytes.resize((bytes.size() + kBlock - 1) / kBlock * kBlock, 0xFF);
+    return Glib::Checksum::compute_checksum(Glib::Checksum::CHECKSUM_MD5,
+                                            std::string(bytes.begin(), bytes.end()));
+}
 
 class Esp32Flash : public BoardLoadTest {
 protected:
@@ -75,13 +83,28 @@ TEST_F(Esp32Flash, FailuresLeaveTheBarWhereTheyStoppedAndTheNextFlashWorks) {
     EXPECT_EQ(barValue(), 40.0);
     EXPECT_EQ(statusText(), "40%");
 
-    // The preinstalled image after all that.
+    // A flash that reads back other than it was sent: every block was
+    // taken, yet no success text.
+    faults = EspRomSimulator::Faults{};
+    faults.corruptFlash = true;
+    chip->setFaults(faults);
+    pressUpload();
+    // The simulator inverts the byte in the middle of the written region.
+    Bytes corrupted = bytes;
+    corrupted.resize(3 * kBlock, 0xFF);
+    corrupted[corrupted.size() / 2] ^= 0xFF;
+    expectFailure("flash MD5 mismatch: image MD5 " + sentMd5(bytes) + ", flash MD5 " + sentMd5(corrupted));
+    EXPECT_EQ(statusText(), "100%");
+
+    // The preinstalled image after all that, its digest confirmed.
     chip->setFaults(EspRomSimulator::Faults{});
     const Bytes image = guitest::resourceBytes("/meridkestalutility/firmware/merid_firmware.bin");
     ASSERT_EQ(image.size(), 1803184u);
     ui->get<Gtk::Switch>("FirmwareSourceModeSwitch")->set_active(true);
     pressUpload();
     expectFlashOf(image);
+    EXPECT_TRUE(captured->contains("EspSerialFlasher: Flash MD5 matches the image: " + sentMd5(image),
+                                   BaseLogger::INFO));
 }
 
 TEST_F(Esp32Flash, AMebibyteHoldsTheWindowAndLandsAfterAnUnplugAndAReconnect) {

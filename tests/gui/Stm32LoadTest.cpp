@@ -122,27 +122,51 @@ TEST_F(Stm32Load, WaitsForASilentBoardEndAndLeaveTheBarAlone) {
     expectLoadOf(bytes);
 }
 
-TEST_F(Stm32Load, UnpluggedDuringTheTransferTheBarStopsAndALaterLoadSucceeds) {
+TEST_F(Stm32Load, ARefusedFinishLeavesNoSuccessTextAndTheNextLoadLands) {
+    const Bytes bytes = makeImage(1000, 5);
+    connect();
+    pickFile(writeFile("small.bin", bytes));
+    // The erase step and the 32 chunks pass; the finish step is refused.
+    board.failNext(kFileWriteReq, 5, 1, 33);
+    pressUpload();
+    ASSERT_TRUE(ToolkitLoop::runUntil(
+        [&] {
+            return captured->contains("MainWindow: The device did not confirm the firmware",
+                                      BaseLogger::ERROR);
+        },
+        std::chrono::seconds(30)));
+    EXPECT_TRUE(
+        captured->contains("PayloadHandler: Message with problem - error code: 5", BaseLogger::WARNING));
+    ToolkitLoop::runFor(std::chrono::milliseconds(300));
+    EXPECT_LT(barValue(), 100.0);
+    EXPECT_EQ(statusText(), std::to_string(static_cast<int>(barValue())) + "%");
+    EXPECT_EQ(captured->count("did not confirm the firmware"), 1u);
+
+    pressUpload();
+    expectLoadOf(bytes);
+}
+
+TEST_F(Stm32Load, ACablePulledAtAThirdThenAFreshBoardOnTheSamePortTakesTheWholeImage) {
     const Bytes bytes = makeImage(kStm32ImageSize, 17);
     connect();
     pickFile(writeFile("stm32.bin", bytes));
     pressUpload();
-    ASSERT_TRUE(watch([&] { return barValue() >= 20; }).finished);
+    ASSERT_TRUE(watch([&] { return barValue() >= 30; }).finished);
     board.unplug();
     ToolkitLoop::runFor(std::chrono::milliseconds(1500));
-    const double stoppedAt = barValue();
-    EXPECT_LT(stoppedAt, 100.0);
-    ToolkitLoop::runFor(std::chrono::milliseconds(500));
-    EXPECT_EQ(barValue(), stoppedAt);
+    EXPECT_LT(barValue(), 100.0);
     EXPECT_NE(statusText(), kFlashedText);
     EXPECT_TRUE(windowSensitive());
 
-    // Plugged in again (a new port) and connected in the dialog: the load
-    // runs from the start.
+    // A board started afresh, with no file open, behind the same port name.
+    board.removeDevice(kAddress);
+    board.addDevice(SimDevice::standard(kAddress, "MeridKestal STM32"));
     plugBoard();
     connect();
     pressUpload();
     expectLoadOf(bytes);
+    EXPECT_EQ(board.counters(kAddress)->writesWithoutErase, 0u);
+    EXPECT_EQ(board.counters(kAddress)->finishMismatches, 0u);
 }
 
 // The reboot that none of the window's own flows asks for: the field set on
