@@ -28,6 +28,12 @@ public:
     bool isViewable(unsigned long window);
     // Asks the window to close, as a window manager's close button does.
     void requestClose(unsigned long window);
+    // A click of the first button at `x`, `y` inside the window, through the
+    // server's input, as a user's mouse would.
+    void click(unsigned long window, int x, int y);
+    // Gives the window the keyboard, then presses and releases the key
+    // named like an X keysym ("F10", "Down", "Return").
+    void pressKey(unsigned long window, const char* keysym);
 
 private:
     bool matches(unsigned long window, pid_t pid, const std::string& title);
