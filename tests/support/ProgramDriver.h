@@ -25,8 +25,14 @@ public:
     void upload() { x11.click(*mainWindow, 380, 111); }
     // The ESP32 as the target and its preinstalled image as the source.
     void choosePreinstalledEsp32();
-    // Connection > Quit from the keyboard.
-    void quitFromMenu();
+    // Connection > Quit from the keyboard: the menu opened on its last
+    // entry, then that entry taken.
+    void quitFromMenu() {
+        openQuitEntry();
+        takeMenuEntry();
+    }
+    void openQuitEntry();
+    void takeMenuEntry() { x11.pressKey(*mainWindow, "Return"); }
     // The window's close button.
     void closeWindow() { x11.requestClose(*mainWindow); }
 
