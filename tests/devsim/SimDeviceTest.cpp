@@ -9,23 +9,15 @@
 
 using Bytes = std::vector<std::uint8_t>;
 
-TEST(SimDevice, CountsCommandsAndKeepsAFileWrittenInSteps) {
+// File 1: a chunk before any erase, then erase, two chunks, a finish at the
+// wrong offset and one at the right one.
+TEST(SimDevice, KeepsAFileWrittenInStepsAndCountsAWriteBeforeTheErase) {
     SimDevice device = SimDevice::standard(2, "MeridKestal STM32");
-    auto ask = [&](const Bytes& request) {
-        auto response = device.handle(request, 0);
-        return response ? response->payload : Bytes{};
-    };
-    // Set field 0 ("erase") to 0x12345678, then field 1 ("reboot").
-    EXPECT_EQ(ask({1, 2, 3, 0, 8, 0x78, 0x56, 0x34, 0x12}), (Bytes{1, 2, 0}));
-    EXPECT_EQ(ask({2, 2, 3, 1, 8, 1, 0, 0, 0}), (Bytes{2, 2, 0}));
-    EXPECT_EQ(device.fieldValue("erase"), 0x12345678u);
-
-    // File 1: a chunk before any erase, then erase, two chunks, a finish at
-    // the wrong offset and one at the right one.
     auto step = [&](std::uint8_t pack, std::uint8_t offset, const Bytes& chunk) {
         Bytes request{pack, 2, 8, 1, offset, 0, 0, 0};
         request.insert(request.end(), chunk.begin(), chunk.end());
-        return ask(request);
+        auto response = device.handle(request, 0);
+        return response ? response->payload : Bytes{};
     };
     step(3, 0, {9});
     step(4, 0, {});
@@ -33,33 +25,26 @@ TEST(SimDevice, CountsCommandsAndKeepsAFileWrittenInSteps) {
     step(6, 3, {4, 5});
     EXPECT_EQ(step(7, 4, {}), (Bytes{7, 2, SimDevice::kStatusBadRequest}));
     EXPECT_EQ(step(8, 5, {}), (Bytes{8, 2, 0}));
-    ASSERT_TRUE(device.finishedImage(1));
-    EXPECT_EQ(*device.finishedImage(1), (Bytes{1, 2, 3, 4, 5}));
-    const auto counters = device.getCounters();
-    EXPECT_EQ(counters.eraseCommands, 1u);
-    EXPECT_EQ(counters.rebootCommands, 1u);
-    EXPECT_EQ(counters.writesWithoutErase, 1u);
-    EXPECT_EQ(counters.fileErases, 1u);
-    EXPECT_EQ(counters.fileWrites, 3u);
+    EXPECT_EQ(device.finishedImage(1), (Bytes{1, 2, 3, 4, 5}));
+    EXPECT_EQ(device.getCounters().writesWithoutErase, 1u);
 }
 
 namespace {
 
-struct Sink : RawLinkHandler {
+// Takes the recorded bytes and sends nothing back.
+struct Null : RawLinkHandler, SimLink {
     void onBytes(const std::uint8_t*, std::size_t, SimLink&) override {}
-};
-
-struct NoLink : SimLink {
     void send(const std::uint8_t*, std::size_t) override {}
     void leaveRawMode() override {}
 };
 
 } // namespace
 
+// The journal of a run must not depend on how the port cut the bytes.
 TEST(RawLinkRecorder, CutsTheStreamIntoFrames) {
     RawLinkRecorder recorder;
-    auto handler = recorder.wrap([] { return std::make_unique<Sink>(); })();
-    NoLink link;
+    auto handler = recorder.wrap([] { return std::make_unique<Null>(); })();
+    Null link;
     // Noise, a frame split over two blocks, a frame between two ends, and a
     // frame still open at the end.
     const Bytes first{0x41, 0x42, 0xC0, 0x00, 0x08};

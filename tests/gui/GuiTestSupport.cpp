@@ -7,10 +7,8 @@ namespace guitest {
 
 Glib::RefPtr<Gtk::Application>& application() {
     static Glib::RefPtr<Gtk::Application> app = [] {
-        int argc = 1;
-        static char name[] = "merid_gui_tests";
-        static char* args[] = {name, nullptr};
-        char** argv = args;
+        int argc = 0;
+        char** argv = nullptr;
         g_resources_register(merid_ui_get_resource());
         g_resources_register(merid_icons_get_resource());
         g_resources_register(merid_firmware_get_resource());

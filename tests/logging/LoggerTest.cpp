@@ -30,8 +30,9 @@ struct Capture {
     std::streambuf* old;
 };
 
+// In text mode: the log is a text file, with CRLF line ends on Windows.
 std::string readText(const fs::path& path) {
-    std::ifstream in(path, std::ios::binary);
+    std::ifstream in(path);
     return std::string(std::istreambuf_iterator<char>(in), {});
 }
 

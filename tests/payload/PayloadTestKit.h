@@ -1,8 +1,7 @@
 #pragma once
 
-// The payload tests' kit: a bit-by-bit check code, so that the tests do not
-// trust the table they test, and a handler with a capturing log whose queued
-// frames a test takes off and whose requests it answers as a device would.
+// A bit-by-bit check code, so that the tests do not trust the table they test,
+// and a handler whose queued frames a test takes off and answers as a device.
 
 #include "GlobalHandlerEvents.h"
 #include "PayloadHandler.h"
@@ -70,8 +69,8 @@ protected:
     void discover(std::uint8_t address, std::uint8_t fieldCount, const std::string& name = "Board") {
         ask(SEARCH_DEVICES_MSG);
         drain();
-        Bytes payload{pack(), address, 0, 1, 4, 0, 0, fieldCount, 0, 0, 0, 4};
-        payload.push_back(static_cast<std::uint8_t>(name.size()));
+        Bytes payload{
+            pack(), address, 0, 1, 4, 0, 0, fieldCount, 0, 0, 0, 4, static_cast<std::uint8_t>(name.size())};
         payload.insert(payload.end(), name.begin(), name.end());
         payload.resize(76);
         feed(frame(payload));

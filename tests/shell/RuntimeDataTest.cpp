@@ -18,13 +18,12 @@ std::string env(const char* name) {
     return std::getenv(name) != nullptr ? std::getenv(name) : "<unset>";
 }
 
-std::map<std::string, std::string> tree(const fs::path& root) {
-    std::map<std::string, std::string> files;
+// Each file of the tree with its size.
+std::map<std::string, std::uintmax_t> tree(const fs::path& root) {
+    std::map<std::string, std::uintmax_t> files;
     for (const auto& entry : fs::recursive_directory_iterator(root)) {
         if (entry.is_regular_file()) {
-            std::ifstream in(entry.path(), std::ios::binary);
-            files[fs::relative(entry.path(), root).string()] =
-                std::string(std::istreambuf_iterator<char>(in), {});
+            files[fs::relative(entry.path(), root).string()] = entry.file_size();
         }
     }
     return files;
@@ -50,30 +49,23 @@ protected:
 
 } // namespace
 
-// Which of share/, share/glib-2.0/schemas and glib-2.0/schemas exist beside
-// the executable, and what the toolkit's variables then hold.
+// What the toolkit's variables hold as share/, share/glib-2.0/schemas and
+// glib-2.0/schemas appear beside the executable, one after the other.
 TEST_F(RuntimeData, EnvironmentBesideTheExecutable) {
     const std::string base = dir.path();
-    const std::vector<std::tuple<std::vector<std::string>, std::string, std::string>> cases = {
-        {{}, "/before", "/before/schemas"},
-        {{"share"}, base + "/share:", "/before/schemas"},
-        {{"share/glib-2.0/schemas"}, base + "/share:", base + "/share/glib-2.0/schemas"},
-        {{"share/glib-2.0/schemas", "glib-2.0/schemas"}, base + "/share:", base + "/glib-2.0/schemas"},
-        {{"glib-2.0/schemas"}, "/before", base + "/glib-2.0/schemas"},
-    };
-    for (const auto& [dirs, dataDirsStart, schemaDir] : cases) {
+    const std::tuple<std::string, std::string, std::string> cases[] = {
+        {"", "/before", "/before/schemas"},
+        {"share", base + "/share:", "/before/schemas"},
+        {"share/glib-2.0/schemas", base + "/share:", base + "/share/glib-2.0/schemas"},
+        {"glib-2.0/schemas", base + "/share:", base + "/glib-2.0/schemas"}};
+    for (const auto& [sub, dataDirsStart, schemaDir] : cases) {
         ScopedEnv data("XDG_DATA_DIRS", std::string("/before"));
         ScopedEnv schema("GSETTINGS_SCHEMA_DIR", std::string("/before/schemas"));
-        fs::remove_all(base + "/share");
-        fs::remove_all(base + "/glib-2.0");
-        for (const auto& sub : dirs) {
-            fs::create_directories(base + "/" + sub);
-        }
+        fs::create_directories(base + "/" + sub);
         configureRuntimeEnvironmentFor(fs::path(base) / "MeridKestalUtility");
-        const std::string what = ::testing::PrintToString(dirs);
-        EXPECT_EQ(env("XDG_DATA_DIRS").rfind(dataDirsStart, 0), 0u) << what << ": " << env("XDG_DATA_DIRS");
-        EXPECT_EQ(env("GSETTINGS_SCHEMA_DIR"), schemaDir) << what;
-        EXPECT_EQ(env("GTK_DATA_PREFIX"), base) << what;
+        EXPECT_EQ(env("XDG_DATA_DIRS").rfind(dataDirsStart, 0), 0u) << sub << ": " << env("XDG_DATA_DIRS");
+        EXPECT_EQ(env("GSETTINGS_SCHEMA_DIR"), schemaDir) << sub;
+        EXPECT_EQ(env("GTK_DATA_PREFIX"), base) << sub;
     }
     ScopedEnv unsetPrefix("GTK_DATA_PREFIX", std::nullopt);
     configureRuntimeEnvironmentFor(std::nullopt);
@@ -97,52 +89,40 @@ TEST_F(RuntimeData, FailuresAreWarningsInTheEarlyLog) {
 
     const auto lines = logBodies();
     ASSERT_EQ(lines.size(), 3u);
-    EXPECT_TRUE(lines[0].rfind("[WARNING] [GResource] extract failed: /meridkestalutility/none.xpm (", 0) ==
-                    0 &&
-                lines[0].back() == ')')
-        << lines[0];
+    EXPECT_EQ(lines[0].rfind("[WARNING] [GResource] extract failed: /meridkestalutility/none.xpm (", 0), 0u);
     EXPECT_EQ(lines[1], "[WARNING] [FS] mkdir failed: " + underFile.string());
     EXPECT_EQ(lines[2], "[WARNING] [FS] open failed: " + tooLong.string());
 }
 
-// The embedded files written once, with their directories; a file already
-// there, even an empty one left by a crash, is never rewritten.
-TEST_F(RuntimeData, TreeIsMadeOnceAndTheVariablesPointAtIt) {
+// A start without the icon bundle writes the schema file alone and sets only
+// its variable; the next start completes the tree, the one after writes
+// nothing. A file already there, even an empty one left by a crash, stays.
+TEST_F(RuntimeData, TreeIsCompletedByALaterStartButNeverRewritten) {
     const std::string empty = "icons/hicolor/16x16/places/folder.xpm";
+    const std::string schemaDir = (share / "glib-2.0" / "schemas").string();
     fs::create_directories((share / empty).parent_path());
     testsupport::writeFile((share / empty).string(), {});
-    const auto start = [&] {
-        ScopedEnv data("XDG_DATA_DIRS", std::string("/before"));
-        ScopedEnv schema("GSETTINGS_SCHEMA_DIR", std::string("/before/schemas"));
-        ensurePortableRuntimeData();
-        ASSERT_EQ(portableShareDir(), std::optional<fs::path>(share));
-        EXPECT_EQ(env("XDG_DATA_DIRS").rfind(share.string() + ":", 0), 0u) << env("XDG_DATA_DIRS");
-        EXPECT_EQ(env("GSETTINGS_SCHEMA_DIR"), (share / "glib-2.0" / "schemas").string());
-        EXPECT_TRUE(logBodies().empty());
-    };
-    start();
+    shelltest::withoutIconBundle([] { ensurePortableRuntimeData(); });
+    EXPECT_EQ(env("XDG_DATA_DIRS"), "/before");
+    EXPECT_EQ(env("GSETTINGS_SCHEMA_DIR"), schemaDir);
+    EXPECT_EQ(tree(share).size(), 2u);
+    const auto warnings = logBodies();
+    ASSERT_EQ(warnings.size(), 14u);
+    EXPECT_EQ(warnings[0].rfind("[WARNING] [GResource] extract failed: /meridkestalutility/icons/", 0), 0u);
+
+    ensurePortableRuntimeData();
     auto files = tree(share);
     ASSERT_EQ(files.size(), 16u);
-    EXPECT_TRUE(files.at(empty).empty());
-    EXPECT_EQ(files.at("icons/hicolor/index.theme").rfind("[Icon Theme]\nName=hicolor\n", 0), 0u);
-    EXPECT_EQ(files.at("glib-2.0/schemas/gschemas.compiled").rfind("GVariant", 0), 0u);
-
+    EXPECT_EQ(files.at(empty), 0u);
+    const auto index = testsupport::readFile((share / "icons/hicolor/index.theme").string()).value();
+    EXPECT_EQ(std::string(index.begin(), index.end()).rfind("[Icon Theme]\nName=hicolor\n", 0), 0u);
     fs::resize_file(share / "icons/hicolor/index.theme", 1);
-    files["icons/hicolor/index.theme"].resize(1);
-    start();
+    files["icons/hicolor/index.theme"] = 1;
+
+    ScopedEnv data("XDG_DATA_DIRS", std::string("/before"));
+    ensurePortableRuntimeData();
+    EXPECT_EQ(env("XDG_DATA_DIRS").rfind(share.string() + ":", 0), 0u) << env("XDG_DATA_DIRS");
+    EXPECT_EQ(env("GSETTINGS_SCHEMA_DIR"), schemaDir);
     EXPECT_EQ(tree(share), files);
-}
-
-TEST_F(RuntimeData, WithoutTheIconBundleOnlyTheSchemaDirectoryIsSet) {
-    shelltest::withoutIconBundle([] { ensurePortableRuntimeData(); });
-
-    EXPECT_EQ(env("XDG_DATA_DIRS"), "/before");
-    EXPECT_EQ(env("GSETTINGS_SCHEMA_DIR"), (share / "glib-2.0" / "schemas").string());
-    EXPECT_EQ(tree(share).size(), 1u);
-    const auto lines = logBodies();
-    EXPECT_EQ(lines.size(), 15u);
-    for (const auto& line : lines) {
-        EXPECT_EQ(line.rfind("[WARNING] [GResource] extract failed: /meridkestalutility/icons/", 0), 0u)
-            << line;
-    }
+    EXPECT_EQ(logBodies(), warnings);
 }

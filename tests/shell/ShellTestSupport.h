@@ -2,6 +2,7 @@
 
 #include "MeridResources.h"
 
+#include <algorithm>
 #include <fstream>
 #include <functional>
 #include <string>
@@ -9,27 +10,16 @@
 
 namespace shelltest {
 
-// The lines of a text file; with `skip`, less that many first lines and
-// less the early log's time stamp ("2026-11-15T02:29:53Z ") on each.
-inline std::vector<std::string> fileLines(const std::string& path, std::size_t skip = 0) {
-    std::vector<std::string> lines;
+// The early log's lines after its two header lines, without their time
+// stamps ("2026-11-15T02:29:53Z ").
+inline std::vector<std::string> logBodies(const std::string& path) {
+    std::vector<std::string> bodies;
     std::ifstream in(path);
     for (std::string line; std::getline(in, line);) {
-        if (skip > 0) {
-            --skip;
-        } else {
-            lines.push_back(line);
-        }
+        bodies.push_back(line.size() > 21 ? line.substr(21) : "");
     }
-    return lines;
-}
-
-inline std::vector<std::string> logBodies(const std::string& path) {
-    auto lines = fileLines(path, 2);
-    for (auto& line : lines) {
-        line.erase(0, 21);
-    }
-    return lines;
+    bodies.erase(bodies.begin(), bodies.begin() + std::min<std::ptrdiff_t>(2, std::ssize(bodies)));
+    return bodies;
 }
 
 // Registers the four embedded bundles, as the program does at start.
@@ -41,15 +31,13 @@ inline void registerBundles() {
 }
 
 // Runs `action` with the icon bundle out of the process's resources, however
-// often it was registered, and puts it back afterwards.
+// often it was registered, and puts it back afterwards. The first lookup also
+// registers the bundles that wait for it.
 inline void withoutIconBundle(const std::function<void()>& action) {
     int times = 0;
-    // The first lookup also registers the bundles that wait for it.
-    for (GBytes* bytes;
-         times < 16 && (bytes = g_resources_lookup_data("/meridkestalutility/icons/hicolor/index.theme",
-                                                        G_RESOURCE_LOOKUP_FLAGS_NONE, nullptr));
+    for (; times < 16 && g_resources_get_info("/meridkestalutility/icons/hicolor/index.theme",
+                                              G_RESOURCE_LOOKUP_FLAGS_NONE, nullptr, nullptr, nullptr);
          ++times) {
-        g_bytes_unref(bytes);
         g_resources_unregister(merid_icons_get_resource());
     }
     action();

@@ -9,11 +9,7 @@
 // A missing window image does not stop the start and keeps the icon's name;
 // with the bundle in place the image is the embedded 256x256 one.
 TEST(ToolkitSetup, DefaultWindowIconComesFromTheBundleWhenItIsThere) {
-    int argc = 1;
-    char name[] = "shell_toolkit_tests";
-    char* args[] = {name, nullptr};
-    char** argv = args;
-    auto application = Gtk::Application::create(argc, argv, "", Gio::APPLICATION_FLAGS_NONE);
+    auto application = Gtk::Application::create("", Gio::APPLICATION_FLAGS_NONE);
     shelltest::registerBundles();
     testsupport::TempDir dir;
     ASSERT_TRUE(openEarlyLog(dir.path() + "/early.log"));

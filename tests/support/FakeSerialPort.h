@@ -49,12 +49,8 @@ public:
     UsbTypes::IoResult readDataImpl(unsigned char* data, unsigned long long size, int timeoutMs) override {
         lastReadTimeout = timeoutMs;
         UsbTypes::IoResult result;
-        if (!open) {
-            result.status = UsbTypes::ReceiveError;
-            return result;
-        }
-        if (incoming.empty()) {
-            result.status = UsbTypes::Timeout;
+        if (!open || incoming.empty()) {
+            result.status = open ? UsbTypes::Timeout : UsbTypes::ReceiveError;
             return result;
         }
         std::string& next = incoming.front();

@@ -2,6 +2,7 @@
 
 #include "Platform.h"
 
+#include <algorithm>
 #include <atomic>
 #include <ctime>
 #include <filesystem>
@@ -93,23 +94,16 @@ bool CapturingLogger::contains(const std::string& text) {
 
 bool CapturingLogger::contains(const std::string& text, MessageType type) {
     std::lock_guard<std::mutex> lock(mutex);
-    for (const auto& line : captured) {
-        if (line.type == type && (line.tag + line.message).find(text) != std::string::npos) {
-            return true;
-        }
-    }
-    return false;
+    return std::any_of(captured.begin(), captured.end(), [&](const CapturedLine& line) {
+        return line.type == type && (line.tag + line.message).find(text) != std::string::npos;
+    });
 }
 
 std::size_t CapturingLogger::count(const std::string& text) {
     std::lock_guard<std::mutex> lock(mutex);
-    std::size_t n = 0;
-    for (const auto& line : captured) {
-        if ((line.tag + line.message).find(text) != std::string::npos) {
-            ++n;
-        }
-    }
-    return n;
+    return std::count_if(captured.begin(), captured.end(), [&](const CapturedLine& line) {
+        return (line.tag + line.message).find(text) != std::string::npos;
+    });
 }
 
 void CapturingLogger::clear() {
@@ -119,15 +113,13 @@ void CapturingLogger::clear() {
 
 TempDir::TempDir() {
     std::random_device random;
-    auto base = std::filesystem::temp_directory_path();
-    for (;;) {
-        auto candidate = base / ("merid-test-" + std::to_string(random()));
-        std::error_code error;
-        if (std::filesystem::create_directory(candidate, error)) {
-            dir = candidate.string();
-            return;
-        }
-    }
+    const auto base = std::filesystem::temp_directory_path();
+    std::filesystem::path candidate;
+    std::error_code error;
+    do {
+        candidate = base / ("merid-test-" + std::to_string(random()));
+    } while (!std::filesystem::create_directory(candidate, error));
+    dir = candidate.string();
 }
 
 TempDir::~TempDir() {

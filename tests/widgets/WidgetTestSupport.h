@@ -7,8 +7,6 @@
 #include <gtest/gtest.h>
 #include <gtkmm.h>
 
-#include <memory>
-
 namespace widgettest {
 
 // One widget of class `W`, built on the builder object `id` of a fresh copy
@@ -17,7 +15,7 @@ namespace widgettest {
 template <typename W> class DerivedWidgetTest : public ::testing::Test {
 protected:
     explicit DerivedWidgetTest(const char* id) {
-        static const bool ready = [] {
+        [[maybe_unused]] static const bool ready = [] {
             gtk_init(nullptr, nullptr);
             Gtk::Main::init_gtkmm_internals();
             g_resources_register(merid_ui_get_resource());
@@ -25,7 +23,6 @@ protected:
             g_resources_register(merid_firmware_get_resource());
             return true;
         }();
-        (void)ready;
         builder = Gtk::Builder::create_from_resource("/meridkestalutility/ui/UserInterface.glade");
         GlobalHandlerEvents::getInstance().clearAllHandlers();
         W* made = nullptr;

@@ -5,11 +5,8 @@
 #include "TestSupport.h"
 #include "WidgetTestSupport.h"
 
-#include <chrono>
 #include <cstring>
-#include <string>
 #include <thread>
-#include <vector>
 
 using MeridKestalWidgets::DeviceListBox;
 using MeridKestalWidgets::SelectFirmwareBox;

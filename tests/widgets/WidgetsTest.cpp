@@ -10,8 +10,6 @@
 
 #include <filesystem>
 #include <fstream>
-#include <string>
-#include <vector>
 
 using testsupport::CapturingLogger;
 using testsupport::ToolkitLoop;
@@ -43,15 +41,12 @@ protected:
         owner.set_sensitive(false);
     }
 
-    void pressConnect() { child<Gtk::Button>("DialogConnectButton").clicked(); }
-
     FakeSerialPort* port = nullptr;
     std::unique_ptr<UsbCommunication> usb;
     Gtk::Window owner;
 };
 
-class OpenFileDialogTest : public widgettest::DerivedWidgetTest<MeridKestalWidgets::OpenFileDialog> {
-protected:
+struct OpenFileDialogTest : widgettest::DerivedWidgetTest<MeridKestalWidgets::OpenFileDialog> {
     OpenFileDialogTest() : DerivedWidgetTest("OpenFileDialog") {}
 };
 
@@ -96,7 +91,7 @@ TEST_F(ConnectionDialogTest, TheLastPortIsChosenAfterEachResetAndNoneWhenThereIs
     child<Gtk::Button>("ResetSearchPortsButton").clicked();
     EXPECT_EQ(ports(), std::make_pair(std::size_t{1}, std::string("None")));
     CapturingLogger captured;
-    pressConnect();
+    child<Gtk::Button>("DialogConnectButton").clicked();
     EXPECT_TRUE(captured.contains(
         "ConnectionDialog: No COM ports available/selected. Plug the device in and press Reset/Search ports.",
         BaseLogger::ERROR));
@@ -109,7 +104,7 @@ TEST_F(ConnectionDialogTest, AFailedOpenKeepsTheDialogAndAPressWhileConnectedRec
     port->openResult = UsbTypes::NotAvailable;
     open();
     CapturingLogger captured;
-    pressConnect();
+    child<Gtk::Button>("DialogConnectButton").clicked();
     EXPECT_TRUE(captured.contains(
         "ConnectionDialog: Connection failed (see SerialPort/UsbCommunication logs for details)",
         BaseLogger::ERROR));
@@ -118,13 +113,13 @@ TEST_F(ConnectionDialogTest, AFailedOpenKeepsTheDialogAndAPressWhileConnectedRec
 
     port->openResult = UsbTypes::Ok;
     speeds().set_active_text("921600");
-    pressConnect();
+    child<Gtk::Button>("DialogConnectButton").clicked();
     EXPECT_EQ(port->openedName, "/dev/ttyUSB1");
     EXPECT_EQ(port->configuredSpeed, UsbTypes::Baud921600);
     EXPECT_TRUE(owner.get_sensitive());
     open();
     portList().set_active_text("/dev/ttyUSB0");
-    pressConnect();
+    child<Gtk::Button>("DialogConnectButton").clicked();
     EXPECT_EQ(port->closeCalls, 1);
     EXPECT_EQ(port->openedName, "/dev/ttyUSB0");
 
