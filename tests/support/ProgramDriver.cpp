@@ -29,7 +29,11 @@ bool ProgramDriver::connect() {
     if (!dialog) {
         return false;
     }
-    x11.click(*dialog, 150, 162);
+    // The dialog grows with the port's name; its buttons keep to its
+    // bottom right corner.
+    std::this_thread::sleep_for(kSettle);
+    const auto [width, height] = x11.size(*dialog);
+    x11.click(*dialog, width - 198, height - 21);
     const auto deadline = std::chrono::steady_clock::now() + kDialogTimeout;
     while (x11.isViewable(*dialog)) {
         if (std::chrono::steady_clock::now() > deadline) {

@@ -34,6 +34,12 @@ bool X11Windows::isViewable(unsigned long window) {
     return XGetWindowAttributes(display, window, &attributes) != 0 && attributes.map_state == IsViewable;
 }
 
+std::pair<int, int> X11Windows::size(unsigned long window) {
+    XWindowAttributes attributes{};
+    XGetWindowAttributes(display, window, &attributes);
+    return {attributes.width, attributes.height};
+}
+
 bool X11Windows::matches(unsigned long window, pid_t pid, const std::string& title) {
     Atom type = None;
     int format = 0;

@@ -26,6 +26,8 @@ public:
     std::optional<unsigned long> waitForWindow(pid_t pid, const std::string& title,
                                                std::chrono::milliseconds timeout);
     bool isViewable(unsigned long window);
+    // Width and height of the window.
+    std::pair<int, int> size(unsigned long window);
     // Asks the window to close, as a window manager's close button does.
     void requestClose(unsigned long window);
     // A click of the first button at `x`, `y` inside the window, through the
