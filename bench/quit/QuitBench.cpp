@@ -9,14 +9,13 @@
 #include "EspRomSimulator.h"
 #include "ProgramDriver.h"
 #include "ProgramRun.h"
-#include "Sandbox.h"
+#include "TestBasics.h"
 
 #include <benchmark/benchmark.h>
 
 #include <chrono>
 #include <functional>
 #include <memory>
-#include <thread>
 
 using namespace programtest;
 
@@ -29,17 +28,6 @@ constexpr auto kWindowTimeout = std::chrono::seconds(60);
 constexpr auto kExitTimeout = std::chrono::seconds(120);
 
 enum State { Idle, UnansweredSearch, UnansweredErase, Esp32Flash };
-
-bool waitFor(const std::function<bool()>& done) {
-    const auto deadline = Clock::now() + std::chrono::seconds(30);
-    while (!done()) {
-        if (Clock::now() > deadline) {
-            return false;
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
-    return true;
-}
 
 // One run: seconds from the quit to the end of the process, or an error.
 double timeOneQuit(X11Windows& x11, State state, bool fromMenu, std::string& error) {
@@ -82,7 +70,7 @@ double timeOneQuit(X11Windows& x11, State state, bool fromMenu, std::string& err
         program.upload();
         reached = [&] { return chip->counters().dataBlocks >= 1; };
     }
-    if (!waitFor(reached)) {
+    if (!testsupport::waitUntil(reached, std::chrono::seconds(30))) {
         error = "the state was not reached";
         return -1;
     }

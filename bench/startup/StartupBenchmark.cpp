@@ -1,7 +1,6 @@
 // Start-up time: from the start of the program's process to its main window
 // mapped and viewable on the display (run under Xvfb, as `make bench` does).
 #include "ProgramRun.h"
-#include "Sandbox.h"
 #include "X11Windows.h"
 
 #include <benchmark/benchmark.h>

@@ -92,11 +92,10 @@ TEST(DevsimProgram, ServesTheBoardAndWritesWhatItReceivedAtExit) {
 
     ASSERT_EQ(devsim.stop(), 0);
     EXPECT_FALSE(std::filesystem::exists(std::filesystem::symlink_status(link)));
-    EXPECT_EQ(testsupport::readFile(dir.path() + "/device2_file0.bin"), (Bytes{'h', 'i'}));
+    EXPECT_EQ(testsupport::readFile(dir.path() + "/device2_file0.bin"), "hi");
     image.resize(1u << 20, 0xFF);
-    EXPECT_EQ(testsupport::readFile(dir.path() + "/flash.bin"), image);
-    const Bytes bytes = testsupport::readFile(journal).value_or(Bytes{});
-    const std::string text(bytes.begin(), bytes.end());
+    EXPECT_EQ(testsupport::readFile(dir.path() + "/flash.bin"), std::string(image.begin(), image.end()));
+    const std::string text = testsupport::readFile(journal);
     EXPECT_EQ(text.rfind("frame ok 7E 02 01 FF 01 74\n", 0), 0u) << text;
     // The enter frame hands the link over: the loader's port reopened, its first sync.
     EXPECT_NE(text.find("\nframe ok 7E 08 00 02 03 02 08 01 00 00 00 1E\nraw port closed\nraw port opened\n"

@@ -7,7 +7,6 @@
 #include "EspRomSimulator.h"
 #include "ProgramDriver.h"
 #include "ProgramRun.h"
-#include "Sandbox.h"
 #include "TestSupport.h"
 
 #include <gtest/gtest.h>

@@ -8,6 +8,9 @@
 #include "TestSupport.h"
 
 #include <fstream>
+#include <map>
+#include <set>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -30,90 +33,60 @@ protected:
     void SetUp() override {
         guitest::application();
         gMessages.clear();
-        g_log_set_default_handler(
-            [](const gchar* domain, GLogLevelFlags level, const gchar* message, gpointer) {
-                if (domain == nullptr && (level & G_LOG_LEVEL_MESSAGE) != 0) {
-                    gMessages.emplace_back(message);
-                } else {
-                    g_log_default_handler(domain, level, message, nullptr);
-                }
+        handler = g_log_set_handler(
+            nullptr, G_LOG_LEVEL_MESSAGE,
+            [](const gchar*, GLogLevelFlags, const gchar* message, gpointer) {
+                gMessages.emplace_back(message);
             },
             nullptr);
     }
-    void TearDown() override { g_log_set_default_handler(&g_log_default_handler, nullptr); }
+    void TearDown() override { g_log_remove_handler(nullptr, handler); }
 
+    guint handler = 0;
     ScopedEnv glade{"MERID_UI_GLADE", std::nullopt};
 };
 
-struct Text {
-    const char* id;
-    const char* russian;
-    const char* english;
-};
-
-// Every text the widgets set, by the id of the label, button or menu item
-// that shows it.
-const Text kTexts[] = {
-    {"ConnectionLabel", "Подключение", "Connection"},
-    {"ProtocolLabel", "Протокол", "Protocol"},
-    {"TypeConnectionLable", "Тип", "Type"},
-    {"CurrentTypeConnectionLable", "Последовательный", "Serial"},
-    {"PortLabel", "Порт", "Port"},
-    {"BaudrateLabel", "Скорость в бодах", "Baudrate"},
-    {"ConnectionPortPage", "COM", "COM"},
-    {"DeviceListLable", "Список устройств", "Device list"},
-    {"FirmwareMethodLable", "Устройство для прошивки", "Device for flashing"},
-    {"FirmwareSourceModeSwitchLabel", "Использовать предустановленную прошивку", "Use preinstalled firmware"},
-    {"SelectFirmwareBoxEsp32Label", "Путь для прошивки ESP32", "Firmware path for ESP32"},
-    {"SelectFirmwareBoxStm32Label", "Путь для прошивки STM32", "Firmware path for STM32"},
-    {"SelectFirmwareLabel", "Загрузка прошивки", "Upload firmware"},
-    {"DialogConnectButton", "Подключить", "Connect"},
-    {"DialogCloseButton", "Закрыть", "Close"},
-    {"SearchDeviceButton", "Поиск устройств", "Search devices"},
-    {"UploadButton", "Загрузить", "Upload"},
-    {"SelectFirmwareEsp32Button", "Поиск", "Search"},
-    {"SelectFirmwareStm32Button", "Поиск", "Search"},
-    {"ConnectionMenuItem", "Подключение", "Connection"},
-    {"ConnectImageMenuItem", "Подключиться", "Connect"},
-    {"DisconnectImageMenuItem", "Отключиться", "Disconnect"},
-    {"QuitImageMenuItem", "Выход", "Quit"},
-};
-
-std::vector<std::string> comboEntries(Gtk::ComboBoxText* combo) {
-    std::vector<std::string> entries;
-    for (const auto& row : combo->get_model()->children()) {
-        Glib::ustring text;
-        row.get_value(0, text);
-        entries.push_back(text);
+// Every text of the interface in Russian, with its English form; the file
+// dialog's two buttons are named by their response.
+const std::map<std::string, std::string> kEnglish = [] {
+    std::map<std::string, std::string> english;
+    std::istringstream pairs(
+        "Подключение=Connection;Протокол=Protocol;Тип=Type;Последовательный=Serial;Порт=Port;"
+        "Скорость в бодах=Baudrate;COM=COM;Список устройств=Device list;"
+        "Устройство для прошивки=Device for flashing;Загрузка прошивки=Upload firmware;"
+        "Использовать предустановленную прошивку=Use preinstalled firmware;"
+        "Путь для прошивки ESP32=Firmware path for ESP32;"
+        "Путь для прошивки STM32=Firmware path for STM32;Подключить=Connect;Закрыть=Close;"
+        "Поиск устройств=Search devices;Загрузить=Upload;Поиск=Search;Подключиться=Connect;"
+        "Отключиться=Disconnect;Выход=Quit;Открыть=Open;Отмена=Cancel;0%=0%;");
+    for (std::string russian, text; std::getline(pairs, russian, '=') && std::getline(pairs, text, ';');) {
+        english[russian] = text;
     }
-    return entries;
-}
+    return english;
+}();
 
 class WindowWidgets : public ::testing::Test {
 protected:
     void SetUp() override { guitest::application(); }
 
-    // The window's texts, the file dialog's buttons and its filters.
-    void expectLanguage(bool russian) {
-        for (const Text& text : kTexts) {
-            EXPECT_EQ(ui.text(text.id), russian ? text.russian : text.english) << text.id;
+    // The text of every label, button and menu item that shows one, by id.
+    std::map<std::string, std::string> texts() {
+        std::map<std::string, std::string> shown;
+        for (const auto& object : MainWindowTestAccess::builder(ui.window())->get_objects()) {
+            if (dynamic_cast<Gtk::Label*>(object.get()) || dynamic_cast<Gtk::Button*>(object.get()) ||
+                dynamic_cast<Gtk::MenuItem*>(object.get())) {
+                const char* id = gtk_buildable_get_name(GTK_BUILDABLE(object->gobj()));
+                if (!ui.text(id).empty()) {
+                    shown[id] = ui.text(id);
+                }
+            }
         }
         auto* files = ui.get<Gtk::FileChooserDialog>("OpenFileDialog");
-        auto label = [&](int response) {
-            return std::string(
-                dynamic_cast<Gtk::Button*>(files->get_widget_for_response(response))->get_label());
-        };
-        EXPECT_EQ(label(Gtk::RESPONSE_OK), russian ? "Открыть" : "Open");
-        EXPECT_EQ(label(Gtk::RESPONSE_CANCEL), russian ? "Отмена" : "Cancel");
-        std::vector<std::string> filters;
-        for (const auto& filter : files->list_filters()) {
-            filters.push_back(filter->get_name());
+        for (int response : {Gtk::RESPONSE_OK, Gtk::RESPONSE_CANCEL}) {
+            shown["response " + std::to_string(response)] =
+                dynamic_cast<Gtk::Button*>(files->get_widget_for_response(response))->get_label();
         }
-        EXPECT_EQ(filters,
-                  (std::vector<std::string>{"Binar Files (*.bin)", "Hex Files (*.hex)", "All Files (*.*)"}));
-        EXPECT_EQ(dialog()->get_title(), "Connection");
-        EXPECT_EQ(comboEntries(ui.get<Gtk::ComboBoxText>("FirmwareMethodComboBoxText")),
-                  (std::vector<std::string>{"STM32", "ESP32"}));
+        return shown;
     }
 
     void openConnectionDialog() {
@@ -124,8 +97,11 @@ protected:
 
     Gtk::Dialog* dialog() { return ui.get<Gtk::Dialog>("ConnectionDialog"); }
     bool sensitive(const char* id) { return ui.get<Gtk::Widget>(id)->get_sensitive(); }
-    std::string entryText(const char* id) { return ui.get<Gtk::Entry>(id)->get_text(); }
-    std::string tooltip(const char* id) { return ui.get<Gtk::Entry>(id)->get_tooltip_text(); }
+    // What a target's file entry shows: a name, with the full path as its tooltip.
+    std::pair<std::string, std::string> fileEntry(const std::string& target) {
+        auto* entry = ui.get<Gtk::Entry>(("SelectFirmwareSearchEntry" + target).c_str());
+        return {entry->get_text(), entry->get_tooltip_text()};
+    }
     // Which target's file button and entry the user can reach.
     void expectFileControls(bool stm32, bool esp32) {
         EXPECT_EQ(sensitive("SelectFirmwareStm32Button"), stm32);
@@ -194,93 +170,25 @@ TEST_F(MainWindowLoading, TheWindowAppliesTheLogLevelOfTheEnvironment) {
     }
 }
 
-TEST_F(WindowWidgets, RussianAtStartAndTheLanguageSwitchFlipsEveryTextAndBack) {
-    expectLanguage(true);
-    // No mnemonic mark shows in the plain item.
-    EXPECT_EQ(ui.text("ConnectionMenuItem").find('_'), std::string::npos);
-    auto& events = GlobalHandlerEvents::getInstance();
-    ASSERT_EQ(events._executeHandler(SWITCH_LANG), GlobalHandlerEvents::Success);
-    expectLanguage(false);
-    ASSERT_EQ(events._executeHandler(SWITCH_LANG), GlobalHandlerEvents::Success);
-    expectLanguage(true);
-}
-
-TEST_F(WindowWidgets, TheWindowsSizeAndAConnectionDialogThatHoldsItUntilClosedEitherWay) {
-    EXPECT_EQ(ui.window().get_title(), "MeridKestalUtility");
-    ui.window().show();
-    ToolkitLoop::runUntil(
-        [&] { return ui.window().get_mapped() && ui.window().get_allocated_width() >= 500; });
-    EXPECT_EQ(ui.window().get_allocated_width(), 500);
-    EXPECT_EQ(ui.window().get_allocated_height(), 550);
-    openConnectionDialog();
-    // The speeds with 115200 chosen; the type and protocol controls never show.
-    auto* speeds = ui.get<Gtk::ComboBoxText>("BaudratesListComboTextBox");
-    EXPECT_EQ(comboEntries(speeds), (std::vector<std::string>{"57600", "115200", "230400", "460800", "500000",
-                                                              "576000", "921600", "1000000", "2000000"}));
-    EXPECT_EQ(speeds->get_active_text(), "115200");
-    for (const char* id : {"TypeConnectionComboBoxText", "TypeConnectionLable", "ProtocolTypeComboBoxText"}) {
-        EXPECT_FALSE(ui.get<Gtk::Widget>(id)->is_visible()) << id;
+// Each text starts in Russian, and each switch of the language flips all of
+// them.
+TEST_F(WindowWidgets, EveryTextStartsRussianAndTheLanguageSwitchFlipsItAndBack) {
+    auto russian = texts();
+    std::map<std::string, std::string> english;
+    std::set<std::string> shown;
+    for (const auto& [id, text] : russian) {
+        english[id] = kEnglish.contains(text) ? kEnglish.at(text) : "not Russian: " + text;
+        shown.insert(text);
     }
-    EXPECT_TRUE(ui.get<Gtk::Widget>("PortsListComboTextBox")->is_visible());
-    ui.get<Gtk::Button>("DialogCloseButton")->clicked();
-    EXPECT_TRUE(ToolkitLoop::runUntil([&] { return !dialog()->get_visible(); }));
-    EXPECT_TRUE(ui.window().get_sensitive());
-
-    // The window frame's close button: the dialog hides and stays usable.
-    openConnectionDialog();
-    dialog()->close();
-    EXPECT_TRUE(ToolkitLoop::runUntil([&] { return !dialog()->get_visible(); }));
-    EXPECT_TRUE(ui.window().get_sensitive());
+    EXPECT_EQ(shown.size(), kEnglish.size()) << "a text of the table is shown nowhere";
+    for (const auto* expected : {&english, &russian}) {
+        ASSERT_EQ(GlobalHandlerEvents::getInstance()._executeHandler(SWITCH_LANG),
+                  GlobalHandlerEvents::Success);
+        EXPECT_EQ(texts(), *expected);
+    }
 }
 
-TEST_F(WindowWidgets, ChoosingEsp32LeavesOnlyTheEsp32FileControlsSensitive) {
-    auto* method = ui.get<Gtk::ComboBoxText>("FirmwareMethodComboBoxText");
-    EXPECT_EQ(method->get_active_text(), "STM32");
-    expectFileControls(true, false);
-    CapturingLogger captured;
-    method->set_active_text("ESP32");
-    expectFileControls(false, true);
-    EXPECT_TRUE(sensitive("UploadButton"));
-    // The same choice again raises nothing.
-    method->set_active_text("ESP32");
-    EXPECT_EQ(captured.count("Execute handler SELECT_ESP32"), 1u);
-    method->set_active_text("STM32");
-    expectFileControls(true, false);
-}
-
-TEST_F(WindowWidgets, TheUsersFileAndThePreinstalledImagesShowByNameAndTheFileOutlastsTheSwitchAndACancel) {
-    TempDir dir;
-    const std::string image = dir.path() + "/board-image.bin";
-    std::ofstream(image) << "image";
-    ui.answerFileDialog("SelectFirmwareStm32Button", image);
-    EXPECT_EQ(entryText("SelectFirmwareSearchEntryStm32"), "board-image.bin");
-    EXPECT_EQ(tooltip("SelectFirmwareSearchEntryStm32"), image);
-    // Without a file an entry shows a dot and no tooltip.
-    EXPECT_EQ(entryText("SelectFirmwareSearchEntryEsp32"), ".");
-    EXPECT_EQ(tooltip("SelectFirmwareSearchEntryEsp32"), "");
-
-    ui.get<Gtk::Switch>("FirmwareSourceModeSwitch")->set_active(true);
-    const std::string folder = Glib::get_tmp_dir() + "/MeridKestalUtility/firmware/";
-    EXPECT_EQ(entryText("SelectFirmwareSearchEntryEsp32"), "merid_firmware.bin");
-    EXPECT_EQ(entryText("SelectFirmwareSearchEntryStm32"), "Tovik_2.13.319.f75a0c3_aes.bin");
-    EXPECT_EQ(tooltip("SelectFirmwareSearchEntryEsp32"), folder + "merid_firmware.bin");
-    EXPECT_EQ(tooltip("SelectFirmwareSearchEntryStm32"), folder + "Tovik_2.13.319.f75a0c3_aes.bin");
-    expectFileControls(false, false);
-    EXPECT_TRUE(sensitive("UploadButton"));
-
-    ui.get<Gtk::Switch>("FirmwareSourceModeSwitch")->set_active(false);
-    EXPECT_EQ(entryText("SelectFirmwareSearchEntryStm32"), "board-image.bin");
-    EXPECT_EQ(tooltip("SelectFirmwareSearchEntryEsp32"), "");
-    expectFileControls(true, false);
-
-    CapturingLogger captured;
-    ui.answerFileDialog("SelectFirmwareStm32Button", "");
-    EXPECT_TRUE(captured.contains("MainWindow: File not found or path is not set!", BaseLogger::WARNING));
-    EXPECT_TRUE(captured.contains("OpenFileDialog: Error with Open File for STM32!", BaseLogger::ERROR));
-    EXPECT_EQ(tooltip("SelectFirmwareSearchEntryStm32"), image);
-}
-
-TEST_F(WindowWidgets, SearchWithoutALinkLogsAndListsNothing) {
+TEST_F(WindowWidgets, ASearchWithoutALinkAndAConnectionDialogThatHoldsTheWindowUntilClosedEitherWay) {
     CapturingLogger captured;
     ui.get<Gtk::Button>("SearchDeviceButton")->clicked();
     EXPECT_TRUE(captured.contains("MainWindow: Search devices requested, but there is no active COM/USB "
@@ -288,5 +196,57 @@ TEST_F(WindowWidgets, SearchWithoutALinkLogsAndListsNothing) {
                                   BaseLogger::ERROR));
     ToolkitLoop::runFor(std::chrono::milliseconds(300));
     EXPECT_TRUE(ui.get<Gtk::ListBox>("ListDeviceListBox")->get_children().empty());
-    EXPECT_FALSE(captured.contains("DeviceListBox: Thread is started"));
+
+    openConnectionDialog();
+    // 115200 baud chosen; the type and protocol controls never show.
+    EXPECT_EQ(ui.get<Gtk::ComboBoxText>("BaudratesListComboTextBox")->get_active_text(), "115200");
+    for (const char* id : {"TypeConnectionComboBoxText", "TypeConnectionLable", "ProtocolTypeComboBoxText"}) {
+        EXPECT_FALSE(ui.get<Gtk::Widget>(id)->is_visible()) << id;
+    }
+    EXPECT_TRUE(ui.get<Gtk::Widget>("PortsListComboTextBox")->is_visible());
+    // The close button, then the window frame's: the dialog hides and stays usable.
+    ui.get<Gtk::Button>("DialogCloseButton")->clicked();
+    EXPECT_TRUE(ToolkitLoop::runUntil([&] { return !dialog()->get_visible(); }));
+    EXPECT_TRUE(ui.window().get_sensitive());
+    openConnectionDialog();
+    dialog()->close();
+    EXPECT_TRUE(ToolkitLoop::runUntil([&] { return !dialog()->get_visible(); }));
+    EXPECT_TRUE(ui.window().get_sensitive());
+}
+
+// The target's file controls follow the choice; the user's file and the
+// preinstalled images show by name, and the file outlasts the switch and a
+// cancelled dialog.
+TEST_F(WindowWidgets, TheChosenTargetsFileControlsAndTheFileShownByName) {
+    auto* method = ui.get<Gtk::ComboBoxText>("FirmwareMethodComboBoxText");
+    EXPECT_EQ(method->get_active_text(), "STM32");
+    expectFileControls(true, false);
+    method->set_active_text("ESP32");
+    expectFileControls(false, true);
+    EXPECT_TRUE(sensitive("UploadButton"));
+    method->set_active_text("STM32");
+    expectFileControls(true, false);
+
+    TempDir dir;
+    const std::string image = dir.path() + "/board-image.bin";
+    std::ofstream(image) << "image";
+    ui.answerFileDialog("SelectFirmwareStm32Button", image);
+    using Shown = std::pair<std::string, std::string>;
+    EXPECT_EQ(fileEntry("Stm32"), Shown("board-image.bin", image));
+    // Without a file an entry shows a dot and no tooltip.
+    EXPECT_EQ(fileEntry("Esp32"), Shown(".", ""));
+
+    ui.get<Gtk::Switch>("FirmwareSourceModeSwitch")->set_active(true);
+    const std::string folder = Glib::get_tmp_dir() + "/MeridKestalUtility/firmware/";
+    EXPECT_EQ(fileEntry("Esp32"), Shown("merid_firmware.bin", folder + "merid_firmware.bin"));
+    const std::string stm32 = "Tovik_2.13.319.f75a0c3_aes.bin";
+    EXPECT_EQ(fileEntry("Stm32"), Shown(stm32, folder + stm32));
+    expectFileControls(false, false);
+    EXPECT_TRUE(sensitive("UploadButton"));
+
+    ui.get<Gtk::Switch>("FirmwareSourceModeSwitch")->set_active(false);
+    EXPECT_EQ(fileEntry("Esp32"), Shown(".", ""));
+    expectFileControls(true, false);
+    ui.answerFileDialog("SelectFirmwareStm32Button", "");
+    EXPECT_EQ(fileEntry("Stm32"), Shown("board-image.bin", image));
 }

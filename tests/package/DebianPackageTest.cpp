@@ -3,7 +3,6 @@
 // its menu entry starts it, outside the build tree.
 #include "PackageTestSupport.h"
 #include "ProgramRun.h"
-#include "Sandbox.h"
 #include "X11Windows.h"
 
 #include <gtest/gtest.h>
@@ -58,7 +57,7 @@ TEST(DebianPackage, ControlFilesAndTheUnpackedProgramStartingFromItsMenuEntry) {
         run("xprop -id " + std::to_string(*window) + " WM_CLASS").second.find("\"MeridKestalUtility\"\n"),
         std::string::npos);
     const std::string earlyLog =
-        programtest::readFile(sandbox.home() + "/.local/state/MeridKestalUtility/MeridKestalUtility.log");
+        testsupport::readFile(sandbox.home() + "/.local/state/MeridKestalUtility/MeridKestalUtility.log");
     EXPECT_EQ(earlyLog.rfind("=== Application start ===\n", 0), 0u) << earlyLog;
     EXPECT_EQ(earlyLog.find(MERID_SOURCE_DIR), std::string::npos) << earlyLog;
     EXPECT_EQ(earlyLog.find(MERID_BUILD_DIR), std::string::npos) << earlyLog;

@@ -25,13 +25,13 @@ TEST(InstallTree, FilesPermissionsIconAndMenuEntry) {
     }
     const std::string icons = prefix + "/share/icons/hicolor/";
     EXPECT_EQ(programtest::pngSize(icons + "256x256/apps/meridkestalutility.png"), std::make_pair(256, 256));
-    EXPECT_NE(programtest::readFile(icons + "scalable/apps/meridkestalutility.svg").find("<svg"),
+    EXPECT_NE(testsupport::readFile(icons + "scalable/apps/meridkestalutility.svg").find("<svg"),
               std::string::npos);
 
     // The menu entry starts the installed program by name, as a launcher
     // finds it along PATH, under the icon's name and the window's class.
     const std::string entry =
-        programtest::readFile(prefix + "/share/applications/meridkestalutility.desktop");
+        testsupport::readFile(prefix + "/share/applications/meridkestalutility.desktop");
     for (const char* line : {"\nExec=MeridKestalUtility\n", "\nIcon=meridkestalutility\n",
                              "\nStartupWMClass=MeridKestalUtility\n", "\nTerminal=false\n"}) {
         EXPECT_NE(entry.find(line), std::string::npos) << line << entry;

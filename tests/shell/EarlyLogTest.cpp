@@ -36,8 +36,7 @@ TEST(EarlyLog, AppendsAHeaderThenOneFlushedLinePerCall) {
     ASSERT_TRUE(openEarlyLog(path));
     writeLogLine("Test", G_LOG_LEVEL_MESSAGE, "first");
 
-    const auto bytes = testsupport::readFile(path).value();
-    const std::string text(bytes.begin(), bytes.end());
+    const std::string text = testsupport::readFile(path);
     const std::string header = "old\n=== Application start ===\n" + path + "\n";
     ASSERT_EQ(text.substr(0, header.size()), header);
     EXPECT_TRUE(

@@ -2,7 +2,6 @@
 // each run in a sandbox of its own.
 #include "MeridFirmwareImages.h"
 #include "ProgramRun.h"
-#include "Sandbox.h"
 #include "ShellTestSupport.h"
 #include "X11Windows.h"
 

@@ -4,7 +4,6 @@
 
 #include <algorithm>
 #include <deque>
-#include <functional>
 #include <string>
 #include <vector>
 
@@ -27,31 +26,23 @@ public:
     }
 
     bool isOpen() const override { return open; }
-
     bool serialPortConfig(UsbTypes::Baudrate speed) override {
         configuredSpeed = speed;
         return configResult;
     }
-
     void verifyPortSettings() override {}
+    void speedConfig(UsbTypes::Baudrate speed) override { configuredSpeed = speed; }
 
     UsbTypes::IoResult writeDataImpl(unsigned char* data, unsigned long long size) override {
         written.append(reinterpret_cast<const char*>(data), static_cast<std::size_t>(size));
-        if (duringWrite) {
-            duringWrite();
-        }
-        UsbTypes::IoResult result;
-        result.status = writeStatus;
-        result.bytes = writeShortBy < size ? size - writeShortBy : 0;
-        return result;
+        return {writeStatus, size};
     }
 
-    UsbTypes::IoResult readDataImpl(unsigned char* data, unsigned long long size, int timeoutMs) override {
-        lastReadTimeout = timeoutMs;
-        UsbTypes::IoResult result;
+    // Hands out `incoming` one entry at a time, an entry longer than the read
+    // over several reads.
+    UsbTypes::IoResult readDataImpl(unsigned char* data, unsigned long long size, int) override {
         if (!open || incoming.empty()) {
-            result.status = open ? UsbTypes::Timeout : UsbTypes::ReceiveError;
-            return result;
+            return {open ? UsbTypes::Timeout : UsbTypes::ReceiveError, 0};
         }
         std::string& next = incoming.front();
         const std::size_t count = std::min<std::size_t>(next.size(), static_cast<std::size_t>(size));
@@ -60,21 +51,15 @@ public:
         if (next.empty()) {
             incoming.pop_front();
         }
-        result.bytes = count;
-        return result;
+        return {UsbTypes::Ok, count};
     }
-
-    void speedConfig(UsbTypes::Baudrate speed) override { configuredSpeed = speed; }
 
     std::vector<std::string> ports;
     UsbTypes::Status openResult = UsbTypes::Ok;
     UsbTypes::Status closeResult = UsbTypes::Ok;
     bool configResult = true;
     UsbTypes::Status writeStatus = UsbTypes::Ok;
-    unsigned long long writeShortBy = 0;
     std::deque<std::string> incoming;
-    // Runs inside the write, as another thread would at that moment.
-    std::function<void()> duringWrite;
 
     bool open = false;
     int openCalls = 0;
@@ -82,5 +67,4 @@ public:
     std::string openedName;
     UsbTypes::Baudrate configuredSpeed = UsbTypes::Baudrate(0);
     std::string written;
-    int lastReadTimeout = -1;
 };

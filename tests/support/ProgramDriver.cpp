@@ -1,5 +1,7 @@
 #include "ProgramDriver.h"
 
+#include "TestBasics.h"
+
 #include <thread>
 
 namespace programtest {
@@ -34,14 +36,7 @@ bool ProgramDriver::connect() {
     std::this_thread::sleep_for(kSettle);
     const auto [width, height] = x11.size(*dialog);
     x11.click(*dialog, width - 198, height - 21);
-    const auto deadline = std::chrono::steady_clock::now() + kDialogTimeout;
-    while (x11.isViewable(*dialog)) {
-        if (std::chrono::steady_clock::now() > deadline) {
-            return false;
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    }
-    return true;
+    return testsupport::waitUntil([&] { return !x11.isViewable(*dialog); }, kDialogTimeout);
 }
 
 void ProgramDriver::choosePreinstalledEsp32() {

@@ -5,11 +5,6 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <fstream>
-#include <sstream>
-#include <thread>
-#include <vector>
-
 extern char** environ;
 
 namespace programtest {
@@ -27,10 +22,10 @@ ProgramRun::ProgramRun(const std::string& executable, const Environment& overrid
         value ? void(merged[name] = *value) : void(merged.erase(name));
     }
     std::vector<std::string> entries;
+    std::vector<char*> envp;
     for (const auto& [name, value] : merged) {
         entries.push_back(name + "=" + value);
     }
-    std::vector<char*> envp;
     for (auto& entry : entries) {
         envp.push_back(entry.data());
     }
@@ -57,41 +52,19 @@ ProgramRun::~ProgramRun() {
     }
 }
 
-void ProgramRun::sendSignal(int signalNumber) {
-    if (childPid > 0 && !result) {
-        ::kill(childPid, signalNumber);
-    }
-}
-
 std::optional<ProgramExit> ProgramRun::wait(std::chrono::milliseconds timeout) {
-    const auto deadline = std::chrono::steady_clock::now() + timeout;
-    while (!result && childPid > 0) {
-        int status = 0;
-        if (::waitpid(childPid, &status, WNOHANG) == childPid) {
-            result = WIFEXITED(status) ? ProgramExit{true, WEXITSTATUS(status), 0}
-                                       : ProgramExit{false, -1, WIFSIGNALED(status) ? WTERMSIG(status) : 0};
-        } else if (std::chrono::steady_clock::now() >= deadline) {
-            break;
-        } else {
-            std::this_thread::sleep_for(std::chrono::milliseconds(5));
-        }
-    }
+    testsupport::waitUntil(
+        [&] {
+            int status = 0;
+            if (!result && childPid > 0 && ::waitpid(childPid, &status, WNOHANG) == childPid) {
+                result = WIFEXITED(status)
+                             ? ProgramExit{true, WEXITSTATUS(status), 0}
+                             : ProgramExit{false, -1, WIFSIGNALED(status) ? WTERMSIG(status) : 0};
+            }
+            return result.has_value() || childPid <= 0;
+        },
+        timeout);
     return result;
-}
-
-std::string ProgramRun::standardError() const {
-    return readFile(outputDir + "/stderr.txt");
-}
-
-std::string ProgramRun::standardOutput() const {
-    return readFile(outputDir + "/stdout.txt");
-}
-
-std::string readFile(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    std::ostringstream content;
-    content << in.rdbuf();
-    return content.str();
 }
 
 } // namespace programtest

@@ -2,18 +2,15 @@
 
 #include "BaseLogger.h"
 #include "LoggerManager.h"
+#include "TestBasics.h"
 
-#include <chrono>
-#include <cstdint>
-#include <functional>
 #include <mutex>
 #include <optional>
-#include <string>
-#include <vector>
 
 namespace testsupport {
 
-// Sets an environment variable for the life of the object, then restores it.
+// Sets an environment variable (nullopt removes it) for the life of the
+// object, then restores it.
 class ScopedEnv {
 public:
     ScopedEnv(const std::string& name, const std::optional<std::string>& value);
@@ -28,15 +25,10 @@ private:
 
 // Points the system's temporary directory at `dir` (TMPDIR on POSIX, TMP and
 // TEMP on Windows) while the object lives.
-class ScopedTempDirEnv {
-public:
+struct ScopedTempDirEnv {
     explicit ScopedTempDirEnv(const std::string& dir)
         : tmpdir("TMPDIR", dir), tmp("TMP", dir), temp("TEMP", dir) {}
-
-private:
-    ScopedEnv tmpdir;
-    ScopedEnv tmp;
-    ScopedEnv temp;
+    ScopedEnv tmpdir, tmp, temp;
 };
 
 // Pins the loggers' clock to one instant (seconds since the epoch) and the
@@ -60,7 +52,8 @@ struct CapturedLine {
 };
 
 // A sink that keeps every report, put in place of the console sink while it
-// lives, with the manager set to that sink alone at level FULL.
+// lives, with the manager set to that sink alone at level FULL. Text is
+// looked for in the tag and message together, of any type unless one is given.
 class CapturingLogger : public BaseLogger {
 public:
     CapturingLogger();
@@ -68,37 +61,15 @@ public:
     void log(const std::string& message, MessageType type, const std::string& tag) override;
 
     std::vector<CapturedLine> lines();
-    bool contains(const std::string& text);
-    bool contains(const std::string& text, MessageType type);
-    std::size_t count(const std::string& text);
+    std::size_t count(const std::string& text, std::optional<MessageType> type = std::nullopt);
+    bool contains(const std::string& text, std::optional<MessageType> type = std::nullopt) {
+        return count(text, type) > 0;
+    }
     void clear();
 
 private:
     std::mutex mutex;
     std::vector<CapturedLine> captured;
 };
-
-// A fresh directory under the temporary directory, removed with the object.
-class TempDir {
-public:
-    TempDir();
-    ~TempDir();
-    const std::string& path() const { return dir; }
-
-private:
-    std::string dir;
-};
-
-using Bytes = std::vector<std::uint8_t>;
-
-// Writes `bytes` to `path`, replacing the file; false when it cannot.
-bool writeFile(const std::string& path, const Bytes& bytes);
-// The whole file, or nothing when it cannot be read.
-std::optional<Bytes> readFile(const std::string& path);
-
-// Polls `done` every two milliseconds until it holds or `timeout` passes;
-// what it returned last.
-bool waitUntil(const std::function<bool()>& done,
-               std::chrono::milliseconds timeout = std::chrono::seconds(20));
 
 } // namespace testsupport

@@ -1,32 +1,39 @@
 #include "X11Windows.h"
 
+#include "TestBasics.h"
+
 #include <X11/Xatom.h>
 #include <X11/Xlib.h>
 #include <X11/extensions/XTest.h>
 
-#include <cstring>
-#include <fstream>
-#include <thread>
-
 namespace programtest {
-namespace {
-
-// Windows of other processes come and go while the tests look at them; a
-// request on one that is gone only means it is not ours.
-int ignoreXError(Display*, XErrorEvent*) {
-    return 0;
-}
-
-} // namespace
 
 X11Windows::X11Windows() : display(XOpenDisplay(nullptr)) {
-    XSetErrorHandler(&ignoreXError);
+    // Windows of other processes come and go while the tests look at them; a
+    // request on one that is gone only means it is not ours.
+    XSetErrorHandler([](Display*, XErrorEvent*) { return 0; });
 }
 
 X11Windows::~X11Windows() {
     if (display != nullptr) {
         XCloseDisplay(display);
     }
+}
+
+bool X11Windows::matches(unsigned long window, pid_t pid, const std::string& title) {
+    Atom type = None;
+    int format = 0;
+    unsigned long count = 0, remaining = 0;
+    unsigned char* data = nullptr;
+    const bool ours =
+        XGetWindowProperty(display, window, XInternAtom(display, "_NET_WM_PID", False), 0, 1, False,
+                           XA_CARDINAL, &type, &format, &count, &remaining, &data) == Success &&
+        data != nullptr && count == 1 && *reinterpret_cast<long*>(data) == pid;
+    XFree(data);
+    char* name = nullptr;
+    const bool titled = ours && XFetchName(display, window, &name) != 0 && name != nullptr && title == name;
+    XFree(name);
+    return titled && isViewable(window);
 }
 
 bool X11Windows::isViewable(unsigned long window) {
@@ -40,50 +47,24 @@ std::pair<int, int> X11Windows::size(unsigned long window) {
     return {attributes.width, attributes.height};
 }
 
-bool X11Windows::matches(unsigned long window, pid_t pid, const std::string& title) {
-    Atom type = None;
-    int format = 0;
-    unsigned long count = 0;
-    unsigned long remaining = 0;
-    unsigned char* data = nullptr;
-    const bool ours =
-        XGetWindowProperty(display, window, XInternAtom(display, "_NET_WM_PID", False), 0, 1, False,
-                           XA_CARDINAL, &type, &format, &count, &remaining, &data) == Success &&
-        data != nullptr && count == 1 && *reinterpret_cast<long*>(data) == pid;
-    if (data != nullptr) {
-        XFree(data);
-    }
-    char* name = nullptr;
-    const bool titled = ours && XFetchName(display, window, &name) != 0 && name != nullptr && title == name;
-    if (name != nullptr) {
-        XFree(name);
-    }
-    return titled && isViewable(window);
-}
-
 std::optional<unsigned long> X11Windows::waitForWindow(pid_t pid, const std::string& title,
                                                        std::chrono::milliseconds timeout) {
-    const auto deadline = std::chrono::steady_clock::now() + timeout;
-    while (display != nullptr && std::chrono::steady_clock::now() < deadline) {
-        Window root = 0;
-        Window parent = 0;
-        Window* children = nullptr;
-        unsigned int count = 0;
-        std::optional<unsigned long> found;
-        if (XQueryTree(display, DefaultRootWindow(display), &root, &parent, &children, &count) != 0) {
-            for (unsigned int index = 0; index < count && !found; ++index) {
-                if (matches(children[index], pid, title)) {
-                    found = children[index];
+    std::optional<unsigned long> found;
+    testsupport::waitUntil(
+        [&] {
+            Window root = 0, parent = 0, *children = nullptr;
+            unsigned int count = 0;
+            if (display != nullptr &&
+                XQueryTree(display, DefaultRootWindow(display), &root, &parent, &children, &count) != 0) {
+                for (unsigned int index = 0; index < count && !found; ++index) {
+                    found = matches(children[index], pid, title) ? std::optional(children[index]) : found;
                 }
+                XFree(children);
             }
-            XFree(children);
-        }
-        if (found) {
-            return found;
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(2));
-    }
-    return std::nullopt;
+            return found.has_value() || display == nullptr;
+        },
+        timeout);
+    return found;
 }
 
 void X11Windows::requestClose(unsigned long window) {
@@ -118,16 +99,17 @@ void X11Windows::pressKey(unsigned long window, const char* keysym) {
 }
 
 std::optional<std::pair<int, int>> pngSize(const std::string& path) {
-    unsigned char header[24] = {};
-    std::ifstream in(path, std::ios::binary);
-    if (!in.read(reinterpret_cast<char*>(header), sizeof(header)) ||
-        std::memcmp(header, "\x89PNG\r\n\x1a\n", 8) != 0) {
+    const std::string header = testsupport::readFile(path);
+    if (header.size() < 24 || header.compare(0, 8, "\x89PNG\r\n\x1a\n") != 0) {
         return std::nullopt;
     }
     // The first chunk is IHDR: width and height, big-endian, follow its type.
-    const auto number = [&](int at) {
-        return static_cast<int>((unsigned{header[at]} << 24) | (unsigned{header[at + 1]} << 16) |
-                                (unsigned{header[at + 2]} << 8) | unsigned{header[at + 3]});
+    const auto number = [&](std::size_t at) {
+        unsigned value = 0;
+        for (std::size_t i = at; i < at + 4; ++i) {
+            value = value << 8 | static_cast<unsigned char>(header[i]);
+        }
+        return static_cast<int>(value);
     };
     return std::make_pair(number(16), number(20));
 }

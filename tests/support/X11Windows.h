@@ -21,7 +21,7 @@ public:
     X11Windows& operator=(const X11Windows&) = delete;
 
     bool connected() const { return display != nullptr; }
-    // The mapped top-level window of process `pid` titled `title`; nothing
+    // The viewable top-level window of process `pid` titled `title`; nothing
     // when none shows within `timeout`.
     std::optional<unsigned long> waitForWindow(pid_t pid, const std::string& title,
                                                std::chrono::milliseconds timeout);

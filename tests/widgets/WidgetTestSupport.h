@@ -9,9 +9,8 @@
 
 namespace widgettest {
 
-// One widget of class `W`, built on the builder object `id` of a fresh copy
-// of the interface definition as the program carries it, with its children
-// reachable by id. No key has a handler but those a test gives.
+// A widget `W` built on the object `id` of a fresh copy of the bundled
+// interface, its children reachable by id; no key has a handler but a test's.
 template <typename W> class DerivedWidgetTest : public ::testing::Test {
 protected:
     explicit DerivedWidgetTest(const char* id) {
