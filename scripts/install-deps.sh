@@ -8,7 +8,7 @@ PACKAGES=(
     libgtkmm-3.0-dev libglib2.0-dev-bin libgtk-3-bin
     googletest libgtest-dev libgmock-dev libbenchmark-dev
     clang libclang-rt-14-dev clang-format
-    xvfb xauth xdotool x11-utils imagemagick libx11-dev librsvg2-bin
+    xvfb xauth xdotool x11-utils imagemagick libx11-dev libxtst-dev librsvg2-bin
     g++-mingw-w64-x86-64-posix wine64
     desktop-file-utils appstream dpkg-dev file groff-base
     zlib1g-dev libz-mingw-w64-dev libcli11-dev nlohmann-json3-dev

@@ -11,7 +11,10 @@
 // with a 1 ms turnaround, as a USB serial bridge answers. The idle case keeps
 // the connected window for 10 s after a search and reports the share of a
 // core the program's threads took and their wake-ups (context switches) per
-// second; the simulated board's threads are left out.
+// second; the simulated board's threads are left out. The reconnect case
+// times the window's end while its reconnect worker restores the link after
+// a reboot, the one state of a quit that no button reaches (bench/quit times
+// the others on the whole program).
 //
 // The window is shown on the display (make bench runs under Xvfb). Logging
 // is off unless MERID_LOG_LEVEL says otherwise, as in the protocol benchmarks.
@@ -183,6 +186,16 @@ public:
             return "cannot pick the file in the file dialog";
         }
         return {};
+    }
+
+    MainWindow& mainWindow() { return *window; }
+
+    // Seconds the window's end takes: the teardown the program's quit runs.
+    double close() {
+        const auto start = Clock::now();
+        delete window;
+        window = nullptr;
+        return std::chrono::duration<double>(Clock::now() - start).count();
     }
 
     // Seconds from the press to the success text; negative when it never showed.
@@ -400,6 +413,33 @@ void BM_Esp32ThroughTheWindow(benchmark::State& state) {
     }
 }
 
+// The window's end while its reconnect worker restores the link after a
+// reboot (the window's reboot operation starts it; no button does): the
+// teardown that a quit runs, half a second into the reconnect.
+void BM_QuitDuringReconnect(benchmark::State& state) {
+    for (auto _ : state) {
+        Board board;
+        setenv("MERID_EXTRA_PORTS", board.simulator.slavePath().c_str(), 1);
+        WindowSession session;
+        const std::string failed =
+            board.started ? session.prepare(board.simulator.slavePath(), "", "") : "no pty";
+        if (!failed.empty()) {
+            state.SkipWithError(failed.c_str());
+            break;
+        }
+        session.mainWindow().rebootDevice();
+        if (!pumpUntil([&] { return board.simulator.counters(kAddress)->rebootCommands >= 1; },
+                       std::chrono::seconds(5))) {
+            state.SkipWithError("the board got no reboot");
+            break;
+        }
+        pumpUntil([] { return false; }, std::chrono::milliseconds(500));
+        const double seconds = session.close();
+        state.SetIterationTime(seconds);
+        state.counters["ms"] = seconds * 1000.0;
+    }
+}
+
 struct Usage {
     double cpuSeconds = 0;
     long switches = 0;
@@ -507,6 +547,7 @@ BENCHMARK(BM_Stm32ThroughTheWindow)
     ->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_Esp32Protocol)->Iterations(kRuns)->UseManualTime()->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_Esp32ThroughTheWindow)->Iterations(kRuns)->UseManualTime()->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_QuitDuringReconnect)->Iterations(kRuns)->UseManualTime()->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_IdleConnected)->Iterations(1)->UseManualTime()->Unit(benchmark::kSecond);
 
 int main(int argc, char** argv) {

@@ -917,9 +917,8 @@ void MainWindow::showProgress(unsigned value, bool done) {
 }
 
 void MainWindow::onEspFlashUiUpdate() {
-    const bool done = espFlashDone.load();
-    showProgress(espFlashProgress.load(), done);
-    if (!done) {
+    if (!espFlashDone.load()) {
+        showProgress(espFlashProgress.load(), false);
         return;
     }
     if (espFlashThread.joinable()) {
@@ -932,14 +931,12 @@ void MainWindow::onEspFlashUiUpdate() {
         error = espFlashError;
     }
     if (!error.empty()) {
+        // Every block may have gone (100 %) and the check failed after them:
+        // the percentage stays, never the success text.
+        showProgress(espFlashProgress.load(), false);
         log("ESP32 flashing failed: " + error, BaseLogger::ERROR);
         return;
     }
-    if (loadStatusBar) {
-        loadStatusBar->set_value(100);
-    }
-    if (loadStatusLabel != nullptr) {
-        loadStatusLabel->set_text(kFlashedText);
-    }
+    showProgress(100, true);
     log("ESP32 flashing completed", BaseLogger::INFO);
 }

@@ -40,6 +40,12 @@ void Thread::terminate() {
     bool wasRunning = running.exchange(false);
     bool wasActive = active.exchange(false);
     if (!wasRunning && !wasActive) {
+        // A loop that ended by itself is waited for all the same, so that
+        // no finished thread is left behind.
+        std::thread finished = takeFinished();
+        if (finished.joinable()) {
+            finished.join();
+        }
         return;
     }
     wake();

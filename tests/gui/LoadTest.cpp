@@ -42,22 +42,24 @@ protected:
         captured = std::make_unique<testsupport::CapturingLogger>();
     }
 
-    // The board on a fresh pseudo-terminal; after an unplug the devices,
-    // their images and the ESP32's flash stay.
+    // The board on a fresh pseudo-terminal under the same port name; after
+    // an unplug the devices, their images and the ESP32's flash stay.
     void plugBoard() {
         board.stop();
         ASSERT_TRUE(board.start()) << board.lastError();
+        ASSERT_TRUE(board.createLink(portName())) << board.lastError();
         extraPorts.reset();
-        extraPorts = std::make_unique<testsupport::ScopedEnv>("MERID_EXTRA_PORTS", board.slavePath());
+        extraPorts = std::make_unique<testsupport::ScopedEnv>("MERID_EXTRA_PORTS", portName());
     }
+    std::string portName() const { return files.path() + "/ttyMerid0"; }
 
     // Connection > Connect, the board's port, 921600 baud, the connect button.
     void connect() {
         ui->get<Gtk::MenuItem>("ConnectImageMenuItem")->activate();
         auto* ports = ui->get<Gtk::ComboBoxText>("PortsListComboTextBox");
         // The machine's own ports may be listed beside the simulated one.
-        ports->set_active_text(board.slavePath());
-        ASSERT_EQ(ports->get_active_text(), board.slavePath());
+        ports->set_active_text(portName());
+        ASSERT_EQ(ports->get_active_text(), portName());
         ui->get<Gtk::ComboBoxText>("BaudratesListComboTextBox")->set_active_text("921600");
         ui->get<Gtk::Button>("DialogConnectButton")->clicked();
         // Only a connect that worked hides the dialog.
@@ -146,6 +148,14 @@ protected:
 };
 
 constexpr std::size_t kStm32ImageSize = 37312;
+constexpr std::size_t kEspBlock = 1024;
+
+// The MD5 of `bytes` padded with 0xFF to whole blocks, as the ESP32 is sent them.
+std::string sentMd5(Bytes bytes) {
+    bytes.resize((bytes.size() + kEspBlock - 1) / kEspBlock * kEspBlock, 0xFF);
+    return Glib::Checksum::compute_checksum(Glib::Checksum::CHECKSUM_MD5,
+                                            std::string(bytes.begin(), bytes.end()));
+}
 
 class Stm32Load : public BoardLoadTest {
 protected:
@@ -255,10 +265,51 @@ TEST_F(Stm32Load, LoadsThatStopShortAnEraseWithoutAFileAndThePreinstalledImageAf
     expectLoadOf(bytes);
 }
 
-// An empty path starts nothing; a refused block and an unplug each give the
-// window back with the bar where it stopped; the preinstalled image then
-// lands in the chip's flash.
-TEST_F(BoardLoadTest, Esp32FailuresLeaveTheBarWhereTheyStoppedAndThePreinstalledImageLandsAfterThem) {
+// A finish step the board refuses leaves no success text; a cable pulled at
+// a third of the transfer stops the bar; a board started afresh behind the
+// same port name, connected in the dialog, then takes the whole image from
+// the erase on.
+TEST_F(Stm32Load, ARefusedFinishAndAPulledCableLeaveNoSuccessTextAndAFreshBoardTakesTheWholeImage) {
+    connect();
+    Bytes bytes(kStm32ImageSize);
+    for (std::size_t i = 0; i < bytes.size(); ++i) {
+        bytes[i] = static_cast<std::uint8_t>(i * 7 % 251);
+    }
+    pickFile(bytes);
+    // The erase step and the 1166 chunks pass; the finish step is refused.
+    board.failNext(8, 5, 1, 1167);
+    pressUpload();
+    ASSERT_TRUE(logged("MainWindow: The device did not confirm the firmware"));
+    EXPECT_TRUE(
+        captured->contains("PayloadHandler: Message with problem - error code: 5", BaseLogger::WARNING));
+    ToolkitLoop::runFor(std::chrono::milliseconds(300));
+    EXPECT_LT(barValue(), 100.0);
+    EXPECT_EQ(statusText(), std::to_string(static_cast<int>(barValue())) + "%");
+    EXPECT_EQ(captured->count("did not confirm the firmware"), 1u);
+
+    pressUpload();
+    ASSERT_TRUE(watch([&] { return barValue() >= 30; }).finished);
+    board.unplug();
+    ToolkitLoop::runFor(std::chrono::milliseconds(1500));
+    EXPECT_LT(barValue(), 100.0);
+    EXPECT_NE(statusText(), kFlashedText);
+    EXPECT_TRUE(windowSensitive());
+
+    board.removeDevice(kAddress);
+    board.addDevice(SimDevice::standard(kAddress, "MeridKestal STM32"));
+    plugBoard();
+    connect();
+    pressUpload();
+    expectLoadOf(bytes);
+    EXPECT_EQ(board.counters(kAddress)->writesWithoutErase, 0u);
+    EXPECT_EQ(board.counters(kAddress)->finishMismatches, 0u);
+}
+
+// An empty path starts nothing; a refused block, a flash that reads back
+// other than it was sent and an unplug each give the window back without the
+// success text; the preinstalled image then lands in the chip's flash, its
+// digest confirmed.
+TEST_F(BoardLoadTest, Esp32FailuresLeaveNoSuccessTextAndThePreinstalledImageLandsAfterThem) {
     connect();
     ui->get<Gtk::ComboBoxText>("FirmwareMethodComboBoxText")->set_active_text("ESP32");
     pressUpload();
@@ -276,6 +327,17 @@ TEST_F(BoardLoadTest, Esp32FailuresLeaveTheBarWhereTheyStoppedAndThePreinstalled
     EXPECT_EQ(barValue(), 40.0);
     EXPECT_EQ(statusText(), "40%");
 
+    // Every block taken, but the simulator inverts the byte in the middle of
+    // the written region: the bar at 100 %, no success text.
+    chip->setFaults(EspRomSimulator::Faults{.corruptFlash = true});
+    pressUpload();
+    Bytes corrupted(2500, 0x5A);
+    corrupted.resize(3 * kEspBlock, 0xFF);
+    corrupted[corrupted.size() / 2] ^= 0xFF;
+    expectFlashFailure("flash MD5 mismatch: image MD5 " + sentMd5(Bytes(2500, 0x5A)) + ", flash MD5 " +
+                       sentMd5(corrupted));
+    EXPECT_EQ(statusText(), "100%");
+
     // A mebibyte holds the window while it runs; another start meanwhile is
     // refused, and an unplug ends the flash.
     chip->setFaults(EspRomSimulator::Faults{});
@@ -291,10 +353,12 @@ TEST_F(BoardLoadTest, Esp32FailuresLeaveTheBarWhereTheyStoppedAndThePreinstalled
     expectFlashFailure("");
     EXPECT_LT(barValue(), 100.0);
 
-    // Plugged in again (a new port) and connected in the dialog.
+    // Plugged in again and connected in the dialog.
     plugBoard();
     connect();
     const Bytes image = usePreinstalled("merid_firmware.bin", 1803184);
     pressUpload();
     expectFlashOf(image);
+    EXPECT_TRUE(captured->contains("EspSerialFlasher: Flash MD5 matches the image: " + sentMd5(image),
+                                   BaseLogger::INFO));
 }

@@ -65,9 +65,10 @@ TEST_F(FileTransferTest, EraseWritesInChunksByTheFileSizeAndFinish) {
         }
         expected.push_back(0);
         EXPECT_EQ(chunks, expected) << size;
-        // The erase step shows 0; the finish step keeps the last value below
-        // 100, which only the device's answer to it brings.
+        // The erase step shows 0; the finish step keeps the value before it,
+        // and only the device's answer to it makes 100.
         EXPECT_EQ(progress.front(), 0);
+        EXPECT_EQ(progress.back(), progress[progress.size() - 2]);
         EXPECT_LT(progress.back(), 100);
         if (size == 100) {
             // 32 / 100 in single precision is a hair below 0.32: the cut gives 31.
@@ -98,4 +99,33 @@ TEST_F(FileTransferTest, MissingFileAndSecondStart) {
     EXPECT_EQ(sent[2].bytes[2], static_cast<std::uint8_t>(sent[1].bytes[2] + 1));
     EXPECT_EQ(Bytes(sent[2].bytes.begin() + 3, sent[2].bytes.end() - 1),
               Bytes(sent[1].bytes.begin() + 3, sent[1].bytes.end() - 1));
+}
+
+TEST_F(FileTransferTest, ARefusedOrUnansweredFinishIsToldOnceAndTheBarStaysBelowTheEnd) {
+    for (const bool refused : {true, false}) {
+        handler.resetState();
+        ask(FILE_START_MSG, 2, 0, file(Bytes(40, 0x11)));
+        drain();
+        answer(2);
+        drain();
+        // A write step left unanswered is no finish.
+        handler.onResponseTimeout();
+        EXPECT_FALSE(handler.finishUnconfirmed.load());
+        ask(FILE_START_MSG, 2, 0, file(Bytes(40, 0x11)));
+        for (int step = 0; step < 2; ++step) {
+            drain();
+            answer(2);
+        }
+        ASSERT_TRUE(handler.getFileTransferState().fileFinishing);
+        drain();
+        const int updates = statusUpdates;
+        if (refused) {
+            answer(2, 5);
+        }
+        handler.onResponseTimeout();
+        handler.onResponseTimeout();
+        EXPECT_TRUE(handler.finishUnconfirmed.load()) << refused;
+        EXPECT_EQ(statusUpdates, updates + 1) << refused;
+        EXPECT_EQ(handler.loadProgress.load(), 80) << refused;
+    }
 }

@@ -4,6 +4,7 @@
 
 #include <X11/Xatom.h>
 #include <X11/Xlib.h>
+#include <X11/extensions/XTest.h>
 
 namespace programtest {
 
@@ -32,9 +33,18 @@ bool X11Windows::matches(unsigned long window, pid_t pid, const std::string& tit
     char* name = nullptr;
     const bool titled = ours && XFetchName(display, window, &name) != 0 && name != nullptr && title == name;
     XFree(name);
+    return titled && isViewable(window);
+}
+
+bool X11Windows::isViewable(unsigned long window) {
     XWindowAttributes attributes{};
-    return titled && XGetWindowAttributes(display, window, &attributes) != 0 &&
-           attributes.map_state == IsViewable;
+    return XGetWindowAttributes(display, window, &attributes) != 0 && attributes.map_state == IsViewable;
+}
+
+std::pair<int, int> X11Windows::size(unsigned long window) {
+    XWindowAttributes attributes{};
+    XGetWindowAttributes(display, window, &attributes);
+    return {attributes.width, attributes.height};
 }
 
 std::optional<unsigned long> X11Windows::waitForWindow(pid_t pid, const std::string& title,
@@ -67,6 +77,25 @@ void X11Windows::requestClose(unsigned long window) {
     event.xclient.data.l[1] = CurrentTime;
     XSendEvent(display, window, False, NoEventMask, &event);
     XFlush(display);
+}
+
+void X11Windows::click(unsigned long window, int x, int y) {
+    int rootX = 0;
+    int rootY = 0;
+    Window child = 0;
+    XTranslateCoordinates(display, window, DefaultRootWindow(display), x, y, &rootX, &rootY, &child);
+    XTestFakeMotionEvent(display, -1, rootX, rootY, CurrentTime);
+    XTestFakeButtonEvent(display, 1, True, CurrentTime);
+    XTestFakeButtonEvent(display, 1, False, CurrentTime);
+    XSync(display, False);
+}
+
+void X11Windows::pressKey(unsigned long window, const char* keysym) {
+    XSetInputFocus(display, window, RevertToParent, CurrentTime);
+    const KeyCode code = XKeysymToKeycode(display, XStringToKeysym(keysym));
+    XTestFakeKeyEvent(display, code, True, CurrentTime);
+    XTestFakeKeyEvent(display, code, False, CurrentTime);
+    XSync(display, False);
 }
 
 std::optional<std::pair<int, int>> pngSize(const std::string& path) {

@@ -25,8 +25,17 @@ public:
     // when none shows within `timeout`.
     std::optional<unsigned long> waitForWindow(pid_t pid, const std::string& title,
                                                std::chrono::milliseconds timeout);
+    bool isViewable(unsigned long window);
+    // Width and height of the window.
+    std::pair<int, int> size(unsigned long window);
     // Asks the window to close, as a window manager's close button does.
     void requestClose(unsigned long window);
+    // A click of the first button at `x`, `y` inside the window, through the
+    // server's input, as a user's mouse would.
+    void click(unsigned long window, int x, int y);
+    // Gives the window the keyboard, then presses and releases the key
+    // named like an X keysym ("F10", "Down", "Return").
+    void pressKey(unsigned long window, const char* keysym);
 
 private:
     bool matches(unsigned long window, pid_t pid, const std::string& title);
