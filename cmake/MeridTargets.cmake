@@ -13,13 +13,15 @@ function(merid_add_library name)
     endif()
 endfunction()
 
-# merid_add_test(NAME SOURCES ... LIBS ... [LABELS ...] [CORE] [ENVIRONMENT ...] [TIMEOUT s])
+# merid_add_test(NAME SOURCES ... LIBS ... [LABELS ...] [CORE] [SERIAL] [ENVIRONMENT ...] [TIMEOUT s])
 # Natively each call makes one GoogleTest executable whose cases CTest lists.
 # CORE marks unit tests that also go into the Windows core test executable.
+# SERIAL cases run alone: they drive the shared test display with synthetic
+# input, which another test's window could take.
 set_property(GLOBAL PROPERTY MERID_CORE_TEST_SOURCES "")
 set_property(GLOBAL PROPERTY MERID_CORE_TEST_LIBS "")
 function(merid_add_test name)
-    cmake_parse_arguments(ARG "CORE" "TIMEOUT" "SOURCES;LIBS;LABELS;ENVIRONMENT" ${ARGN})
+    cmake_parse_arguments(ARG "CORE;SERIAL" "TIMEOUT" "SOURCES;LIBS;LABELS;ENVIRONMENT" ${ARGN})
     if(MERID_WINDOWS)
         if(ARG_CORE)
             foreach(src IN LISTS ARG_SOURCES)
@@ -56,6 +58,9 @@ function(merid_add_test name)
         "    set_tests_properties(\"\${case}\" PROPERTIES LABELS \"${labels}\"")
     if(ARG_ENVIRONMENT)
         file(APPEND ${props_file} " ENVIRONMENT \"${ARG_ENVIRONMENT}\"")
+    endif()
+    if(ARG_SERIAL)
+        file(APPEND ${props_file} " RUN_SERIAL TRUE")
     endif()
     file(APPEND ${props_file} ")\nendforeach()\n")
     set_property(DIRECTORY APPEND PROPERTY TEST_INCLUDE_FILES ${props_file})
