@@ -28,11 +28,17 @@ Device::Device(const DeviceInfo& deviceInfo) : info(deviceInfo) {
     name.assign(info.name, strnlen(info.name, sizeof(info.name)));
 }
 
-Device::~Device() { deleteFields(); }
+Device::~Device() {
+    deleteFields();
+}
 
-std::string& Device::getDeviceName() { return name; }
+std::string& Device::getDeviceName() {
+    return name;
+}
 
-DeviceInfo* Device::getInfo() { return &info; }
+DeviceInfo* Device::getInfo() {
+    return &info;
+}
 
 void Device::addNewField(unsigned char index, FieldInfo fieldInfo) {
     // The first description of an index stays.
@@ -89,10 +95,16 @@ void Device::deleteFields() {
     fields.clear();
 }
 
-std::size_t Device::getFieldCount() const { return fields.size(); }
+std::size_t Device::getFieldCount() const {
+    return fields.size();
+}
 
-void Device::setDeviceBootable(bool value) { bootable = value; }
+void Device::setDeviceBootable(bool value) {
+    bootable = value;
+}
 
-bool Device::isBootable() const { return bootable; }
+bool Device::isBootable() const {
+    return bootable;
+}
 
 } // namespace App
