@@ -208,47 +208,66 @@ UsbTypes::IoResult SerialPortWindows::readDataImpl(unsigned char* data, unsigned
         result.status = UsbTypes::ReceiveError;
         return result;
     }
+    if (size == 0) {
+        result.status = UsbTypes::Timeout; // nothing to take
+        return result;
+    }
     HANDLE port = toHandle(current);
     timeoutMs = std::max(timeoutMs, 0);
     const auto start = Clock::now();
-    // The driver waits for the first byte, a slice at a time, so that a close
-    // is noticed within one slice; ReadFile returns as soon as bytes are there.
+    // What is queued is taken at once. Otherwise the driver waits for one
+    // byte, a slice at a time so that a close is noticed within one slice;
+    // the bytes behind it are taken by the next read.
     for (;;) {
         if (usage.isClosing()) {
             result.status = UsbTypes::ReceiveError; // closed under the call
             return result;
         }
+        DWORD errors = 0;
+        COMSTAT status{};
+        if (!ClearCommError(port, &errors, &status)) {
+            logger->log(failedWithNumber("ClearCommError", GetLastError()), BaseLogger::ERROR, kTag);
+            result.status = UsbTypes::ReceiveError;
+            return result;
+        }
         const auto elapsed =
             std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - start).count();
         const auto left = std::max<long long>(timeoutMs - elapsed, 0);
-        if (!setReadWait(port, static_cast<DWORD>(std::min<long long>(left, kReadSliceMs)))) {
+        const bool queued = status.cbInQue != 0;
+        const DWORD wanted =
+            queued ? static_cast<DWORD>(std::min<unsigned long long>(status.cbInQue, size)) : 1;
+        if (!queued && left == 0) {
+            result.status = UsbTypes::Timeout;
+            return result;
+        }
+        if (!setReadWait(port, queued ? 0 : static_cast<DWORD>(std::min<long long>(left, kReadSliceMs)))) {
             result.status = UsbTypes::ReceiveError;
             return result;
         }
         DWORD got = 0;
-        if (!ReadFile(port, data, static_cast<DWORD>(std::min<unsigned long long>(size, kQueueSize)), &got,
-                      nullptr)) {
+        if (!ReadFile(port, data, std::min<DWORD>(wanted, static_cast<DWORD>(size)), &got, nullptr)) {
             logger->log(failedWithNumber("ReadFile", GetLastError()), BaseLogger::ERROR, kTag);
             result.status = UsbTypes::ReceiveError;
             return result;
         }
-        if (got != 0 || left == 0) {
+        if (got != 0) {
             result.bytes = got;
-            result.status = got == 0 ? UsbTypes::Timeout : UsbTypes::Ok;
+            result.status = UsbTypes::Ok;
             return result;
         }
     }
 }
 
 bool SerialPortWindows::setReadWait(void* port, unsigned long waitMs) {
-    // A wait of 0 takes what is queued and returns at once.
+    // A wait of 0 takes what is queued and returns at once; any other ends
+    // when the bytes asked for are there or the wait is over.
     const DWORD wanted = waitMs == 0 ? kNoReadWait : waitMs;
     if (readWaitMs.load() == wanted) {
         return true;
     }
     COMMTIMEOUTS timeouts{};
-    timeouts.ReadIntervalTimeout = MAXDWORD;
-    timeouts.ReadTotalTimeoutMultiplier = waitMs == 0 ? 0 : MAXDWORD;
+    timeouts.ReadIntervalTimeout = waitMs == 0 ? MAXDWORD : 0;
+    timeouts.ReadTotalTimeoutMultiplier = 0;
     timeouts.ReadTotalTimeoutConstant = waitMs;
     timeouts.WriteTotalTimeoutMultiplier = 0;
     timeouts.WriteTotalTimeoutConstant = kWriteTimeoutMs;
