@@ -4,7 +4,7 @@
 set -euo pipefail
 
 PACKAGES=(
-    build-essential g++ cmake ninja-build pkg-config make git
+    build-essential g++ cmake ninja-build pkg-config make git ccache
     libgtkmm-3.0-dev libglib2.0-dev-bin libgtk-3-bin
     googletest libgtest-dev libgmock-dev libbenchmark-dev
     clang libclang-rt-14-dev clang-format

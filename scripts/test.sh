@@ -12,6 +12,14 @@ export TSAN_OPTIONS=${TSAN_OPTIONS:-halt_on_error=1:second_deadlock_stack=1:supp
 
 step() { printf '\n=== %s ===\n' "$*"; }
 
+# The compiler cache serves every build here, the package's included, and
+# every checkout on the machine: paths are taken relative to the checkout,
+# so a fresh clone reuses what an earlier run compiled.
+if command -v ccache >/dev/null 2>&1; then
+    export CMAKE_C_COMPILER_LAUNCHER=ccache CMAKE_CXX_COMPILER_LAUNCHER=ccache
+    export CCACHE_BASEDIR=$PWD CCACHE_NOHASHDIR=1
+fi
+
 configure() { # dir, extra args
     local dir=$1; shift
     cmake -S . -B "$dir" -G Ninja -DCMAKE_BUILD_TYPE=Debug "$@" >/dev/null
