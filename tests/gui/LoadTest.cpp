@@ -128,10 +128,19 @@ protected:
     void expectFlashFailure(const std::string& why) {
         ASSERT_TRUE(logged("MainWindow: ESP32 flashing failed: ", std::chrono::seconds(60)));
         EXPECT_TRUE(captured->contains("MainWindow: ESP32 flashing failed: " + why, BaseLogger::ERROR))
-            << why;
+            << why << "\nlogged: " << failureLine();
         EXPECT_TRUE(ToolkitLoop::runUntil([&] { return windowSensitive(); }));
         EXPECT_NE(statusText(), kFlashedText);
         captured->clear();
+    }
+
+    std::string failureLine() {
+        for (const auto& line : captured->lines()) {
+            if (line.message.rfind("ESP32 flashing failed: ", 0) == 0) {
+                return line.message;
+            }
+        }
+        return {};
     }
 
     double barValue() { return ui->get<Gtk::LevelBar>("LoadStatusBar")->get_value(); }
