@@ -100,17 +100,22 @@ public:
 // link paced at `baud` (0: as fast as the pseudo-terminal goes).
 class Board {
 public:
-    explicit Board(std::uint32_t baud = 0) : chip(std::make_shared<EspRomSimulator>()) {
+    explicit Board(std::uint32_t linkBaud = 0) : chip(std::make_shared<EspRomSimulator>()), baud(linkBaud) {
         simulator.addDevice(SimDevice::standard(kAddress, "MeridKestal STM32"));
         EspRomBridge::install(simulator, chip);
         if (baud != 0) {
             simulator.setPacing(baud, std::chrono::milliseconds(1));
         }
         started = simulator.start();
+        // The connection dialog lists the board's port beside the machine's.
+        if (started) {
+            setenv("MERID_EXTRA_PORTS", simulator.slavePath().c_str(), 1);
+        }
     }
 
     DeviceSimulator simulator;
     std::shared_ptr<EspRomSimulator> chip;
+    std::uint32_t baud;
     bool started = false;
 };
 
@@ -168,9 +173,11 @@ public:
     WindowSession& operator=(const WindowSession&) = delete;
 
     // Empty when the window is ready for the upload, else the step that failed.
-    std::string prepare(const std::string& port, const std::string& method, const std::string& path,
-                        std::uint32_t baud = 0) {
-        if (!connect(port, baud)) {
+    std::string prepare(const Board& board, const std::string& method, const std::string& path) {
+        if (!board.started) {
+            return "no pty";
+        }
+        if (!connect(board.simulator.slavePath(), board.baud)) {
             return "cannot connect in the dialog";
         }
         if (!search()) {
@@ -341,11 +348,8 @@ void BM_Stm32ThroughTheWindow(benchmark::State& state) {
         Board board(baud);
         const Bytes bytes = makeImage(kStm32Image, 7);
         ImageFile image(bytes);
-        setenv("MERID_EXTRA_PORTS", board.simulator.slavePath().c_str(), 1);
         WindowSession session;
-        const std::string failed =
-            board.started ? session.prepare(board.simulator.slavePath(), "STM32", image.path, baud)
-                          : "no pty";
+        const std::string failed = session.prepare(board, "STM32", image.path);
         if (!failed.empty()) {
             state.SkipWithError(failed.c_str());
             break;
@@ -395,10 +399,8 @@ void BM_Esp32ThroughTheWindow(benchmark::State& state) {
         Board board;
         const Bytes bytes = makeImage(kEsp32Image, 9);
         ImageFile image(bytes);
-        setenv("MERID_EXTRA_PORTS", board.simulator.slavePath().c_str(), 1);
         WindowSession session;
-        const std::string failed =
-            board.started ? session.prepare(board.simulator.slavePath(), "ESP32", image.path) : "no pty";
+        const std::string failed = session.prepare(board, "ESP32", image.path);
         if (!failed.empty()) {
             state.SkipWithError(failed.c_str());
             break;
@@ -419,10 +421,8 @@ void BM_Esp32ThroughTheWindow(benchmark::State& state) {
 void BM_QuitDuringReconnect(benchmark::State& state) {
     for (auto _ : state) {
         Board board;
-        setenv("MERID_EXTRA_PORTS", board.simulator.slavePath().c_str(), 1);
         WindowSession session;
-        const std::string failed =
-            board.started ? session.prepare(board.simulator.slavePath(), "", "") : "no pty";
+        const std::string failed = session.prepare(board, "", "");
         if (!failed.empty()) {
             state.SkipWithError(failed.c_str());
             break;
@@ -453,10 +453,11 @@ std::set<std::string> taskIds() {
     return ids;
 }
 
-// The CPU time and context switches of this process's threads, except the
-// simulated board's: those stand in for the device, not for the program.
-Usage programUsage(const std::set<std::string>& boardThreads) {
-    Usage usage;
+// The CPU time and context switches of each of this process's threads,
+// except the simulated board's: those stand in for the device, not for the
+// program.
+std::map<std::string, Usage> programUsage(const std::set<std::string>& boardThreads) {
+    std::map<std::string, Usage> usage;
     for (const auto& id : taskIds()) {
         if (boardThreads.count(id) != 0) {
             continue;
@@ -465,16 +466,29 @@ Usage programUsage(const std::set<std::string>& boardThreads) {
         std::ifstream schedstat(task + "/schedstat");
         double nanoseconds = 0;
         schedstat >> nanoseconds;
-        usage.cpuSeconds += nanoseconds / 1e9;
+        usage[id].cpuSeconds = nanoseconds / 1e9;
         std::ifstream status(task + "/status");
         std::string line;
         while (std::getline(status, line)) {
             if (line.find("ctxt_switches:") != std::string::npos) {
-                usage.switches += std::stol(line.substr(line.find(':') + 1));
+                usage[id].switches += std::stol(line.substr(line.find(':') + 1));
             }
         }
     }
     return usage;
+}
+
+// What the threads alive at the end used since `start`; a thread that ended
+// meanwhile takes its figures with it.
+Usage usageSince(const std::map<std::string, Usage>& start, const std::map<std::string, Usage>& end) {
+    Usage total;
+    for (const auto& [id, now] : end) {
+        const auto then = start.find(id);
+        const Usage before = then == start.end() ? Usage{} : then->second;
+        total.cpuSeconds += now.cpuSeconds - before.cpuSeconds;
+        total.switches += now.switches - before.switches;
+    }
+    return total;
 }
 
 // The connected window after a search, left alone: the toolkit's own loop
@@ -490,21 +504,19 @@ void BM_IdleConnected(benchmark::State& state) {
                 boardThreads.insert(id);
             }
         }
-        setenv("MERID_EXTRA_PORTS", board.simulator.slavePath().c_str(), 1);
         WindowSession session;
-        const std::string failed =
-            board.started ? session.prepare(board.simulator.slavePath(), "", "") : "no pty";
+        const std::string failed = session.prepare(board, "", "");
         if (!failed.empty()) {
             state.SkipWithError(failed.c_str());
             break;
         }
         auto loop = Glib::MainLoop::create();
         Glib::signal_timeout().connect_seconds_once([&] { loop->quit(); }, kIdleSeconds);
-        const Usage start = programUsage(boardThreads);
+        const auto start = programUsage(boardThreads);
         loop->run();
-        const Usage end = programUsage(boardThreads);
-        const double share = (end.cpuSeconds - start.cpuSeconds) / kIdleSeconds;
-        const double wakeups = static_cast<double>(end.switches - start.switches) / kIdleSeconds;
+        const Usage used = usageSince(start, programUsage(boardThreads));
+        const double share = used.cpuSeconds / kIdleSeconds;
+        const double wakeups = static_cast<double>(used.switches) / kIdleSeconds;
         state.SetIterationTime(kIdleSeconds);
         state.counters["core_percent"] = share * 100.0;
         state.counters["wakeups_per_s"] = wakeups;
