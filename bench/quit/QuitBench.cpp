@@ -54,7 +54,7 @@ double timeOneQuit(X11Windows& x11, State state, bool fromMenu, std::string& err
     environment["MERID_LOG_LEVEL"] = "OFF";
     ProgramRun run(MERID_PROGRAM_PATH, environment, sandbox.root());
     ProgramDriver program(x11, run.pid());
-    if (!program.waitForWindow(kWindowTimeout) || (state != Idle && !program.connect())) {
+    if (!program.waitForWindow(kWindowTimeout) || (state != Idle && !program.connect(port))) {
         error = "the window or the connection dialog did not answer";
         return -1;
     }

@@ -80,7 +80,7 @@ TEST(ProgramQuit, EndsWithCodeZeroInEveryState) {
 
         std::function<bool()> reached = [] { return true; };
         if (c.state != State::Idle) {
-            ASSERT_TRUE(program.connect());
+            ASSERT_TRUE(program.connect(port));
         }
         if (c.state == State::UnansweredSearch) {
             program.search();
@@ -93,7 +93,7 @@ TEST(ProgramQuit, EndsWithCodeZeroInEveryState) {
             program.upload();
             reached = [&] { return board.chip->counters().dataBlocks >= 1; };
         }
-        ASSERT_TRUE(testsupport::waitUntil(reached, std::chrono::seconds(30)));
+        ASSERT_TRUE(testsupport::waitUntil(reached, std::chrono::seconds(30))) << run.standardError();
 
         if (c.fromMenu) {
             program.quitFromMenu();

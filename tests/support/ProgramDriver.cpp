@@ -1,7 +1,10 @@
 #include "ProgramDriver.h"
 
+#include "SerialPortPosix.h"
 #include "TestBasics.h"
 
+#include <algorithm>
+#include <cstdlib>
 #include <thread>
 
 namespace programtest {
@@ -10,6 +13,21 @@ namespace {
 constexpr auto kDialogTimeout = std::chrono::seconds(30);
 // Time for the toolkit to act on one input before the next.
 constexpr auto kSettle = std::chrono::milliseconds(300);
+
+// The ports the program offers with `extra` named in MERID_EXTRA_PORTS, in
+// its order: the lookup is the program's own.
+std::vector<std::string> offeredPorts(const std::string& extra) {
+    const char* before = std::getenv("MERID_EXTRA_PORTS");
+    const std::string saved = before != nullptr ? before : "";
+    ::setenv("MERID_EXTRA_PORTS", extra.c_str(), 1);
+    std::vector<std::string> ports = SerialPortPosix().getAvailablePorts();
+    if (before != nullptr) {
+        ::setenv("MERID_EXTRA_PORTS", saved.c_str(), 1);
+    } else {
+        ::unsetenv("MERID_EXTRA_PORTS");
+    }
+    return ports;
+}
 
 } // namespace
 
@@ -23,7 +41,7 @@ void ProgramDriver::press(const char* keysym) {
     std::this_thread::sleep_for(kSettle);
 }
 
-bool ProgramDriver::connect() {
+bool ProgramDriver::connect(const std::string& port) {
     press("F10");
     press("Down");
     press("Return");
@@ -31,12 +49,31 @@ bool ProgramDriver::connect() {
     if (!dialog) {
         return false;
     }
+    std::this_thread::sleep_for(kSettle);
+    if (!choosePort(*dialog, port)) {
+        return false;
+    }
     // The dialog grows with the port's name; its buttons keep to its
     // bottom right corner.
-    std::this_thread::sleep_for(kSettle);
     const auto [width, height] = x11.size(*dialog);
     x11.click(*dialog, width - 198, height - 21);
     return testsupport::waitUntil([&] { return !x11.isViewable(*dialog); }, kDialogTimeout);
+}
+
+bool ProgramDriver::choosePort(unsigned long dialog, const std::string& port) {
+    const std::vector<std::string> ports = offeredPorts(port);
+    const auto found = std::find(ports.begin(), ports.end(), port);
+    if (found == ports.end()) {
+        return false;
+    }
+    // The list opens with the last port, the chosen one, under the pointer.
+    x11.click(dialog, 140, 91);
+    std::this_thread::sleep_for(kSettle);
+    for (auto above = ports.end() - 1; above != found; --above) {
+        press("Up");
+    }
+    press("Return");
+    return true;
 }
 
 void ProgramDriver::choosePreinstalledEsp32() {

@@ -6,6 +6,7 @@
 
 #include <chrono>
 #include <optional>
+#include <string>
 
 namespace programtest {
 
@@ -18,9 +19,9 @@ public:
 
     // Waits for the main window; false when it never shows.
     bool waitForWindow(std::chrono::milliseconds timeout);
-    // Connection > Connect, then the dialog's connect button with the port
-    // it offers first; true once the dialog has gone, the link open.
-    bool connect();
+    // Connection > Connect, `port` chosen from the dialog's list, then its
+    // connect button; true once the dialog has gone, the link open.
+    bool connect(const std::string& port);
     void search() { x11.click(*mainWindow, 120, 59); }
     void upload() { x11.click(*mainWindow, 380, 111); }
     // The ESP32 as the target and its preinstalled image as the source.
@@ -38,6 +39,9 @@ public:
 
 private:
     void press(const char* keysym);
+    // Picks `port` in the dialog's list, which holds the machine's own ports
+    // beside it.
+    bool choosePort(unsigned long dialog, const std::string& port);
 
     X11Windows& x11;
     pid_t pid;
