@@ -916,11 +916,17 @@ void MainWindow::showProgress(unsigned value, bool done) {
     }
 }
 
+// Wake-ups queue up: the end is taken by the first that sees it, and those
+// still queued behind it change nothing.
 void MainWindow::onEspFlashUiUpdate() {
-    if (!espFlashDone.load()) {
+    if (espFlashDone.exchange(false)) {
+        endEspFlash();
+    } else if (espFlashRunning.load()) {
         showProgress(espFlashProgress.load(), false);
-        return;
     }
+}
+
+void MainWindow::endEspFlash() {
     if (espFlashThread.joinable()) {
         espFlashThread.join();
     }

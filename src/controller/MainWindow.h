@@ -120,6 +120,7 @@ private:
     void onPayloadProgressUiUpdate();
     void updateLoadStatusUi();
     void onEspFlashUiUpdate();
+    void endEspFlash();
     void showProgress(unsigned value, bool done);
 
     UsbCommunication usb;

@@ -9,6 +9,7 @@
 #include "TestSupport.h"
 
 #include <algorithm>
+#include <thread>
 
 using guitest::WindowUnderTest;
 using testsupport::Bytes;
@@ -327,12 +328,18 @@ TEST_F(BoardLoadTest, Esp32FailuresLeaveNoSuccessTextAndThePreinstalledImageLand
     ToolkitLoop::runFor(std::chrono::milliseconds(500));
     EXPECT_EQ(chip->counters().syncs, 0u);
 
-    // A block refused at 40 % keeps the bar and the text there.
+    // A block refused at 40 % keeps the bar and the text there. The
+    // worker's wake-ups for the bar and for the end all wait for the window
+    // here: the end is read once.
     chip->setFaults(EspRomSimulator::Faults{.failDataBlock = 2, .failDataCount = 3});
     pickFile(Bytes(2500, 0x5A));
     pressUpload();
+    ASSERT_TRUE(
+        testsupport::waitUntil([&] { return chip->counters().refusals >= 3; }, std::chrono::seconds(30)));
+    std::this_thread::sleep_for(std::chrono::milliseconds(500));
     expectFlashFailure("esp_loader_flash_write failed: 9");
     ToolkitLoop::runFor(std::chrono::milliseconds(200));
+    EXPECT_EQ(failureLine(), "") << "the end was read twice";
     EXPECT_EQ(barValue(), 40.0);
     EXPECT_EQ(statusText(), "40%");
 
