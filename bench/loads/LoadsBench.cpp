@@ -10,9 +10,8 @@
 // The STM32 cases run unpaced and over links paced at 115200 and 921600 baud
 // with a 1 ms turnaround, as a USB serial bridge answers. The idle case keeps
 // the connected window for 10 s, from a second after a search, once the
-// window has drawn its answer, and reports the share of a
-// core the program's threads took and their wake-ups (context switches) per
-// second; the simulated board's threads are left out. The reconnect case
+// window has drawn its answer, and reports the share of a core the program's
+// threads took and their wake-ups (context switches) per second; the simulated board's threads are left out. The reconnect case
 // times the window's end while its reconnect worker restores the link after
 // a reboot, the one state of a quit that no button reaches (bench/quit times
 // the others on the whole program).
