@@ -11,10 +11,11 @@
 // with a 1 ms turnaround, as a USB serial bridge answers. The idle case keeps
 // the connected window for 10 s, from a second after a search, once the
 // window has drawn its answer, and reports the share of a core the program's
-// threads took and their wake-ups (context switches) per second; the simulated board's threads are left out. The reconnect case
-// times the window's end while its reconnect worker restores the link after
-// a reboot, the one state of a quit that no button reaches (bench/quit times
-// the others on the whole program).
+// threads took and their wake-ups (context switches) per second; the
+// simulated board's threads are left out. The reconnect case times the
+// window's end while its reconnect worker restores the link after a reboot,
+// the one state of a quit that no button reaches (bench/quit times the
+// others on the whole program).
 //
 // The window is shown on the display (make bench runs under Xvfb). Logging
 // is off unless MERID_LOG_LEVEL says otherwise, as in the protocol benchmarks.
