@@ -2,9 +2,9 @@
 
 #include "SerialPortPosix.h"
 #include "TestBasics.h"
+#include "TestSupport.h"
 
 #include <algorithm>
-#include <cstdlib>
 #include <thread>
 
 namespace programtest {
@@ -17,16 +17,8 @@ constexpr auto kSettle = std::chrono::milliseconds(300);
 // The ports the program offers with `extra` named in MERID_EXTRA_PORTS, in
 // its order: the lookup is the program's own.
 std::vector<std::string> offeredPorts(const std::string& extra) {
-    const char* before = std::getenv("MERID_EXTRA_PORTS");
-    const std::string saved = before != nullptr ? before : "";
-    ::setenv("MERID_EXTRA_PORTS", extra.c_str(), 1);
-    std::vector<std::string> ports = SerialPortPosix().getAvailablePorts();
-    if (before != nullptr) {
-        ::setenv("MERID_EXTRA_PORTS", saved.c_str(), 1);
-    } else {
-        ::unsetenv("MERID_EXTRA_PORTS");
-    }
-    return ports;
+    const testsupport::ScopedEnv named("MERID_EXTRA_PORTS", extra);
+    return SerialPortPosix().getAvailablePorts();
 }
 
 } // namespace
