@@ -22,22 +22,10 @@
 // found and for the erase confirmed.
 class LinkSession {
 public:
-    explicit LinkSession(const std::string& port) {
-        auto& events = GlobalHandlerEvents::getInstance();
-        events.clearAllHandlers();
-        usb.portName = port;
-        usb.baudrate = UsbTypes::Baud921600;
-        events.addHandler(SET_CURRENT_DEVICE_ADDR, [this] {
-            address = handler.getDeviceHandler().currentAddress.load();
-            sender.getInfoFields(address, 0);
-            return GlobalHandlerEvents::Success;
-        });
-        events.addHandlerWithArgs<LoadStage>(UPLOAD_FIRMWARE, [this](LoadStage stage) {
-            if (stage == Write) {
-                startTransfer(0);
-            }
-            return GlobalHandlerEvents::Success;
-        });
+    explicit LinkSession(const std::string& port) { wire(port); }
+    // Over a port of the caller's, for example one that watches the link.
+    LinkSession(const std::string& port, std::unique_ptr<SerialPort> serial) : usb(std::move(serial)) {
+        wire(port);
     }
 
     ~LinkSession() {
@@ -106,6 +94,26 @@ public:
     std::atomic<std::uint8_t> address{0};
     std::string firmwarePath;
     bool started = false;
+
+private:
+    // The window's handlers for a device found and for the erase confirmed.
+    void wire(const std::string& port) {
+        auto& events = GlobalHandlerEvents::getInstance();
+        events.clearAllHandlers();
+        usb.portName = port;
+        usb.baudrate = UsbTypes::Baud921600;
+        events.addHandler(SET_CURRENT_DEVICE_ADDR, [this] {
+            address = handler.getDeviceHandler().currentAddress.load();
+            sender.getInfoFields(address, 0);
+            return GlobalHandlerEvents::Success;
+        });
+        events.addHandlerWithArgs<LoadStage>(UPLOAD_FIRMWARE, [this](LoadStage stage) {
+            if (stage == Write) {
+                startTransfer(0);
+            }
+            return GlobalHandlerEvents::Success;
+        });
+    }
 };
 
 // Bytes of an image, the same in every build and run.
