@@ -17,11 +17,9 @@ constexpr DWORD kPurgeClear = 0xC; // clear both directions
 constexpr DWORD kFormatFlags = 0x1300;
 constexpr DWORD kDefaultLanguage = 0x400;
 constexpr DWORD kWriteTimeoutMs = 2000;
-// The longest the driver waits in one ReadFile before the read looks for a close.
-constexpr long long kReadSliceMs = 50;
-// The cached read wait meaning "none set yet" or "return at once".
-constexpr DWORD kUnknownReadWait = 0;
-constexpr DWORD kNoReadWait = MAXDWORD;
+// A read only ever asks for queued bytes; the driver's own limit is a bound
+// for a queue emptied under it.
+constexpr DWORD kReadLimitMs = 50;
 
 using Clock = std::chrono::steady_clock;
 
@@ -55,12 +53,107 @@ std::string systemErrorText(DWORD error) {
     return text;
 }
 
+long long msUntil(Clock::time_point deadline) {
+    return std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()).count();
+}
+
+// How an overlapped call ended.
+enum class Completion { Done, TimedOut, Cancelled, Failed };
+struct Outcome {
+    Completion completion = Completion::Failed;
+    DWORD bytes = 0;
+    DWORD error = 0;
+};
+
+// Waits for a started overlapped call until it is done, `cancel` is set or
+// `waitMs` has passed. A call left unfinished is cancelled and waited for, so
+// that its buffer and OVERLAPPED can go.
+Outcome awaitCall(HANDLE port, OVERLAPPED& call, HANDLE cancel, DWORD waitMs) {
+    const HANDLE events[2] = {call.hEvent, cancel};
+    const DWORD woke = WaitForMultipleObjects(cancel != nullptr ? 2 : 1, events, FALSE, waitMs);
+    const DWORD waitError = woke == WAIT_FAILED ? GetLastError() : 0;
+    if (woke != WAIT_OBJECT_0) {
+        CancelIoEx(port, &call);
+    }
+    DWORD bytes = 0;
+    const bool finished = GetOverlappedResult(port, &call, &bytes, TRUE) != 0;
+    const DWORD error = finished ? 0 : GetLastError();
+    if (woke == WAIT_OBJECT_0 + 1) {
+        return {Completion::Cancelled, bytes, 0};
+    }
+    if (woke == WAIT_TIMEOUT) {
+        return {Completion::TimedOut, bytes, 0};
+    }
+    if (woke == WAIT_FAILED) {
+        return {Completion::Failed, bytes, waitError};
+    }
+    return {finished ? Completion::Done : Completion::Failed, bytes, error};
+}
+
+// One overlapped call: `start(OVERLAPPED*)` begins it on an event of its own,
+// then `waitMs()`, asked once the call is under way, gives the longest wait.
+template <typename Start, typename WaitMs>
+Outcome runOverlapped(HANDLE port, HANDLE cancel, Start start, WaitMs waitMs) {
+    OVERLAPPED call{};
+    call.hEvent = CreateEventA(nullptr, TRUE, FALSE, nullptr);
+    if (call.hEvent == nullptr) {
+        return {Completion::Failed, 0, GetLastError()};
+    }
+    Outcome outcome;
+    if (!start(&call) && GetLastError() != ERROR_IO_PENDING) {
+        outcome.error = GetLastError();
+    } else {
+        outcome = awaitCall(port, call, cancel, waitMs());
+    }
+    CloseHandle(call.hEvent);
+    return outcome;
+}
+
+DWORD untilDone() {
+    return INFINITE;
+}
+
+// The bytes waiting in the input queue; false when the line fails.
+bool queuedBytes(HANDLE port, DWORD& queued) {
+    DWORD errors = 0;
+    COMSTAT status{};
+    if (!ClearCommError(port, &errors, &status)) {
+        return false;
+    }
+    queued = status.cbInQue;
+    return true;
+}
+
+// Waits for the line's receive event. Bytes that came before the wait was
+// under way raise no event on every driver: they end the wait at once. A
+// wait that the driver aborted (the mask set again, the queue purged) only
+// wakes the reader, who looks at the queue again.
+Outcome waitForBytes(HANDLE port, HANDLE cancel, DWORD waitMs) {
+    DWORD events = 0;
+    bool queuedBefore = false;
+    const Outcome waited = runOverlapped(
+        port, cancel, [&](OVERLAPPED* call) { return WaitCommEvent(port, &events, call); },
+        [&] {
+            DWORD queued = 0;
+            queuedBefore = !queuedBytes(port, queued) || queued != 0;
+            return queuedBefore ? 0 : waitMs;
+        });
+    const bool aborted = waited.completion == Completion::Failed && waited.error == ERROR_OPERATION_ABORTED;
+    if (waited.completion != Completion::Cancelled && (queuedBefore || aborted)) {
+        return {Completion::Done, 0, 0};
+    }
+    return waited;
+}
+
 } // namespace
 
-SerialPortWindows::SerialPortWindows() = default;
+SerialPortWindows::SerialPortWindows() : closing(CreateEventA(nullptr, TRUE, FALSE, nullptr)) {}
 
 SerialPortWindows::~SerialPortWindows() {
     closePort();
+    if (closing != nullptr) {
+        CloseHandle(closing);
+    }
 }
 
 std::vector<std::string> SerialPortWindows::getAvailablePorts() {
@@ -86,9 +179,10 @@ UsbTypes::Status SerialPortWindows::openPort(std::string& name) {
         std::lock_guard<std::mutex> lock(nameMutex);
         portName = name;
     }
-    // Exclusive, synchronous.
-    HANDLE opened =
-        CreateFileA(path.c_str(), GENERIC_READ | GENERIC_WRITE, 0, nullptr, OPEN_EXISTING, 0, nullptr);
+    lastReadError = 0;
+    // Exclusive, overlapped.
+    HANDLE opened = CreateFileA(path.c_str(), GENERIC_READ | GENERIC_WRITE, 0, nullptr, OPEN_EXISTING,
+                                FILE_FLAG_OVERLAPPED, nullptr);
     if (opened == INVALID_HANDLE_VALUE) {
         const DWORD error = GetLastError();
         logger->log("Error opening port " + name + " (CreateFileA err=" + std::to_string(error) + ")",
@@ -101,6 +195,8 @@ UsbTypes::Status SerialPortWindows::openPort(std::string& name) {
     }
     SetupComm(opened, kQueueSize, kQueueSize);
     PurgeComm(opened, kPurgeAll);
+    // Reads wait for this event; a failure shows at the first read.
+    SetCommMask(opened, EV_RXCHAR);
     handle.store(fromHandle(opened));
     return UsbTypes::Ok;
 }
@@ -112,11 +208,17 @@ UsbTypes::Status SerialPortWindows::closePort() {
     if (current == COM_INVALID_HANDLE) {
         return UsbTypes::Ok;
     }
-    // Reads notice the close within one wait slice; a write ends within its
-    // own time-out.
-    usage.beginClose();
+    // Calls waiting on the line end at once; the handle goes once they left.
+    usage.beginClose([this] {
+        if (closing != nullptr) {
+            SetEvent(closing);
+        }
+    });
     const BOOL closed = CloseHandle(toHandle(current));
     const DWORD error = GetLastError();
+    if (closing != nullptr) {
+        ResetEvent(closing);
+    }
     usage.endClose();
     if (!closed) {
         logger->log("Error closing port (CloseHandle err=" + std::to_string(error) + ")", BaseLogger::ERROR,
@@ -168,9 +270,12 @@ bool SerialPortWindows::serialPortConfig(UsbTypes::Baudrate speed) {
         logger->log(failedWithNumber("SetCommState", GetLastError()), BaseLogger::ERROR, kTag);
         return false;
     }
-    // Each read sets its own wait; a write may take 2 s.
-    readWaitMs.store(kUnknownReadWait);
-    if (!setReadWait(port, 0)) {
+    COMMTIMEOUTS timeouts{};
+    timeouts.ReadIntervalTimeout = MAXDWORD;
+    timeouts.ReadTotalTimeoutConstant = kReadLimitMs;
+    timeouts.WriteTotalTimeoutConstant = kWriteTimeoutMs;
+    if (!SetCommTimeouts(port, &timeouts)) {
+        logger->log(failedWithNumber("SetCommTimeouts", GetLastError()), BaseLogger::ERROR, kTag);
         return false;
     }
     PurgeComm(port, kPurgeClear);
@@ -212,71 +317,73 @@ UsbTypes::IoResult SerialPortWindows::readDataImpl(unsigned char* data, unsigned
         result.status = UsbTypes::Timeout; // nothing to take
         return result;
     }
+    std::lock_guard<std::mutex> reading(readMutex);
     HANDLE port = toHandle(current);
-    timeoutMs = std::max(timeoutMs, 0);
-    const auto start = Clock::now();
-    // What is queued is taken at once. Otherwise the driver waits for one
-    // byte, a slice at a time so that a close is noticed within one slice;
-    // the bytes behind it are taken by the next read.
+    const auto deadline = Clock::now() + std::chrono::milliseconds(std::max(timeoutMs, 0));
+    // What is queued is taken at once, all of it; otherwise the read waits
+    // for bytes to arrive, and only then takes them.
     for (;;) {
+        DWORD queued = 0;
         if (usage.isClosing()) {
             result.status = UsbTypes::ReceiveError; // closed under the call
             return result;
         }
-        DWORD errors = 0;
-        COMSTAT status{};
-        if (!ClearCommError(port, &errors, &status)) {
-            logger->log(failedWithNumber("ClearCommError", GetLastError()), BaseLogger::ERROR, kTag);
-            result.status = UsbTypes::ReceiveError;
-            return result;
+        if (!queuedBytes(port, queued)) {
+            return failedRead("ClearCommError", GetLastError(), msUntil(deadline));
         }
-        const auto elapsed =
-            std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - start).count();
-        const auto left = std::max<long long>(timeoutMs - elapsed, 0);
-        const bool queued = status.cbInQue != 0;
-        const DWORD wanted =
-            queued ? static_cast<DWORD>(std::min<unsigned long long>(status.cbInQue, size)) : 1;
-        if (!queued && left == 0) {
+        if (queued != 0) {
+            return readQueued(port, data, static_cast<DWORD>(std::min<unsigned long long>(queued, size)));
+        }
+        const long long left = msUntil(deadline);
+        if (left <= 0) {
             result.status = UsbTypes::Timeout;
             return result;
         }
-        if (!setReadWait(port, queued ? 0 : static_cast<DWORD>(std::min<long long>(left, kReadSliceMs)))) {
-            result.status = UsbTypes::ReceiveError;
-            return result;
+        const Outcome waited = waitForBytes(port, closing, static_cast<DWORD>(left));
+        if (waited.completion == Completion::Failed) {
+            return failedRead("WaitCommEvent", waited.error, msUntil(deadline));
         }
-        DWORD got = 0;
-        if (!ReadFile(port, data, std::min<DWORD>(wanted, static_cast<DWORD>(size)), &got, nullptr)) {
-            logger->log(failedWithNumber("ReadFile", GetLastError()), BaseLogger::ERROR, kTag);
-            result.status = UsbTypes::ReceiveError;
-            return result;
-        }
-        if (got != 0) {
-            result.bytes = got;
-            result.status = UsbTypes::Ok;
+        if (waited.completion == Completion::TimedOut) {
+            result.status = UsbTypes::Timeout;
             return result;
         }
     }
 }
 
-bool SerialPortWindows::setReadWait(void* port, unsigned long waitMs) {
-    // A wait of 0 takes what is queued and returns at once; any other ends
-    // when the bytes asked for are there or the wait is over.
-    const DWORD wanted = waitMs == 0 ? kNoReadWait : waitMs;
-    if (readWaitMs.load() == wanted) {
-        return true;
+UsbTypes::IoResult SerialPortWindows::readQueued(void* port, unsigned char* data, unsigned long count) {
+    UsbTypes::IoResult result;
+    const Outcome read = runOverlapped(
+        port, closing, [&](OVERLAPPED* call) { return ReadFile(port, data, count, nullptr, call); },
+        untilDone);
+    if (read.completion == Completion::Cancelled) {
+        result.status = UsbTypes::ReceiveError; // closed under the call
+        return result;
     }
-    COMMTIMEOUTS timeouts{};
-    timeouts.ReadIntervalTimeout = waitMs == 0 ? MAXDWORD : 0;
-    timeouts.ReadTotalTimeoutMultiplier = 0;
-    timeouts.ReadTotalTimeoutConstant = waitMs;
-    timeouts.WriteTotalTimeoutMultiplier = 0;
-    timeouts.WriteTotalTimeoutConstant = kWriteTimeoutMs;
-    if (!SetCommTimeouts(static_cast<HANDLE>(port), &timeouts)) {
-        logger->log(failedWithNumber("SetCommTimeouts", GetLastError()), BaseLogger::ERROR, kTag);
-        return false;
+    if (read.completion == Completion::Failed) {
+        return failedRead("ReadFile", read.error, 0);
     }
-    readWaitMs.store(wanted);
-    return true;
+    result.bytes = read.bytes;
+    result.status = read.bytes == 0 ? UsbTypes::Timeout : UsbTypes::Ok;
+    if (read.bytes != 0) {
+        lastReadError = 0;
+    }
+    return result;
+}
+
+UsbTypes::IoResult SerialPortWindows::failedRead(const char* call, unsigned long error, long long waitMs) {
+    UsbTypes::IoResult result;
+    result.status = UsbTypes::ReceiveError;
+    if (lastReadError.exchange(error) != error) {
+        logger->log(failedWithNumber(call, error), BaseLogger::ERROR, kTag);
+        return result;
+    }
+    // Reported already: the caller learns of it again only after its wait.
+    if (waitMs > 0 && closing != nullptr) {
+        WaitForSingleObject(closing, static_cast<DWORD>(waitMs));
+    } else if (waitMs > 0) {
+        Sleep(static_cast<DWORD>(waitMs));
+    }
+    return result;
 }
 
 UsbTypes::IoResult SerialPortWindows::writeDataImpl(unsigned char* data, unsigned long long size) {
@@ -292,20 +399,33 @@ UsbTypes::IoResult SerialPortWindows::writeDataImpl(unsigned char* data, unsigne
         result.status = UsbTypes::TransmitError;
         return result;
     }
-    // One call for the whole buffer: no chunks, no retry.
+    // One call for the whole buffer: no chunks, no retry. It ends when the
+    // driver is done, its write time-out included, or at a close.
+    HANDLE port = toHandle(current);
     const auto requested = static_cast<DWORD>(size);
-    DWORD written = 0;
-    if (WriteFile(toHandle(current), data, requested, &written, nullptr)) {
-        // A short count (the write time-out ran out) stays Ok.
-        result.bytes = written;
-        if (written != size) {
-            logger->log("Partial write: " + std::to_string(written) + " of " + std::to_string(size) +
-                            " bytes",
-                        BaseLogger::WARNING, kTag);
-        }
+    const Outcome written = runOverlapped(
+        port, closing, [&](OVERLAPPED* call) { return WriteFile(port, data, requested, nullptr, call); },
+        untilDone);
+    if (written.completion == Completion::Cancelled) {
+        result.status = UsbTypes::TransmitError; // closed under the call
         return result;
     }
-    const DWORD error = GetLastError();
+    if (written.completion == Completion::Failed) {
+        logWriteFailure(written.error);
+        result.status = UsbTypes::TransmitError;
+        return result;
+    }
+    // A short count (the write time-out ran out) stays Ok.
+    result.bytes = written.bytes;
+    if (written.bytes != size) {
+        logger->log("Partial write: " + std::to_string(written.bytes) + " of " + std::to_string(size) +
+                        " bytes",
+                    BaseLogger::WARNING, kTag);
+    }
+    return result;
+}
+
+void SerialPortWindows::logWriteFailure(unsigned long error) {
     const std::string text = systemErrorText(error);
     const std::string name = currentPortName();
     std::string message = "WriteFile failed (err=" + std::to_string(error) + ")";
@@ -316,8 +436,6 @@ UsbTypes::IoResult SerialPortWindows::writeDataImpl(unsigned char* data, unsigne
         message += ": " + text;
     }
     logger->log(message, BaseLogger::ERROR, kTag);
-    result.status = UsbTypes::TransmitError;
-    return result;
 }
 
 std::string SerialPortWindows::currentPortName() const {

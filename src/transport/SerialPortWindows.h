@@ -13,10 +13,16 @@
 // The serial port on Windows, over the system's communications functions.
 // It holds one open handle, a speed and the name of the port.
 //
+// The handle is opened for overlapped I/O: the system serialises the calls
+// on a synchronous handle, so a read waiting for an answer would hold up the
+// write of the next request. A read waits for arriving bytes on the line's
+// receive event and then takes everything queued at once; a write waits for
+// its own completion, so the caller's contract stays synchronous.
+//
 // The handle is kept as an integer, so that this header needs no system
 // header and the naming rules below build and are tested everywhere. As on
 // POSIX, PortUsage keeps the handle valid until running reads and writes
-// have left, and a close ends the read's wait early.
+// have left, and a close wakes the calls that wait on the line.
 class SerialPortWindows : public SerialPort {
 public:
     // The system's invalid handle value: all bits set.
@@ -45,14 +51,22 @@ public:
     UsbTypes::Baudrate configuredBaudrate() const { return baudrate.load(); }
 
 private:
+    // Reads `count` bytes that are already queued.
+    UsbTypes::IoResult readQueued(void* port, unsigned char* data, unsigned long count);
+    // Logs a read failure once, and holds a read that fails the same way
+    // again until its time-out or a close, so that a caller reading in a
+    // loop does not spin on a dead line.
+    UsbTypes::IoResult failedRead(const char* call, unsigned long error, long long waitMs);
+    void logWriteFailure(unsigned long error);
     std::string currentPortName() const;
-    // Sets how long the driver's ReadFile waits for the first byte (0: not at
-    // all), unless that wait is already set.
-    bool setReadWait(void* port, unsigned long waitMs);
 
     std::atomic<std::intptr_t> handle{COM_INVALID_HANDLE};
-    // The read wait the driver holds now, in milliseconds.
-    std::atomic<unsigned long> readWaitMs{0};
+    // Set while a close is under way: it ends every wait on the line.
+    void* closing = nullptr;
+    // One read at a time waits for the line's receive event.
+    std::mutex readMutex;
+    // The last read failure logged; 0 once the line works again.
+    std::atomic<unsigned long> lastReadError{0};
     std::atomic<UsbTypes::Baudrate> baudrate{UsbTypes::Baud115200};
     // The name as the caller gave it, for the write failure message.
     std::string portName;
