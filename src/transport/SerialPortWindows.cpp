@@ -17,9 +17,6 @@ constexpr DWORD kPurgeClear = 0xC; // clear both directions
 constexpr DWORD kFormatFlags = 0x1300;
 constexpr DWORD kDefaultLanguage = 0x400;
 constexpr DWORD kWriteTimeoutMs = 2000;
-// A read only ever asks for queued bytes; the driver's own limit is a bound
-// for a queue emptied under it.
-constexpr DWORD kReadLimitMs = 50;
 
 using Clock = std::chrono::steady_clock;
 
@@ -90,27 +87,36 @@ Outcome awaitCall(HANDLE port, OVERLAPPED& call, HANDLE cancel, DWORD waitMs) {
     return {finished ? Completion::Done : Completion::Failed, bytes, error};
 }
 
-// One overlapped call: `start(OVERLAPPED*)` begins it on an event of its own,
-// then `waitMs()`, asked once the call is under way, gives the longest wait.
-template <typename Start, typename WaitMs>
-Outcome runOverlapped(HANDLE port, HANDLE cancel, Start start, WaitMs waitMs) {
+// One overlapped call: `start(OVERLAPPED*)` begins it with `done` as its
+// event; a call that does not finish at once is awaited as above.
+template <typename Start>
+Outcome runOverlapped(HANDLE port, HANDLE done, HANDLE cancel, Start start, DWORD waitMs) {
+    if (done == nullptr) {
+        return {Completion::Failed, 0, ERROR_INVALID_HANDLE};
+    }
     OVERLAPPED call{};
-    call.hEvent = CreateEventA(nullptr, TRUE, FALSE, nullptr);
-    if (call.hEvent == nullptr) {
-        return {Completion::Failed, 0, GetLastError()};
+    call.hEvent = done;
+    if (start(&call)) {
+        DWORD bytes = 0;
+        GetOverlappedResult(port, &call, &bytes, FALSE);
+        return {Completion::Done, bytes, 0};
     }
-    Outcome outcome;
-    if (!start(&call) && GetLastError() != ERROR_IO_PENDING) {
-        outcome.error = GetLastError();
-    } else {
-        outcome = awaitCall(port, call, cancel, waitMs());
+    const DWORD error = GetLastError();
+    if (error != ERROR_IO_PENDING) {
+        return {Completion::Failed, 0, error};
     }
-    CloseHandle(call.hEvent);
-    return outcome;
+    return awaitCall(port, call, cancel, waitMs);
 }
 
-DWORD untilDone() {
-    return INFINITE;
+// A manual-reset event, not set.
+HANDLE newEvent() {
+    return CreateEventA(nullptr, TRUE, FALSE, nullptr);
+}
+
+void closeEvent(HANDLE event) {
+    if (event != nullptr) {
+        CloseHandle(event);
+    }
 }
 
 // The bytes waiting in the input queue; false when the line fails.
@@ -124,35 +130,14 @@ bool queuedBytes(HANDLE port, DWORD& queued) {
     return true;
 }
 
-// Waits for the line's receive event. Bytes that came before the wait was
-// under way raise no event on every driver: they end the wait at once. A
-// wait that the driver aborted (the mask set again, the queue purged) only
-// wakes the reader, who looks at the queue again.
-Outcome waitForBytes(HANDLE port, HANDLE cancel, DWORD waitMs) {
-    DWORD events = 0;
-    bool queuedBefore = false;
-    const Outcome waited = runOverlapped(
-        port, cancel, [&](OVERLAPPED* call) { return WaitCommEvent(port, &events, call); },
-        [&] {
-            DWORD queued = 0;
-            queuedBefore = !queuedBytes(port, queued) || queued != 0;
-            return queuedBefore ? 0 : waitMs;
-        });
-    const bool aborted = waited.completion == Completion::Failed && waited.error == ERROR_OPERATION_ABORTED;
-    if (waited.completion != Completion::Cancelled && (queuedBefore || aborted)) {
-        return {Completion::Done, 0, 0};
-    }
-    return waited;
-}
-
 } // namespace
 
-SerialPortWindows::SerialPortWindows() : closing(CreateEventA(nullptr, TRUE, FALSE, nullptr)) {}
+SerialPortWindows::SerialPortWindows() : closing(newEvent()), readDone(newEvent()), writeDone(newEvent()) {}
 
 SerialPortWindows::~SerialPortWindows() {
     closePort();
-    if (closing != nullptr) {
-        CloseHandle(closing);
+    for (HANDLE event : {closing, readDone, writeDone}) {
+        closeEvent(event);
     }
 }
 
@@ -195,8 +180,6 @@ UsbTypes::Status SerialPortWindows::openPort(std::string& name) {
     }
     SetupComm(opened, kQueueSize, kQueueSize);
     PurgeComm(opened, kPurgeAll);
-    // Reads wait for this event; a failure shows at the first read.
-    SetCommMask(opened, EV_RXCHAR);
     handle.store(fromHandle(opened));
     return UsbTypes::Ok;
 }
@@ -270,9 +253,9 @@ bool SerialPortWindows::serialPortConfig(UsbTypes::Baudrate speed) {
         logger->log(failedWithNumber("SetCommState", GetLastError()), BaseLogger::ERROR, kTag);
         return false;
     }
+    // No read time-out in the driver: a read asks for queued bytes, or waits
+    // for one byte as long as it chooses and cancels that wait itself.
     COMMTIMEOUTS timeouts{};
-    timeouts.ReadIntervalTimeout = MAXDWORD;
-    timeouts.ReadTotalTimeoutConstant = kReadLimitMs;
     timeouts.WriteTotalTimeoutConstant = kWriteTimeoutMs;
     if (!SetCommTimeouts(port, &timeouts)) {
         logger->log(failedWithNumber("SetCommTimeouts", GetLastError()), BaseLogger::ERROR, kTag);
@@ -320,8 +303,8 @@ UsbTypes::IoResult SerialPortWindows::readDataImpl(unsigned char* data, unsigned
     std::lock_guard<std::mutex> reading(readMutex);
     HANDLE port = toHandle(current);
     const auto deadline = Clock::now() + std::chrono::milliseconds(std::max(timeoutMs, 0));
-    // What is queued is taken at once, all of it; otherwise the read waits
-    // for bytes to arrive, and only then takes them.
+    // What is queued is taken at once, all of it. Otherwise a read of one
+    // byte waits for the line, and the bytes behind it join it.
     for (;;) {
         DWORD queued = 0;
         if (usage.isClosing()) {
@@ -339,22 +322,44 @@ UsbTypes::IoResult SerialPortWindows::readDataImpl(unsigned char* data, unsigned
             result.status = UsbTypes::Timeout;
             return result;
         }
-        const Outcome waited = waitForBytes(port, closing, static_cast<DWORD>(left));
-        if (waited.completion == Completion::Failed) {
-            return failedRead("WaitCommEvent", waited.error, msUntil(deadline));
+        const Outcome first = runOverlapped(
+            port, readDone, closing, [&](OVERLAPPED* call) { return ReadFile(port, data, 1, nullptr, call); },
+            static_cast<DWORD>(left));
+        if (first.bytes != 0) {
+            return withQueuedRest(port, data, size);
         }
-        if (waited.completion == Completion::TimedOut) {
+        if (first.completion == Completion::Failed && first.error != ERROR_OPERATION_ABORTED) {
+            return failedRead("ReadFile", first.error, msUntil(deadline));
+        }
+        if (first.completion == Completion::TimedOut) {
             result.status = UsbTypes::Timeout;
             return result;
         }
     }
 }
 
+UsbTypes::IoResult SerialPortWindows::withQueuedRest(void* port, unsigned char* data,
+                                                     unsigned long long size) {
+    DWORD queued = 0;
+    UsbTypes::IoResult result;
+    if (size > 1 && queuedBytes(port, queued) && queued != 0) {
+        result =
+            readQueued(port, data + 1, static_cast<DWORD>(std::min<unsigned long long>(queued, size - 1)));
+        if (result.status == UsbTypes::ReceiveError) {
+            return result;
+        }
+    }
+    lastReadError = 0;
+    result.bytes += 1;
+    result.status = UsbTypes::Ok;
+    return result;
+}
+
 UsbTypes::IoResult SerialPortWindows::readQueued(void* port, unsigned char* data, unsigned long count) {
     UsbTypes::IoResult result;
     const Outcome read = runOverlapped(
-        port, closing, [&](OVERLAPPED* call) { return ReadFile(port, data, count, nullptr, call); },
-        untilDone);
+        port, readDone, closing, [&](OVERLAPPED* call) { return ReadFile(port, data, count, nullptr, call); },
+        INFINITE);
     if (read.completion == Completion::Cancelled) {
         result.status = UsbTypes::ReceiveError; // closed under the call
         return result;
@@ -401,11 +406,12 @@ UsbTypes::IoResult SerialPortWindows::writeDataImpl(unsigned char* data, unsigne
     }
     // One call for the whole buffer: no chunks, no retry. It ends when the
     // driver is done, its write time-out included, or at a close.
+    std::lock_guard<std::mutex> writing(writeMutex);
     HANDLE port = toHandle(current);
     const auto requested = static_cast<DWORD>(size);
     const Outcome written = runOverlapped(
-        port, closing, [&](OVERLAPPED* call) { return WriteFile(port, data, requested, nullptr, call); },
-        untilDone);
+        port, writeDone, closing,
+        [&](OVERLAPPED* call) { return WriteFile(port, data, requested, nullptr, call); }, INFINITE);
     if (written.completion == Completion::Cancelled) {
         result.status = UsbTypes::TransmitError; // closed under the call
         return result;

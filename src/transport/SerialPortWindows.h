@@ -15,9 +15,10 @@
 //
 // The handle is opened for overlapped I/O: the system serialises the calls
 // on a synchronous handle, so a read waiting for an answer would hold up the
-// write of the next request. A read waits for arriving bytes on the line's
-// receive event and then takes everything queued at once; a write waits for
-// its own completion, so the caller's contract stays synchronous.
+// write of the next request. A read takes everything queued at once, or
+// waits for the first byte to arrive and takes the bytes behind it with it;
+// a write waits for its own completion, so the caller's contract stays
+// synchronous.
 //
 // The handle is kept as an integer, so that this header needs no system
 // header and the naming rules below build and are tested everywhere. As on
@@ -53,6 +54,8 @@ public:
 private:
     // Reads `count` bytes that are already queued.
     UsbTypes::IoResult readQueued(void* port, unsigned char* data, unsigned long count);
+    // The byte in data[0] with whatever is queued behind it, up to `size`.
+    UsbTypes::IoResult withQueuedRest(void* port, unsigned char* data, unsigned long long size);
     // Logs a read failure once, and holds a read that fails the same way
     // again until its time-out or a close, so that a caller reading in a
     // loop does not spin on a dead line.
@@ -63,8 +66,11 @@ private:
     std::atomic<std::intptr_t> handle{COM_INVALID_HANDLE};
     // Set while a close is under way: it ends every wait on the line.
     void* closing = nullptr;
-    // One read at a time waits for the line's receive event.
+    // One read and one write at a time, each with its completion event.
     std::mutex readMutex;
+    void* readDone = nullptr;
+    std::mutex writeMutex;
+    void* writeDone = nullptr;
     // The last read failure logged; 0 once the line works again.
     std::atomic<unsigned long> lastReadError{0};
     std::atomic<UsbTypes::Baudrate> baudrate{UsbTypes::Baud115200};
