@@ -4,7 +4,8 @@
 #   test-windows.sh MINGW_BUILD_DIR [NATIVE_BUILD_DIR]
 #
 # 1. The core unit tests (merid_core_tests.exe), with an echoing
-#    pseudo-terminal mapped as COM6 for the serial port's echo test; the
+#    pseudo-terminal mapped as COM6 for the serial port's echo test and one
+#    that hangs up as COM7 for its failing reads; the
 #    platform tests once more from a folder whose name is not ASCII.
 # 2. The link scenario of tests/windows: merid_windows_integration.exe opens
 #    COM5, which the prefix maps to a simulated board (merid-devsim on a
@@ -123,6 +124,13 @@ say "Wine prefix with COM5 on the board ($wine_board_pty) and COM6 on the echo (
 "$WINE" wineboot -i >/dev/null 2>&1
 "$WINE" reg add 'HKLM\Software\Wine\Ports' /v COM5 /d "$wine_board_pty" /f >/dev/null
 "$WINE" reg add 'HKLM\Software\Wine\Ports' /v COM6 /d "$echo_pty" /f >/dev/null
+
+# COM7: a line that hangs up at the first byte it receives, for the serial
+# port's test of a cable pulled out.
+start_serving hangup_pty "$work/hangup.port" "$pty_echo" --hang-up
+"$WINE" reg add 'HKLM\Software\Wine\Ports' /v COM7 /d "$hangup_pty" /f >/dev/null
+export MERID_TEST_HANGUP_PORT=COM7
+
 "$WINESERVER" -w
 # One server for the runs below. It holds the pseudo-terminals as its
 # controlling terminals and takes their hang-up as a request to dump its

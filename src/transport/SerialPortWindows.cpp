@@ -164,7 +164,7 @@ UsbTypes::Status SerialPortWindows::openPort(std::string& name) {
         std::lock_guard<std::mutex> lock(nameMutex);
         portName = name;
     }
-    lastReadError = 0;
+    readFailing = false;
     // Exclusive, overlapped.
     HANDLE opened = CreateFileA(path.c_str(), GENERIC_READ | GENERIC_WRITE, 0, nullptr, OPEN_EXISTING,
                                 FILE_FLAG_OVERLAPPED, nullptr);
@@ -349,7 +349,7 @@ UsbTypes::IoResult SerialPortWindows::withQueuedRest(void* port, unsigned char* 
             return result;
         }
     }
-    lastReadError = 0;
+    readFailing = false;
     result.bytes += 1;
     result.status = UsbTypes::Ok;
     return result;
@@ -370,7 +370,7 @@ UsbTypes::IoResult SerialPortWindows::readQueued(void* port, unsigned char* data
     result.bytes = read.bytes;
     result.status = read.bytes == 0 ? UsbTypes::Timeout : UsbTypes::Ok;
     if (read.bytes != 0) {
-        lastReadError = 0;
+        readFailing = false;
     }
     return result;
 }
@@ -378,7 +378,7 @@ UsbTypes::IoResult SerialPortWindows::readQueued(void* port, unsigned char* data
 UsbTypes::IoResult SerialPortWindows::failedRead(const char* call, unsigned long error, long long waitMs) {
     UsbTypes::IoResult result;
     result.status = UsbTypes::ReceiveError;
-    if (lastReadError.exchange(error) != error) {
+    if (!readFailing.exchange(true)) {
         logger->log(failedWithNumber(call, error), BaseLogger::ERROR, kTag);
         return result;
     }

@@ -56,9 +56,9 @@ private:
     UsbTypes::IoResult readQueued(void* port, unsigned char* data, unsigned long count);
     // The byte in data[0] with whatever is queued behind it, up to `size`.
     UsbTypes::IoResult withQueuedRest(void* port, unsigned char* data, unsigned long long size);
-    // Logs a read failure once, and holds a read that fails the same way
-    // again until its time-out or a close, so that a caller reading in a
-    // loop does not spin on a dead line.
+    // Logs the first read failure of a failing line, and holds the reads
+    // that fail after it until their time-out or a close, so that a caller
+    // reading in a loop neither floods the log nor spins on a dead line.
     UsbTypes::IoResult failedRead(const char* call, unsigned long error, long long waitMs);
     void logWriteFailure(unsigned long error);
     std::string currentPortName() const;
@@ -71,8 +71,9 @@ private:
     void* readDone = nullptr;
     std::mutex writeMutex;
     void* writeDone = nullptr;
-    // The last read failure logged; 0 once the line works again.
-    std::atomic<unsigned long> lastReadError{0};
+    // Set by a failed read once it is logged; cleared when bytes come in and
+    // at the next open.
+    std::atomic<bool> readFailing{false};
     std::atomic<UsbTypes::Baudrate> baudrate{UsbTypes::Baud115200};
     // The name as the caller gave it, for the write failure message.
     std::string portName;

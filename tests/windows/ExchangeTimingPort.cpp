@@ -56,13 +56,21 @@ std::vector<ExchangeTimingPort::Exchange> ExchangeTimingPort::exchanges() const 
     return done;
 }
 
+double ExchangeTimingPort::readsPerAnswer() const {
+    std::size_t answers = 0;
+    std::size_t reads = 0;
+    for (const Exchange& exchange : exchanges()) {
+        answers += exchange.reads > 0 ? 1 : 0;
+        reads += exchange.reads;
+    }
+    return answers == 0 ? 0 : static_cast<double>(reads) / static_cast<double>(answers);
+}
+
 std::string ExchangeTimingPort::summary() const {
     std::vector<double> times;
-    std::size_t reads = 0;
     for (const Exchange& exchange : exchanges()) {
         if (exchange.reads > 0) {
             times.push_back(exchange.answerMs);
-            reads += exchange.reads;
         }
     }
     if (times.empty()) {
@@ -72,7 +80,7 @@ std::string ExchangeTimingPort::summary() const {
     const auto at = [&](double share) { return times[static_cast<std::size_t>(share * (times.size() - 1))]; };
     return std::to_string(times.size()) + " answered exchanges, write to answer: median " + fixed(at(0.5)) +
            " ms, 90% " + fixed(at(0.9)) + " ms, longest " + fixed(times.back()) + " ms; " +
-           fixed(static_cast<double>(reads) / static_cast<double>(times.size())) + " reads per answer";
+           fixed(readsPerAnswer()) + " reads per answer";
 }
 
 void ExchangeTimingPort::writeTrace(std::ostream& out) const {

@@ -38,6 +38,8 @@ public:
 
     // The exchanges so far, the last one included.
     std::vector<Exchange> exchanges() const;
+    // Reads that brought bytes per answered exchange; 0 without answers.
+    double readsPerAnswer() const;
     // One line: how many exchanges were answered, the median, 90th percentile
     // and longest time in milliseconds, and the reads per answer.
     std::string summary() const;

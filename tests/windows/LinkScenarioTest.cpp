@@ -77,6 +77,9 @@ TEST(LinkScenario, ListSearchLoadTheStm32AndFlashTheEsp32) {
         EXPECT_TRUE(
             testsupport::waitUntil([&] { return log.contains("Firmware transfer complete: 37312 bytes"); }));
         report(stm32Link, dir, "stm32");
+        // An answer comes in one write of the board; a port that took the
+        // first byte apart would show two reads for every answer.
+        EXPECT_LT(stm32Link.readsPerAnswer(), 1.5);
     }
 
     // The upload button's ESP32 branch: the enter frame, the port closed and

@@ -1,14 +1,17 @@
 // merid_pty_echo: the far end of a cable that sends back every byte, on a
 // pseudo-terminal. Prints the slave path on its first line and runs until
-// it is killed.
+// it is killed. With --hang-up it is a cable pulled out instead: at the
+// first byte it receives it closes the pseudo-terminal and exits.
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <fcntl.h>
 #include <initializer_list>
 #include <termios.h>
 #include <unistd.h>
 
-int main() {
+int main(int argc, char** argv) {
+    const bool hangUp = argc > 1 && std::strcmp(argv[1], "--hang-up") == 0;
     const int master = posix_openpt(O_RDWR | O_NOCTTY);
     const char* name =
         master < 0 || grantpt(master) != 0 || unlockpt(master) != 0 ? nullptr : ptsname(master);
@@ -28,6 +31,11 @@ int main() {
     std::fflush(stdout);
     unsigned char buffer[4096];
     for (ssize_t n; (n = read(master, buffer, sizeof(buffer))) > 0;) {
+        if (hangUp) {
+            close(slave);
+            close(master);
+            return 0;
+        }
         for (ssize_t done = 0, written = 0; done < n; done += written) {
             if ((written = write(master, buffer + done, static_cast<std::size_t>(n - done))) <= 0) {
                 return 1;
