@@ -17,6 +17,9 @@ constexpr DWORD kPurgeClear = 0xC; // clear both directions
 constexpr DWORD kFormatFlags = 0x1300;
 constexpr DWORD kDefaultLanguage = 0x400;
 constexpr DWORD kWriteTimeoutMs = 2000;
+// A read of queued bytes is done at once; this bounds one whose queue was
+// purged under it.
+constexpr DWORD kQueuedReadLimitMs = 50;
 
 using Clock = std::chrono::steady_clock;
 
@@ -359,7 +362,7 @@ UsbTypes::IoResult SerialPortWindows::readQueued(void* port, unsigned char* data
     UsbTypes::IoResult result;
     const Outcome read = runOverlapped(
         port, readDone, closing, [&](OVERLAPPED* call) { return ReadFile(port, data, count, nullptr, call); },
-        INFINITE);
+        kQueuedReadLimitMs);
     if (read.completion == Completion::Cancelled) {
         result.status = UsbTypes::ReceiveError; // closed under the call
         return result;
