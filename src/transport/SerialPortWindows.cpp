@@ -135,7 +135,9 @@ bool queuedBytes(HANDLE port, DWORD& queued) {
 
 } // namespace
 
-SerialPortWindows::SerialPortWindows() : closing(newEvent()), readDone(newEvent()), writeDone(newEvent()) {}
+SerialPortWindows::SerialPortWindows() : closing(newEvent()), readDone(newEvent()), writeDone(newEvent()) {
+    ahead.reserve(kQueueSize);
+}
 
 SerialPortWindows::~SerialPortWindows() {
     closePort();
@@ -204,6 +206,12 @@ UsbTypes::Status SerialPortWindows::closePort() {
     const DWORD error = GetLastError();
     if (closing != nullptr) {
         ResetEvent(closing);
+    }
+    {
+        // Bytes of the old line are not the next line's.
+        std::lock_guard<std::mutex> reading(readMutex);
+        ahead.clear();
+        aheadAt = 0;
     }
     usage.endClose();
     if (!closed) {
@@ -304,10 +312,26 @@ UsbTypes::IoResult SerialPortWindows::readDataImpl(unsigned char* data, unsigned
         return result;
     }
     std::lock_guard<std::mutex> reading(readMutex);
-    HANDLE port = toHandle(current);
+    if (aheadAt == ahead.size()) {
+        const UsbTypes::IoResult filled = fillAhead(toHandle(current), timeoutMs);
+        if (filled.status != UsbTypes::Ok) {
+            return filled;
+        }
+    }
+    // Up to `size` of the bytes taken from the line.
+    result.bytes = std::min<unsigned long long>(size, ahead.size() - aheadAt);
+    std::copy_n(ahead.begin() + static_cast<std::ptrdiff_t>(aheadAt), result.bytes, data);
+    aheadAt += static_cast<std::size_t>(result.bytes);
+    return result;
+}
+
+UsbTypes::IoResult SerialPortWindows::fillAhead(void* port, int timeoutMs) {
+    UsbTypes::IoResult result;
+    ahead.clear();
+    aheadAt = 0;
     const auto deadline = Clock::now() + std::chrono::milliseconds(std::max(timeoutMs, 0));
     // What is queued is taken at once, all of it. Otherwise a read of one
-    // byte waits for the line, and the bytes behind it join it.
+    // byte waits for the line, and the bytes queued behind it join it.
     for (;;) {
         DWORD queued = 0;
         if (usage.isClosing()) {
@@ -318,51 +342,47 @@ UsbTypes::IoResult SerialPortWindows::readDataImpl(unsigned char* data, unsigned
             return failedRead("ClearCommError", GetLastError(), msUntil(deadline));
         }
         if (queued != 0) {
-            return readQueued(port, data, static_cast<DWORD>(std::min<unsigned long long>(queued, size)));
+            return readQueued(port, queued);
         }
         const long long left = msUntil(deadline);
         if (left <= 0) {
             result.status = UsbTypes::Timeout;
             return result;
         }
-        const Outcome first = runOverlapped(
-            port, readDone, closing, [&](OVERLAPPED* call) { return ReadFile(port, data, 1, nullptr, call); },
+        unsigned char first = 0;
+        const Outcome waited = runOverlapped(
+            port, readDone, closing,
+            [&](OVERLAPPED* call) { return ReadFile(port, &first, 1, nullptr, call); },
             static_cast<DWORD>(left));
-        if (first.bytes != 0) {
-            return withQueuedRest(port, data, size);
+        if (waited.bytes != 0) {
+            ahead.push_back(first);
+            readFailing = false;
+            // The bytes behind it come along; the first is handed out
+            // whatever becomes of them.
+            if (queuedBytes(port, queued) && queued != 0) {
+                readQueued(port, queued);
+            }
+            return result;
         }
-        if (first.completion == Completion::Failed && first.error != ERROR_OPERATION_ABORTED) {
-            return failedRead("ReadFile", first.error, msUntil(deadline));
+        if (waited.completion == Completion::Failed && waited.error != ERROR_OPERATION_ABORTED) {
+            return failedRead("ReadFile", waited.error, msUntil(deadline));
         }
-        if (first.completion == Completion::TimedOut) {
+        if (waited.completion == Completion::TimedOut) {
             result.status = UsbTypes::Timeout;
             return result;
         }
     }
 }
 
-UsbTypes::IoResult SerialPortWindows::withQueuedRest(void* port, unsigned char* data,
-                                                     unsigned long long size) {
-    DWORD queued = 0;
+UsbTypes::IoResult SerialPortWindows::readQueued(void* port, unsigned long count) {
     UsbTypes::IoResult result;
-    if (size > 1 && queuedBytes(port, queued) && queued != 0) {
-        result =
-            readQueued(port, data + 1, static_cast<DWORD>(std::min<unsigned long long>(queued, size - 1)));
-        if (result.status == UsbTypes::ReceiveError) {
-            return result;
-        }
-    }
-    readFailing = false;
-    result.bytes += 1;
-    result.status = UsbTypes::Ok;
-    return result;
-}
-
-UsbTypes::IoResult SerialPortWindows::readQueued(void* port, unsigned char* data, unsigned long count) {
-    UsbTypes::IoResult result;
+    const std::size_t at = ahead.size();
+    ahead.resize(at + count);
     const Outcome read = runOverlapped(
-        port, readDone, closing, [&](OVERLAPPED* call) { return ReadFile(port, data, count, nullptr, call); },
+        port, readDone, closing,
+        [&](OVERLAPPED* call) { return ReadFile(port, ahead.data() + at, count, nullptr, call); },
         kQueuedReadLimitMs);
+    ahead.resize(at + (read.completion == Completion::Cancelled ? 0 : read.bytes));
     if (read.completion == Completion::Cancelled) {
         result.status = UsbTypes::ReceiveError; // closed under the call
         return result;
@@ -370,9 +390,8 @@ UsbTypes::IoResult SerialPortWindows::readQueued(void* port, unsigned char* data
     if (read.completion == Completion::Failed) {
         return failedRead("ReadFile", read.error, 0);
     }
-    result.bytes = read.bytes;
-    result.status = read.bytes == 0 ? UsbTypes::Timeout : UsbTypes::Ok;
-    if (read.bytes != 0) {
+    result.status = ahead.empty() ? UsbTypes::Timeout : UsbTypes::Ok;
+    if (!ahead.empty()) {
         readFailing = false;
     }
     return result;

@@ -16,7 +16,8 @@
 // The handle is opened for overlapped I/O: the system serialises the calls
 // on a synchronous handle, so a read waiting for an answer would hold up the
 // write of the next request. A read takes everything queued at once, or
-// waits for the first byte to arrive and takes the bytes behind it with it;
+// waits for the first byte to arrive and takes the bytes behind it with it,
+// and hands out what the caller asked for of it, the rest to later reads;
 // a write waits for its own completion, so the caller's contract stays
 // synchronous.
 //
@@ -52,10 +53,11 @@ public:
     UsbTypes::Baudrate configuredBaudrate() const { return baudrate.load(); }
 
 private:
-    // Reads `count` bytes that are already queued.
-    UsbTypes::IoResult readQueued(void* port, unsigned char* data, unsigned long count);
-    // The byte in data[0] with whatever is queued behind it, up to `size`.
-    UsbTypes::IoResult withQueuedRest(void* port, unsigned char* data, unsigned long long size);
+    // Takes what the line has into `ahead`, waiting up to `timeoutMs` for
+    // the first byte when nothing is queued.
+    UsbTypes::IoResult fillAhead(void* port, int timeoutMs);
+    // Appends `count` bytes that are already queued to `ahead`.
+    UsbTypes::IoResult readQueued(void* port, unsigned long count);
     // Logs the first read failure of a failing line, and holds the reads
     // that fail after it until their time-out or a close, so that a caller
     // reading in a loop neither floods the log nor spins on a dead line.
@@ -69,6 +71,10 @@ private:
     // One read and one write at a time, each with its completion event.
     std::mutex readMutex;
     void* readDone = nullptr;
+    // Bytes taken from the line and not yet handed out, from `aheadAt` on:
+    // the line's queue is read whole, however little a read asks for.
+    std::vector<unsigned char> ahead;
+    std::size_t aheadAt = 0;
     std::mutex writeMutex;
     void* writeDone = nullptr;
     // Set by a failed read once it is logged; cleared when bytes come in and
