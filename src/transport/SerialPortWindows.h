@@ -71,12 +71,12 @@ private:
     // One read and one write at a time, each with its completion event.
     std::mutex readMutex;
     void* readDone = nullptr;
+    std::mutex writeMutex;
+    void* writeDone = nullptr;
     // Bytes taken from the line and not yet handed out, from `aheadAt` on:
     // the line's queue is read whole, however little a read asks for.
     std::vector<unsigned char> ahead;
     std::size_t aheadAt = 0;
-    std::mutex writeMutex;
-    void* writeDone = nullptr;
     // Set by a failed read once it is logged; cleared when bytes come in and
     // at the next open.
     std::atomic<bool> readFailing{false};
