@@ -7,7 +7,8 @@
 //
 // Byte 0: the number of the request whose answer is replaced. Byte 1: bit 0
 // a compressed flash, bit 1 the good answer follows the fuzzer's bytes,
-// bit 2 the stub runs. The rest: the bytes on the line in place of the answer.
+// bit 2 the stub runs, bit 3 the chip and its flash size are detected. The
+// rest: the bytes on the line in place of the answer.
 #include "esp_loader.h"
 #include "loader_port.h"
 #include "protocol.h"
@@ -126,9 +127,18 @@ CHIP_SIDE void receive(uint8_t byte) {
     }
 }
 
-void flash(bool compressed) {
+// The full connect detects the chip and its flash through register reads;
+// the short one is told both and goes from the sync to the SPI attach.
+esp_loader_error_t connect(bool full) {
     esp_loader_connect_args_t args{100, 2};
-    if (esp_loader_connect(&args) != ESP_LOADER_SUCCESS) {
+    if (full) {
+        return esp_loader_connect(&args);
+    }
+    return esp_loader_connect_secure_download_mode(&args, 4u << 20, ESP32_CHIP);
+}
+
+void flash(bool compressed, bool fullConnect) {
+    if (connect(fullConnect) != ESP_LOADER_SUCCESS) {
         return;
     }
     uint8_t image[4 * kBlock];
@@ -215,6 +225,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     line.fuzzSize = size - 2;
     line.now = 0;
     esp_stub_set_running((data[1] & 4) != 0);
-    flash((data[1] & 1) != 0);
+    flash((data[1] & 1) != 0, (data[1] & 8) != 0);
     return 0;
 }
