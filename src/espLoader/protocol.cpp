@@ -212,7 +212,9 @@ esp_loader_error_t loader_send_data_block(command_t opcode, const uint8_t* data,
                                           uint32_t limit_ms) {
     esp_loader_error_t result = blockAttempt(opcode, data, size, limit_ms);
     for (uint32_t attempt = 1; attempt < kDataAttempts && result != ESP_LOADER_SUCCESS; ++attempt) {
-        logBlock(result == ESP_LOADER_ERROR_TIMEOUT ? "no answer, sent again" : "refused, sent again");
+        logBlock(result == ESP_LOADER_ERROR_TIMEOUT            ? "no answer, sent again"
+                 : result == ESP_LOADER_ERROR_INVALID_RESPONSE ? "refused, sent again"
+                                                               : "the line failed, sent again");
         drainInput();
         result = blockAttempt(opcode, data, size, limit_ms);
         // Its first request arrived, only the answer was lost.
