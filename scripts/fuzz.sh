@@ -31,12 +31,14 @@ for exe in $(find "$BUILD/fuzz/fuzz" -type f -name 'fuzz_*' -perm -u+x | sort); 
     corpus=fuzz/${name#fuzz_}/corpus
     work=$(mktemp -d)
     [ -d "$corpus" ] && cp -r "$corpus"/. "$work"/
-    printf '\n=== %s (%s) ===\n' "$name" "${limit[*]}"
+    log=$BUILD/fuzz/$name.log
+    printf '\n=== %s (%s), whole output in %s ===\n' "$name" "${limit[*]}" "$log"
     start=$(date +%s)
     set +e
-    "$exe" "${limit[@]}" -print_final_stats=1 "$work" 2>&1 | tail -n 14
-    status=${PIPESTATUS[0]}
+    "$exe" "${limit[@]}" -print_final_stats=1 "$work" >"$log" 2>&1
+    status=$?
     set -e
+    grep -E '^#[0-9]+ +DONE|^stat::|ERROR|SUMMARY|Test unit written' "$log" || tail -n 20 "$log"
     printf '%s: exit %s after %s s\n' "$name" "$status" "$(($(date +%s) - start))"
     rm -rf "$work"
     [ "$status" = 0 ] || exit "$status"
