@@ -19,7 +19,6 @@ constexpr uint32_t kDefaultTimeoutMs = 1000;
 constexpr uint32_t kMinEraseTimeoutMs = 3000;
 constexpr double kEraseTimePerMbMs = 10000.0;
 constexpr uint32_t kSyncRetryDelayMs = 100;
-constexpr uint32_t kDataAttempts = 3;
 constexpr uint32_t kSpiBusyBit = 1u << 18;
 constexpr uint32_t kSpiPolls = 10;
 constexpr uint32_t kRomReadBlock = 64;
@@ -293,16 +292,7 @@ esp_loader_error_t esp_loader_flash_write(void* payload, uint32_t size) {
     }
     uint8_t* block = static_cast<uint8_t*>(payload);
     std::memset(block + size, 0xFF, s_flash_write_size - size);
-
-    esp_loader_error_t result = ESP_LOADER_ERROR_FAIL;
-    for (uint32_t attempt = 0; attempt < kDataAttempts; ++attempt) {
-        loader_port_start_timer(kDefaultTimeoutMs);
-        result = loader_flash_data_cmd(block, s_flash_write_size);
-        if (result == ESP_LOADER_SUCCESS) {
-            break;
-        }
-    }
-    return result;
+    return loader_send_data_block(FLASH_DATA, block, s_flash_write_size, kDefaultTimeoutMs);
 }
 
 esp_loader_error_t esp_loader_flash_finish(bool reboot) {
@@ -335,15 +325,8 @@ esp_loader_error_t esp_loader_flash_deflate_write(const void* payload, uint32_t 
     if (size > s_flash_write_size) {
         return ESP_LOADER_ERROR_INVALID_PARAM;
     }
-    esp_loader_error_t result = ESP_LOADER_ERROR_FAIL;
-    for (uint32_t attempt = 0; attempt < kDataAttempts; ++attempt) {
-        loader_port_start_timer(kDefaultTimeoutMs);
-        result = loader_flash_deflate_data_cmd(static_cast<const uint8_t*>(payload), size);
-        if (result == ESP_LOADER_SUCCESS) {
-            break;
-        }
-    }
-    return result;
+    return loader_send_data_block(FLASH_DEFL_DATA, static_cast<const uint8_t*>(payload), size,
+                                  kDefaultTimeoutMs);
 }
 
 esp_loader_error_t esp_loader_flash_deflate_finish(bool reboot) {

@@ -15,7 +15,6 @@ constexpr uint32_t kDefaultTimeoutMs = 1000;
 constexpr uint32_t kMinRamTimeoutMs = 3000;
 constexpr double kRamTimePerMbMs = 2000000.0;
 constexpr uint32_t kStubBlockSize = 6144;
-constexpr uint32_t kDataAttempts = 3;
 constexpr char kGreeting[] = "OHAI";
 constexpr uint32_t kGreetingSize = 4;
 
@@ -70,16 +69,7 @@ esp_loader_error_t esp_loader_mem_start(uint32_t offset, uint32_t size, uint32_t
 }
 
 esp_loader_error_t esp_loader_mem_write(const void* payload, uint32_t size) {
-    const uint8_t* data = static_cast<const uint8_t*>(payload);
-    esp_loader_error_t result = ESP_LOADER_ERROR_FAIL;
-    for (uint32_t attempt = 0; attempt < kDataAttempts; ++attempt) {
-        loader_port_start_timer(ramTimeout(size));
-        result = loader_mem_data_cmd(data, size);
-        if (result == ESP_LOADER_SUCCESS) {
-            break;
-        }
-    }
-    return result;
+    return loader_send_data_block(MEM_DATA, static_cast<const uint8_t*>(payload), size, ramTimeout(size));
 }
 
 esp_loader_error_t esp_loader_mem_finish(uint32_t entry) {

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <string>
 
 ESP_LOADER_NAMESPACE_BEGIN
 
@@ -12,6 +13,8 @@ namespace {
 
 uint32_t s_sequence_number = 0;
 bool stub_running = false;
+// The error code of the refusal the last wait for an answer ended with, else 0.
+uint8_t s_last_error = 0;
 
 constexpr uint8_t kRequestDirection = 0x00;
 constexpr uint8_t kResponseDirection = 0x01;
@@ -23,6 +26,13 @@ constexpr uint32_t kFullMask = 0xFFFFFFFF;
 constexpr uint32_t kMd5HexSize = 32;
 constexpr uint32_t kMd5BinarySize = 16;
 constexpr uint32_t kSecurityInfoSize = 20;
+constexpr uint32_t kDataAttempts = 3;
+// What the ROM answers a block number it has already taken.
+constexpr uint8_t kBlockAlreadyTaken = 0xC0;
+// Waiting input is dropped until the line has been quiet this long, and for
+// no longer than the limit, whatever a noisy line sends.
+constexpr uint32_t kQuietMs = 10;
+constexpr uint32_t kDrainLimitMs = 500;
 
 struct loader_error_text_t {
     uint8_t code;
@@ -101,6 +111,7 @@ esp_loader_error_t receiveResponse(uint8_t opcode, const send_cmd_config* config
     const uint32_t capacity = static_cast<uint32_t>(dataRoom + kResponseOverhead);
     const uint32_t minimum = config->resp_data_recv_size != nullptr ? kResponseOverhead : capacity;
     uint32_t received = 0;
+    s_last_error = 0;
     for (;;) {
         LOADER_TRY(SLIP_receive_packet(buffer, capacity, &received));
         if (received >= minimum && buffer[0] == kResponseDirection && buffer[1] == opcode) {
@@ -110,7 +121,8 @@ esp_loader_error_t receiveResponse(uint8_t opcode, const send_cmd_config* config
 
     const uint8_t status = buffer[received - 2];
     if (status != 0) {
-        log_loader_internal_error(buffer[received - 1]);
+        s_last_error = buffer[received - 1];
+        log_loader_internal_error(s_last_error);
         return ESP_LOADER_ERROR_INVALID_RESPONSE;
     }
     if (config->reg_value != nullptr) {
@@ -127,10 +139,11 @@ esp_loader_error_t receiveResponse(uint8_t opcode, const send_cmd_config* config
 }
 
 // FLASH_DATA, MEM_DATA and FLASH_DEFL_DATA share one form: the block goes out
-// behind the header straight from the caller's buffer.
+// behind the header straight from the caller's buffer, under the number of
+// the block the chip waits for.
 esp_loader_error_t dataCommand(command_t opcode, const uint8_t* data, uint32_t size) {
     Request request(opcode, static_cast<uint16_t>(size + 16), compute_checksum(data, size));
-    request.word(size).word(s_sequence_number++).word(0).word(0);
+    request.word(size).word(s_sequence_number).word(0).word(0);
     send_cmd_config config;
     config.cmd = request.data();
     config.cmd_size = request.size();
@@ -150,6 +163,37 @@ esp_loader_error_t beginCommand(command_t opcode, uint32_t offset, uint32_t eras
     return sendRequest(request);
 }
 
+// Drops whatever waits on the line, so that a command sent again cannot take
+// an answer meant for the one before.
+void drainInput() {
+    loader_port_start_timer(kDrainLimitMs);
+    uint8_t byte = 0;
+    while (loader_port_remaining_time() > 0 && loader_port_read(&byte, 1, kQuietMs) == ESP_LOADER_SUCCESS) {
+    }
+}
+
+void logBlock(const char* what) {
+    const std::string text = "Data block " + std::to_string(s_sequence_number) + ": " + what;
+    loader_port_debug_print(text.c_str());
+}
+
+// One attempt at a block. An answer that misses the time limit may still be
+// on its way: one that comes within half the limit more is this block's.
+esp_loader_error_t blockAttempt(command_t opcode, const uint8_t* data, uint32_t size, uint32_t limit_ms) {
+    loader_port_start_timer(limit_ms);
+    const esp_loader_error_t result = dataCommand(opcode, data, size);
+    if (result != ESP_LOADER_ERROR_TIMEOUT) {
+        return result;
+    }
+    loader_port_start_timer(limit_ms / 2);
+    const send_cmd_config statusOnly;
+    const esp_loader_error_t late = receiveResponse(opcode, &statusOnly);
+    if (late == ESP_LOADER_SUCCESS) {
+        logBlock("the answer came late and is taken as this block's");
+    }
+    return late;
+}
+
 } // namespace
 
 bool esp_stub_get_running() {
@@ -162,6 +206,27 @@ void esp_stub_set_running(bool running) {
 
 uint32_t loader_sequence_number() {
     return s_sequence_number;
+}
+
+esp_loader_error_t loader_send_data_block(command_t opcode, const uint8_t* data, uint32_t size,
+                                          uint32_t limit_ms) {
+    esp_loader_error_t result = blockAttempt(opcode, data, size, limit_ms);
+    for (uint32_t attempt = 1; attempt < kDataAttempts && result != ESP_LOADER_SUCCESS; ++attempt) {
+        logBlock(result == ESP_LOADER_ERROR_TIMEOUT            ? "no answer, sent again"
+                 : result == ESP_LOADER_ERROR_INVALID_RESPONSE ? "refused, sent again"
+                                                               : "the line failed, sent again");
+        drainInput();
+        result = blockAttempt(opcode, data, size, limit_ms);
+        // Its first request arrived, only the answer was lost.
+        if (result == ESP_LOADER_ERROR_INVALID_RESPONSE && s_last_error == kBlockAlreadyTaken) {
+            logBlock("the chip has it already; its answer was lost");
+            result = ESP_LOADER_SUCCESS;
+        }
+    }
+    if (result == ESP_LOADER_SUCCESS) {
+        ++s_sequence_number;
+    }
+    return result;
 }
 
 uint8_t compute_checksum(const uint8_t* data, uint32_t size) {

@@ -66,10 +66,21 @@ void esp_stub_set_running(bool running);
 // The number the next data block carries.
 uint32_t loader_sequence_number();
 
+// Sends a block with FLASH_DATA, FLASH_DEFL_DATA or MEM_DATA until the chip
+// has it, in up to three attempts of `limit_ms` each, all under the block's
+// own number; the number moves on once the block is taken. An answer up to
+// half the limit late still counts, the line is drained before the block
+// goes again, and a block sent again that the chip refuses as one it already
+// has counts as taken: only its answer was lost.
+esp_loader_error_t loader_send_data_block(command_t opcode, const uint8_t* data, uint32_t size,
+                                          uint32_t limit_ms);
+
 uint8_t compute_checksum(const uint8_t* data, uint32_t size);
 
 esp_loader_error_t loader_flash_begin_cmd(uint32_t offset, uint32_t erase_size, uint32_t block_size,
                                           uint32_t blocks_to_write, bool encryption);
+// The data commands make one attempt under the current number and leave it
+// as it is.
 esp_loader_error_t loader_flash_data_cmd(const uint8_t* data, uint32_t size);
 esp_loader_error_t loader_flash_end_cmd(bool stay_in_loader);
 esp_loader_error_t loader_mem_begin_cmd(uint32_t offset, uint32_t size, uint32_t blocks_to_write,

@@ -165,6 +165,45 @@ TEST_F(FlashProgram, GangReportsTheFailingBoardAlone) {
     EXPECT_NE(gang.err.find("esp_loader_flash_deflate_write failed: 9\n"), std::string::npos) << gang.err;
 }
 
+// One data request lost on the way, one answer lost, one answer later than
+// the loader waits: each flash still ends with the image in the flash, the
+// chip's MD5 agreeing, and the blocks the chip took counted once.
+TEST_F(FlashProgram, EspFlashOutlivesALostOrLateMessage) {
+    struct Case {
+        const char* fault;
+        const char* arguments;
+        const char* result;
+        unsigned EspRomSimulator::Faults::*which;
+        unsigned copiesSeen; // data requests the chip saw beyond the blocks it took
+    };
+    using F = EspRomSimulator::Faults;
+    const Case cases[] = {
+        {"lost request", "esp32", "verified", &F::lostRequest, 0},
+        {"lost request", "esp32 --no-compress", "verified", &F::lostRequest, 0},
+        {"lost answer", "esp32", "verified", &F::lostAnswer, 1},
+        {"lost answer", "esp32 --no-compress", "verified", &F::lostAnswer, 1},
+        {"late answer", "esp32", "verified", &F::lateAnswer, 0},
+        {"late answer", "esp32 --no-compress", "verified", &F::lateAnswer, 0},
+        {"late answer", "esp32 --no-compress --no-verify", "written", &F::lateAnswer, 0},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(std::string(c.fault) + ": " + c.arguments);
+        auto board = std::make_unique<Board>();
+        ASSERT_TRUE(board->started);
+        F faults;
+        faults.*c.which = 3;
+        board->chip->setFaults(faults);
+        Outcome load = run(std::string(c.arguments) + " -b 921600 -p " + board->port() + " " + imagePath);
+        EXPECT_EQ(load.exitCode, 0) << load.out << load.err;
+        EXPECT_EQ(load.out.substr(load.out.rfind("  ") + 2), std::string(c.result) + "\n") << load.out;
+        EXPECT_EQ(board->chip->flash(0, static_cast<std::uint32_t>(image.size())), image);
+        const auto opcodes = board->chip->opcodes();
+        const auto data =
+            std::count_if(opcodes.begin(), opcodes.end(), [](auto op) { return op == 0x03 || op == 0x11; });
+        EXPECT_EQ(static_cast<unsigned>(data), board->chip->counters().dataBlocks + c.copiesSeen);
+    }
+}
+
 // A board pulled out in the middle fails alone; quiet, the run names it in
 // one line, and the log file holds both boards' protocol, each line led by
 // its port.

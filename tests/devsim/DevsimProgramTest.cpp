@@ -49,6 +49,7 @@ TEST(DevsimProgram, ServesTheBoardAndWritesWhatItReceivedAtExit) {
     Devsim devsim("--port-link " + link + " --devices 2:Alpha --image-dir " + dir.path() + " --journal " +
                   journal +
                   " --esp-flash-size 1048576 --esp-silent-syncs 2 --esp-garbage 5 --esp-fail-block 2" +
+                  " --esp-lose-answer 5 --esp-late-answer 7 --esp-late-ms 1200 --esp-lose-request 9" +
                   " --esp-flash-out " + dir.path() + "/flash.bin");
     ASSERT_EQ(devsim.line().rfind("/dev/pts/", 0), 0u);
 
@@ -72,7 +73,7 @@ TEST(DevsimProgram, ServesTheBoardAndWritesWhatItReceivedAtExit) {
     close(fd);
 
     // The ESP32 through the program's own loader, past the silent syncs, the
-    // garbage and the refused block; blocks are at least 256 bytes and each
+    // garbage, the refused block and the lost and late messages; blocks are at least 256 bytes and each
     // reports the percent done, rounded down.
     Bytes image(2500);
     std::generate(image.begin(), image.end(),

@@ -34,7 +34,7 @@ namespace {
 // Takes the recorded bytes and sends nothing back.
 struct Null : RawLinkHandler, SimLink {
     void onBytes(const std::uint8_t*, std::size_t, SimLink&) override {}
-    void send(const std::uint8_t*, std::size_t) override {}
+    void send(const std::uint8_t*, std::size_t, std::chrono::milliseconds) override {}
     void leaveRawMode() override {}
 };
 

@@ -39,11 +39,18 @@ Bytes packet(uint8_t op, uint16_t size, uint32_t checksum, std::initializer_list
     return out;
 }
 
-// A frame around an answer; no answer here holds a byte that needs escaping.
-Bytes slipFrame(Bytes payload) {
-    payload.insert(payload.begin(), 0xC0);
-    payload.push_back(0xC0);
-    return payload;
+// A frame around an answer, C0 and DB escaped.
+Bytes slipFrame(const Bytes& payload) {
+    Bytes frame{0xC0};
+    for (const uint8_t b : payload) {
+        if (b == 0xC0 || b == 0xDB) {
+            frame.insert(frame.end(), {0xDB, static_cast<uint8_t>(b == 0xC0 ? 0xDC : 0xDD)});
+        } else {
+            frame.push_back(b);
+        }
+    }
+    frame.push_back(0xC0);
+    return frame;
 }
 
 // One request as the chip saw it, unescaped, with the time left on the timer.
@@ -65,7 +72,11 @@ struct FakeLine {
     std::map<uint32_t, uint32_t> registers{{0x40001000, 0x00F01D83}}; // an ESP32's magic value
     uint32_t flashId = 0x1640EF;                                      // 4 MiB
     std::map<uint8_t, int> silent;  // requests of an opcode left unanswered, counted down
-    std::map<uint8_t, int> refused; // answered with status 1 and error 0xC1, counted down
+    std::map<uint8_t, int> refused; // answered with status 1 and `refusal`, counted down
+    std::map<uint8_t, int> late;    // answered `lateMs` after the request, counted down
+    uint8_t refusal = 0xC1;
+    uint64_t lateMs = 0;
+    std::deque<std::pair<uint64_t, Bytes>> pending; // late answers and when they arrive
 
     std::vector<Bytes> writes;
     std::vector<Request> requests;
@@ -107,8 +118,20 @@ struct FakeLine {
         if (!rom || silent[op]-- > 0) {
             return;
         }
+        if (late[op]-- > 0) {
+            const size_t before = input.size();
+            answer(op, request);
+            pending.emplace_back(nowMs + lateMs,
+                                 Bytes(input.begin() + static_cast<long>(before), input.end()));
+            input.resize(before);
+            return;
+        }
+        answer(op, request);
+    }
+
+    void answer(uint8_t op, const Request& request) {
         if (refused[op]-- > 0 || (op == 0x14 && !securityInfo)) {
-            return respond(op, 0, {}, 1, 0xC1);
+            return respond(op, 0, {}, 1, refusal);
         }
         uint32_t value = 0;
         const uint32_t address = request.bytes.size() >= 12 ? request.word(8) : 0;
@@ -151,8 +174,14 @@ esp_loader_error_t loader_port_write(const uint8_t* data, uint16_t size, uint32_
 }
 
 esp_loader_error_t loader_port_read(uint8_t* data, uint16_t size, uint32_t timeout) {
+    const uint64_t end = line.nowMs + timeout;
+    while (line.input.size() < size && !line.pending.empty() && line.pending.front().first <= end) {
+        line.nowMs = std::max(line.nowMs, line.pending.front().first);
+        line.push(line.pending.front().second);
+        line.pending.pop_front();
+    }
     if (timeout == 0 || line.input.size() < size) {
-        line.nowMs += timeout;
+        line.nowMs = end;
         return ESP_LOADER_ERROR_TIMEOUT;
     }
     std::copy_n(line.input.begin(), size, data);
@@ -420,7 +449,8 @@ TEST_F(Loader, FlashSizeFromTheControllerRegistersAndBlocksTriedThreeTimes) {
     EXPECT_EQ(sent(0x0B).back().word(12), 2 * kMiB);
     EXPECT_EQ(esp_loader_flash_start(0, 3 * kMiB, 1024), ESP_LOADER_ERROR_IMAGE_SIZE);
 
-    // Each block is tried three times, all under the next block number.
+    // Each block is tried three times, always under its own number, which
+    // moves on only once the block is taken.
     Bytes block(1025, 0x5A);
     EXPECT_EQ(esp_loader_flash_write(block.data(), 1025), ESP_LOADER_ERROR_INVALID_PARAM);
     line.refused[0x03] = 2;
@@ -428,11 +458,100 @@ TEST_F(Loader, FlashSizeFromTheControllerRegistersAndBlocksTriedThreeTimes) {
     line.refused[0x03] = 3;
     EXPECT_EQ(esp_loader_flash_write(block.data(), 1024), ESP_LOADER_ERROR_INVALID_RESPONSE);
     EXPECT_EQ(line.prints.back(), "Error: BAD_DATA_CHECKSUM");
+    EXPECT_EQ(loader_sequence_number(), 1u);
     const auto data = sent(0x03);
     ASSERT_EQ(data.size(), 6u);
     for (uint32_t i = 0; i < 6; ++i) {
-        EXPECT_EQ(data[i].word(12), i);
+        EXPECT_EQ(data[i].word(12), i / 3);
         EXPECT_EQ(data[i].timerMs, 1000u);
+    }
+}
+
+// Lost and late answers to a data block, on the virtual clock: neither fails
+// the block nor lets a stale answer stand for the next one.
+TEST_F(Loader, LostOrLateAnswersKeepTheBlocksInStep) {
+    struct Case {
+        const char* what;
+        std::map<uint8_t, int> silent, refused, late;
+        uint64_t lateMs;
+        esp_loader_error_t result;
+        size_t requests;
+        uint64_t elapsedMs;
+        const char* lastPrint;
+    };
+    const Case cases[] = {
+        // Taken within half the limit more: this block's, sent once.
+        {"late by 1300 ms",
+         {},
+         {},
+         {{0x03, 1}},
+         1300,
+         ESP_LOADER_SUCCESS,
+         1,
+         1300,
+         "Data block 0: the answer came late and is taken as this block's"},
+        // The chip has the block: the refusal of the second copy is its receipt.
+        {"answer lost",
+         {{0x03, 1}},
+         {{0x03, 1}},
+         {},
+         0,
+         ESP_LOADER_SUCCESS,
+         2,
+         1500 + 10,
+         "Data block 0: the chip has it already; its answer was lost"},
+        // A late refusal that comes while the line is drained is not taken
+        // for the second copy's answer.
+        {"refusal 1505 ms late",
+         {},
+         {{0x03, 1}},
+         {{0x03, 1}},
+         1505,
+         ESP_LOADER_SUCCESS,
+         2,
+         1505 + 10,
+         "Data block 0: no answer, sent again"},
+        // Neither a request nor an answer ever comes through.
+        {"no answer at all",
+         {{0x03, 3}},
+         {},
+         {},
+         0,
+         ESP_LOADER_ERROR_TIMEOUT,
+         3,
+         3 * 1500 + 2 * 10,
+         "Data block 0: no answer, sent again"},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.what);
+        line = FakeLine();
+        ASSERT_EQ(esp_loader_connect(&args), ESP_LOADER_SUCCESS);
+        ASSERT_EQ(esp_loader_flash_start(0, 2048, 1024), ESP_LOADER_SUCCESS);
+        line.silent = c.silent;
+        line.refused = c.refused;
+        line.refusal = 0xC0; // what the ROM answers a block it already has
+        line.late = c.late;
+        line.lateMs = c.lateMs;
+        line.prints.clear();
+        Bytes block(1024, 0x3C);
+        const uint64_t start = line.nowMs;
+        EXPECT_EQ(esp_loader_flash_write(block.data(), 1024), c.result);
+        EXPECT_EQ(line.nowMs - start, c.elapsedMs);
+        EXPECT_EQ(sent(0x03).size(), c.requests);
+        ASSERT_FALSE(line.prints.empty());
+        EXPECT_EQ(line.prints.back(), c.lastPrint);
+        for (const Request& r : sent(0x03)) {
+            EXPECT_EQ(r.word(12), 0u);
+        }
+        if (c.result != ESP_LOADER_SUCCESS) {
+            continue;
+        }
+        // The next block goes out under the next number and takes its own answer.
+        EXPECT_TRUE(line.input.empty());
+        EXPECT_TRUE(line.pending.empty());
+        ASSERT_EQ(esp_loader_flash_write(block.data(), 1024), ESP_LOADER_SUCCESS);
+        EXPECT_EQ(sent(0x03).back().word(12), 1u);
+        EXPECT_EQ(loader_sequence_number(), 2u);
     }
 }
 

@@ -400,11 +400,11 @@ void DeviceSimulator::answer(const std::vector<std::uint8_t>& request, Clock::ti
     }
 }
 
-void DeviceSimulator::send(const std::uint8_t* data, std::size_t size) {
+void DeviceSimulator::send(const std::uint8_t* data, std::size_t size, std::chrono::milliseconds delay) {
     Clock::time_point due;
     {
         std::lock_guard<std::mutex> lock(mutex);
-        due = std::max(Clock::now(), inWireFree) + turnaround;
+        due = std::max(Clock::now(), inWireFree) + turnaround + delay;
     }
     schedule(std::vector<std::uint8_t>(data, data + size), due, false);
 }

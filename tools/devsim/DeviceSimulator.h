@@ -122,7 +122,7 @@ private:
         std::vector<std::uint8_t> bytes;
     };
 
-    void send(const std::uint8_t* data, std::size_t size) override;
+    void send(const std::uint8_t* data, std::size_t size, std::chrono::milliseconds delay) override;
     void loop();
     void readMaster(Clock::time_point now);
     void onBytes(const std::uint8_t* data, std::size_t size, Clock::time_point now);

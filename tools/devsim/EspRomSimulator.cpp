@@ -174,7 +174,8 @@ void EspRomSimulator::portOpened(const Output& out) {
     std::lock_guard<std::mutex> lock(mutex);
     ++count.portOpens;
     if (settings.bootBanner && !faults.silent) {
-        out(reinterpret_cast<const std::uint8_t*>(kBanner), sizeof(kBanner) - 1);
+        out(reinterpret_cast<const std::uint8_t*>(kBanner), sizeof(kBanner) - 1,
+            std::chrono::milliseconds(0));
     }
 }
 
@@ -227,6 +228,7 @@ void EspRomSimulator::onFrame(const Output& out) {
         return;
     }
     std::vector<Bytes> replies;
+    auto delay = std::chrono::milliseconds(0);
     if (streaming && frame.size() == 4) {
         streamNext(replies); // the program acknowledges a frame of the stream
     } else if (frame.size() < 8 || frame[0] != 0x00) {
@@ -234,17 +236,30 @@ void EspRomSimulator::onFrame(const Output& out) {
         return;
     } else {
         Request request{frame};
+        if (isDataRequest(request.opcode()) && ++dataRequests == faults.lostRequest) {
+            return;
+        }
         opcodeLog.push_back(request.opcode());
         if (!count.stubRunning || !handleStub(request, replies)) {
             handle(request, replies);
         }
+        if (isDataRequest(request.opcode()) && dataRequests == faults.lostAnswer) {
+            return;
+        }
+        if (isDataRequest(request.opcode()) && dataRequests == faults.lateAnswer) {
+            delay = faults.lateBy;
+        }
     }
     for (const Bytes& reply : replies) {
-        sendFrame(reply, out);
+        sendFrame(reply, out, delay);
     }
 }
 
-void EspRomSimulator::sendFrame(const Bytes& payload, const Output& out) {
+bool EspRomSimulator::isDataRequest(std::uint8_t opcode) const {
+    return opcode == kFlashData || opcode == kDeflateData;
+}
+
+void EspRomSimulator::sendFrame(const Bytes& payload, const Output& out, std::chrono::milliseconds delay) {
     if (faults.silent) {
         return;
     }
@@ -264,7 +279,7 @@ void EspRomSimulator::sendFrame(const Bytes& payload, const Output& out) {
         }
     }
     wire.push_back(kEnd);
-    out(wire.data(), wire.size());
+    out(wire.data(), wire.size(), delay);
 }
 
 EspRomSimulator::Bytes EspRomSimulator::answer(std::uint8_t opcode, std::uint32_t value, const Bytes& data) {
@@ -497,9 +512,9 @@ bool EspRomSimulator::dataIsWhole(const Request& request, Bytes& refusal) {
         refusal = refuse(op, kBadDataChecksum);
         return false;
     }
-    // A number below the next one would write a block twice; numbers above
-    // it are blocks sent again after a refusal, which the loader numbers anew.
-    if (request.word(1) < nextSequence) {
+    // Blocks are taken in order: a number below the next one is a block the
+    // chip already has, one above it would leave a gap.
+    if (request.word(1) != nextSequence) {
         refusal = refuse(op, kBadDataLen);
         return false;
     }
@@ -507,7 +522,6 @@ bool EspRomSimulator::dataIsWhole(const Request& request, Bytes& refusal) {
 }
 
 bool EspRomSimulator::takeDataFault() {
-    ++dataRequests;
     if (faults.failDataBlock == 0 || dataRequests < faults.failDataBlock) {
         return false;
     }

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <functional>
@@ -16,11 +17,13 @@
 // detection and of the SPI flash identification, loads a RAM stub and then
 // also speaks the stub's commands.
 //
-// Bytes come in by feed(); answers go out through the function given there.
+// Bytes come in by feed(); answers go out through the function given there,
+// each with the time it is held back beyond the usual turnaround.
 // Configuration and inspection may come from another thread.
 class EspRomSimulator {
 public:
-    using Output = std::function<void(const std::uint8_t* data, std::size_t size)>;
+    using Output =
+        std::function<void(const std::uint8_t* data, std::size_t size, std::chrono::milliseconds delay)>;
 
     struct Config {
         std::uint32_t flashSize = 4u << 20; // a power of two from 256 KiB
@@ -46,6 +49,12 @@ public:
         unsigned spiBusyPolls = 0;     // readings of the SPI cmd register that still show busy
         bool silent = false;           // no answers at all
         bool corruptFlash = false;     // one byte of each finished write run changed in the flash
+        // The link losing or holding up one data request (FLASH_DATA or
+        // FLASH_DEFL_DATA), by its 1-based number among them; 0 = none.
+        unsigned lostRequest = 0; // never reaches the chip
+        unsigned lostAnswer = 0;  // taken by the chip, its answer never comes
+        unsigned lateAnswer = 0;  // taken, answered this much later than usual:
+        std::chrono::milliseconds lateBy{1300};
     };
 
     struct Counters {
@@ -103,7 +112,8 @@ private:
     void onFrame(const Output& out);
     void handle(const Request& request, std::vector<Bytes>& replies);
     bool handleStub(const Request& request, std::vector<Bytes>& replies);
-    void sendFrame(const Bytes& payload, const Output& out);
+    void sendFrame(const Bytes& payload, const Output& out, std::chrono::milliseconds delay);
+    bool isDataRequest(std::uint8_t opcode) const;
 
     std::uint32_t readRegister(std::uint32_t address);
     void writeRegister(std::uint32_t address, std::uint32_t value, std::uint32_t mask);

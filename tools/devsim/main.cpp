@@ -61,6 +61,10 @@ void usage(std::ostream& out) {
            "  --esp-garbage N        N stray bytes before every answer frame\n"
            "  --esp-spi-busy N       the SPI controller reads busy N more times\n"
            "  --esp-corrupt-flash    change one byte of the flash after each write run\n"
+           "  --esp-lose-request N   the Nth flash data request never reaches the chip\n"
+           "  --esp-lose-answer N    the chip takes the Nth flash data request, its answer is lost\n"
+           "  --esp-late-answer N    the chip answers the Nth flash data request late...\n"
+           "  --esp-late-ms N        ...by this many milliseconds (default 1300)\n"
            "  --esp-flash-out FILE   on exit, write the ESP32's whole flash to FILE\n"
            "  --help                 this text\n";
 }
@@ -316,6 +320,18 @@ int main(int argc, char** argv) {
             espFaults.spiBusyPolls = static_cast<unsigned>(number);
         } else if (arg == "--esp-corrupt-flash") {
             espFaults.corruptFlash = true;
+        } else if (arg == "--esp-lose-request") {
+            value(1, 1'000'000'000, number);
+            espFaults.lostRequest = static_cast<unsigned>(number);
+        } else if (arg == "--esp-lose-answer") {
+            value(1, 1'000'000'000, number);
+            espFaults.lostAnswer = static_cast<unsigned>(number);
+        } else if (arg == "--esp-late-answer") {
+            value(1, 1'000'000'000, number);
+            espFaults.lateAnswer = static_cast<unsigned>(number);
+        } else if (arg == "--esp-late-ms") {
+            value(0, 60'000, number);
+            espFaults.lateBy = std::chrono::milliseconds(number);
         } else if (arg == "--esp-flash-out") {
             espFlashOut = text();
         } else {

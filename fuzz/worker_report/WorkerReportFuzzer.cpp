@@ -1,0 +1,80 @@
+// The lines a board's process writes to merid-flash, as the parent takes
+// them: cut at line feeds, a carriage return dropped, each parsed and handed
+// to the progress view. Whatever a line says, the view keeps its percent
+// within 100, and a line the worker itself would write reads back as written.
+#include "ProgressView.h"
+#include "WorkerReport.h"
+
+#include <cstddef>
+#include <cstdint>
+#include <cstdio>
+#include <optional>
+#include <string>
+
+namespace {
+
+std::FILE* gSink = nullptr;
+
+void check(bool condition) {
+    if (!condition) {
+        __builtin_trap();
+    }
+}
+
+// A written report without its line feed, as the parent cuts it.
+std::optional<BoardEvent> reread(std::string written) {
+    written.pop_back();
+    return WorkerReport::parse(written);
+}
+
+// Writing an event the way the worker does and parsing it gives it back.
+void roundTrip(const BoardEvent& event) {
+    switch (event.kind) {
+    case BoardEvent::Kind::Progress: {
+        const auto again = reread(WorkerReport::progress(event.percent, event.bytes));
+        check(again && again->kind == event.kind && again->percent == event.percent &&
+              again->bytes == event.bytes);
+        break;
+    }
+    case BoardEvent::Kind::Log: {
+        const auto again = reread(WorkerReport::log(event.text));
+        check(again && again->kind == event.kind && again->text == event.text);
+        break;
+    }
+    case BoardEvent::Kind::Done: {
+        const auto again = reread(WorkerReport::done(event.ok, event.text));
+        check(again && again->kind == event.kind && again->ok == event.ok && again->text == event.text);
+        break;
+    }
+    }
+}
+
+} // namespace
+
+extern "C" int LLVMFuzzerInitialize(int*, char***) {
+    gSink = std::fopen("/dev/null", "w");
+    return 0;
+}
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+    const std::string text(reinterpret_cast<const char*>(data), size);
+    ProgressView view(gSink, (size & 1) != 0, {"/dev/ttyUSB0"}, 0x10000);
+    std::size_t start = 0;
+    for (std::size_t end = text.find('\n'); end != std::string::npos; end = text.find('\n', start)) {
+        std::string line = text.substr(start, end - start);
+        start = end + 1;
+        if (!line.empty() && line.back() == '\r') {
+            line.pop_back();
+        }
+        const auto event = WorkerReport::parse(line);
+        if (!event) {
+            continue;
+        }
+        roundTrip(*event);
+        if (event->kind == BoardEvent::Kind::Progress) {
+            view.update(0, event->percent, event->bytes);
+            view.draw();
+        }
+    }
+    return 0;
+}
