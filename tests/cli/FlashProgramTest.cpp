@@ -102,6 +102,13 @@ TEST_F(FlashProgram, ListsPortsAndSearchesTheBoard) {
     EXPECT_EQ(found["devices"][0]["address"], 2);
     EXPECT_EQ(found["devices"][0]["name"], "MeridKestal STM32");
     EXPECT_EQ(found["devices"][0]["fields"][0]["name"], "erase");
+
+    // A board that never answers: the search fails, as a load would.
+    boards[1]->simulator.setFaults(DeviceSimulator::Faults{.silent = true});
+    Outcome silent = run("search --json -p " + boards[1]->port());
+    EXPECT_EQ(silent.exitCode, 1);
+    EXPECT_EQ(nlohmann::json::parse(silent.out)["devices"].size(), 0u) << silent.out;
+    EXPECT_EQ(silent.err, "merid-flash: " + boards[1]->port() + ": no device answered\n");
 }
 
 // Each load lands byte for byte and says so in its table row.
@@ -246,6 +253,7 @@ TEST_F(FlashProgram, BadInputEndsTheRunBeforeAnythingIsSent) {
          "must be a multiple of 4 bytes long; this one has 1001 bytes"},
         {"esp32 -p " + good + "-p /dev/merid-none " + imagePath,
          "Error opening port /dev/merid-none (open err=2"},
+        {"search -p /dev/merid-none", "Error opening port /dev/merid-none (open err=2"},
         {"stm32 -p " + good + "-p " + boards[2]->port() + " " + imagePath,
          "Port " + boards[2]->port() + " is held by another program; close it there and try again"},
         {"stm32 -p " + good + "-p " + good + imagePath, "port " + boards[0]->port() + " is given twice"},

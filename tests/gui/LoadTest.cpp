@@ -6,6 +6,7 @@
 #include "EspRomSimulator.h"
 #include "GlobalHandlerEvents.h"
 #include "GuiTestSupport.h"
+#include "MainWindowTestAccess.h"
 #include "TestSupport.h"
 
 #include <algorithm>
@@ -189,6 +190,28 @@ protected:
                                           std::chrono::seconds(30)));
     }
 
+    // Runs ticks `first` to `last` of the erase wait's poll by hand; the
+    // window's own timer stays idle, as no event of the window runs meanwhile.
+    // True when each of them kept the wait going.
+    bool eraseWaitTicks(int first, int last) {
+        for (int tick = first; tick <= last; ++tick) {
+            if (!MainWindowTestAccess::eraseWaitTick(ui->window())) {
+                ADD_FAILURE() << "the wait ended at tick " << tick;
+                return false;
+            }
+        }
+        return true;
+    }
+
+    // Whether the program has the board's device and each of its fields.
+    bool boardDescribed() {
+        return testsupport::waitUntil([&] {
+            return captured->contains("PayloadHandler: device info response (device 2") &&
+                   captured->count("PayloadHandler: field info response (device 2") >=
+                       board.device(kAddress)->getFields().size();
+        });
+    }
+
     // The device info requests the board has had: a frame's fifth byte is its command.
     std::size_t polls() {
         const auto journal = board.journal();
@@ -218,6 +241,8 @@ TEST_F(Stm32Load, LoadsThatStopShortAnEraseWithoutAFileAndThePreinstalledImageAf
     // The poll's time-out is fixed inside the window: 51 ticks of 200 ms.
     pressUpload();
     ASSERT_TRUE(logged("MainWindow: Timeout waiting for device discovery before STM32 erase"));
+    EXPECT_TRUE(captured->contains("MainWindow: Timeout waiting for device discovery before STM32 erase",
+                                   BaseLogger::ERROR));
     EXPECT_TRUE(ToolkitLoop::runUntil([&] { return polls() >= 12; }));
     ToolkitLoop::runFor(std::chrono::milliseconds(600));
     EXPECT_EQ(polls(), 12u) << "the poll went on after its end";
@@ -231,6 +256,8 @@ TEST_F(Stm32Load, LoadsThatStopShortAnEraseWithoutAFileAndThePreinstalledImageAf
     ui->get<Gtk::MenuItem>("DisconnectImageMenuItem")->activate();
     ASSERT_TRUE(logged("MainWindow: USB connection lost while waiting to start STM32 erase",
                        std::chrono::seconds(5)));
+    EXPECT_TRUE(captured->contains("MainWindow: USB connection lost while waiting to start STM32 erase",
+                                   BaseLogger::ERROR));
     // A press while disconnected does nothing at all; a reboot finds no device.
     const std::size_t before = polls();
     captured->clear();
@@ -377,4 +404,42 @@ TEST_F(BoardLoadTest, Esp32FailuresLeaveNoSuccessTextAndThePreinstalledImageLand
     expectFlashOf(image);
     EXPECT_TRUE(captured->contains("EspSerialFlasher: Flash MD5 matches the image: " + sentMd5(image),
                                    BaseLogger::INFO));
+}
+
+// The erase wait lasts 51 ticks of its poll. A board whose answer comes in
+// after the fiftieth tick, to the search of the forty-sixth, is erased at the
+// fifty-first.
+TEST_F(Stm32Load, EraseWaitTakesABoardDescribedByItsLastTick) {
+    connect();
+    board.setFaults(DeviceSimulator::Faults{.silent = true});
+    pressUpload();
+    ASSERT_TRUE(eraseWaitTicks(1, 45));
+    // The answer to the next search comes long after the ticks up to the
+    // fiftieth have run.
+    board.setFaults(DeviceSimulator::Faults{.answerDelay = std::chrono::seconds(2)});
+    ASSERT_TRUE(eraseWaitTicks(46, 50));
+    ASSERT_TRUE(testsupport::waitUntil([&] { return captured->contains("device info response (device 2"); }));
+    board.setFaults(DeviceSimulator::Faults{});
+    ASSERT_TRUE(boardDescribed());
+    EXPECT_FALSE(MainWindowTestAccess::eraseWaitTick(ui->window()));
+    EXPECT_TRUE(testsupport::waitUntil([&] { return board.counters(kAddress)->eraseCommands == 1; }));
+    EXPECT_EQ(captured->count("before STM32 erase"), 0u);
+}
+
+// The fifty-first tick is the last: its search goes out, and the board that
+// answers only that one is too late.
+TEST_F(Stm32Load, EraseWaitGivesUpOnABoardThatAnswersAfterItsLastTick) {
+    connect();
+    board.setFaults(DeviceSimulator::Faults{.silent = true});
+    pressUpload();
+    ASSERT_TRUE(eraseWaitTicks(1, 50));
+    board.setFaults(DeviceSimulator::Faults{});
+    EXPECT_FALSE(MainWindowTestAccess::eraseWaitTick(ui->window()));
+    EXPECT_TRUE(captured->contains("MainWindow: Timeout waiting for device discovery before STM32 erase",
+                                   BaseLogger::ERROR));
+    ASSERT_TRUE(boardDescribed());
+    // The window's own timer, when it runs, finds the wait over.
+    ToolkitLoop::runFor(std::chrono::milliseconds(500));
+    EXPECT_EQ(board.counters(kAddress)->eraseCommands, 0u);
+    EXPECT_EQ(polls(), 12u);
 }

@@ -86,19 +86,21 @@ TEST_F(PayloadLinkTest, NoisyLineStillFindsTheBoardAndDeliversTheImage) {
     EXPECT_TRUE(log.contains("received message is not Payload type"));
 }
 
-// One answer is lost mid-transfer: the listener times out and the transfer
-// rests until it is started again, which sends the lost step once more under
-// the next pack number.
+// One answer is lost mid-transfer (that of the fifth chunk, arranged before
+// the transfer starts): the listener times out and the transfer rests until
+// it is started again, which sends the lost step once more under the next
+// pack number.
 TEST_F(PayloadLinkTest, LostAnswerRestsUntilARestartResendsTheStep) {
     ASSERT_TRUE(session->discover(20s));
     const testsupport::Bytes data = linkImage(500, 5);
     session->firmwarePath = writeImage(data);
+    constexpr std::size_t kAnswered = 5; // the erase step and four chunks
+    simulator.silenceNext(1, kAnswered);
     session->startTransfer(1);
-    ASSERT_TRUE(waitUntil([&] { return !writeSteps().empty(); }));
-    simulator.silenceNext(1);
     ASSERT_TRUE(waitUntil(
         [&] { return log.contains("Listener timeout waiting for response", BaseLogger::WARNING); }));
     const auto before = writeSteps();
+    ASSERT_EQ(before.size(), kAnswered + 1);
     EXPECT_LT(session->handler.loadProgress.load(), 100);
     session->startTransfer(1);
     ASSERT_TRUE(waitUntil([&] { return writeSteps().size() > before.size(); }));

@@ -30,6 +30,7 @@ public:
     pid_t pid() const { return childPid; }
     // How the child ended, or nothing while it still runs after `timeout`.
     std::optional<ProgramExit> wait(std::chrono::milliseconds timeout);
+    std::string standardOutput() const { return testsupport::readFile(outputDir + "/stdout.txt"); }
     std::string standardError() const { return testsupport::readFile(outputDir + "/stderr.txt"); }
 
 private:

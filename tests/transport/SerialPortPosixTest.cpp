@@ -37,6 +37,28 @@ protected:
 
 } // namespace
 
+// The list the connection dialog and merid-flash show: the named ports that
+// exist, each once, a number compared as a number within one stem, a stem
+// without a number before its numbered ones.
+TEST_F(SerialPortPosixTest, PortListComesInNumberOrderWithinEachStem) {
+    testsupport::TempDir dir;
+    const std::string at = dir.path() + "/";
+    for (const char* name : {"ttyMerid10", "ttyMerid2", "ttyMerid", "ttyMerid1", "ttyAlpha3"}) {
+        ASSERT_TRUE(testsupport::writeFile(at + name, {}));
+    }
+    const testsupport::ScopedEnv extra(
+        "MERID_EXTRA_PORTS", at + "ttyMerid10:" + at + "ttyMerid2::" + at + "ttyMerid:" + at +
+                                 "ttyGone7:" + at + "ttyMerid1:" + at + "ttyAlpha3:" + at + "ttyMerid2");
+    std::vector<std::string> named;
+    for (const auto& name : port.getAvailablePorts()) {
+        if (name.rfind(at, 0) == 0) {
+            named.push_back(name.substr(at.size()));
+        }
+    }
+    EXPECT_EQ(named,
+              (std::vector<std::string>{"ttyAlpha3", "ttyMerid", "ttyMerid1", "ttyMerid2", "ttyMerid10"}));
+}
+
 TEST_F(SerialPortPosixTest, OpenConfigureReopenAndClose) {
     ASSERT_EQ(port.openPort(path), UsbTypes::Ok);
     // A second open closes the first handle, or the lock would refuse it.

@@ -154,9 +154,10 @@ DeviceSimulator::Faults DeviceSimulator::getFaults() {
     return faults;
 }
 
-void DeviceSimulator::silenceNext(unsigned count) {
+void DeviceSimulator::silenceNext(unsigned count, unsigned skip) {
     std::lock_guard<std::mutex> lock(mutex);
     faults.silenceNext = count;
+    faults.silenceSkip = skip;
 }
 
 void DeviceSimulator::corruptNext(unsigned count) {
@@ -372,6 +373,22 @@ std::uint8_t DeviceSimulator::takeErrorStatus(std::uint8_t command) {
     return faults.errorStatus;
 }
 
+// With the lock held: whether the answer about to go out is dropped.
+bool DeviceSimulator::takeSilence() {
+    if (faults.silent) {
+        return true;
+    }
+    if (faults.silenceNext == 0) {
+        return false;
+    }
+    if (faults.silenceSkip > 0) {
+        --faults.silenceSkip;
+        return false;
+    }
+    --faults.silenceNext;
+    return true;
+}
+
 void DeviceSimulator::answer(const std::vector<std::uint8_t>& request, Clock::time_point completed) {
     if (request.size() < 3) {
         return;
@@ -412,10 +429,7 @@ void DeviceSimulator::send(const std::uint8_t* data, std::size_t size, std::chro
 void DeviceSimulator::schedule(std::vector<std::uint8_t> bytes, Clock::time_point due, bool applyFaults) {
     std::lock_guard<std::mutex> lock(mutex);
     if (applyFaults) {
-        if (faults.silent || faults.silenceNext > 0) {
-            if (faults.silenceNext > 0) {
-                --faults.silenceNext;
-            }
+        if (takeSilence()) {
             return;
         }
         if (faults.wrongCrc || faults.wrongCrcNext > 0) {

@@ -32,7 +32,8 @@ public:
     // they fire; the plain switches hold until changed.
     struct Faults {
         bool silent = false;                     // no answers at all
-        unsigned silenceNext = 0;                // drop the next N answers
+        unsigned silenceNext = 0;                // drop the next N answers...
+        unsigned silenceSkip = 0;                // ...after letting this many pass
         bool wrongCrc = false;                   // every answer with a broken check code
         unsigned wrongCrcNext = 0;               // the next N answers with a broken check code
         std::uint8_t errorStatus = 0;            // status of refused requests
@@ -83,7 +84,8 @@ public:
 
     void setFaults(const Faults& faults);
     Faults getFaults();
-    void silenceNext(unsigned count);
+    // Drops `count` answers after letting `skip` of them through.
+    void silenceNext(unsigned count, unsigned skip = 0);
     void corruptNext(unsigned count);
     // Refuses `count` requests with wire code `command` (-1: any) with
     // `status`, after letting `skip` of them through.
@@ -130,6 +132,7 @@ private:
     void watchForDfu(const std::uint8_t* data, std::size_t size, Clock::time_point now);
     void answer(const std::vector<std::uint8_t>& request, Clock::time_point completed);
     std::uint8_t takeErrorStatus(std::uint8_t command);
+    bool takeSilence();
     void schedule(std::vector<std::uint8_t> bytes, Clock::time_point due, bool applyFaults);
     void flushDue(Clock::time_point now);
     void setPortOpen(bool open);
