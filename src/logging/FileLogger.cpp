@@ -1,6 +1,7 @@
 #include "FileLogger.h"
 
 #include "Platform.h"
+#include "PlatformPaths.h"
 
 #include <filesystem>
 #include <map>
@@ -8,6 +9,30 @@
 #include <vector>
 
 std::mutex FileLogger::instanceMutex;
+
+namespace {
+
+struct LogDirectory {
+    std::filesystem::path path;
+    bool shared; // in the temporary folder, which other users may write to
+};
+
+// Makes the folder. One in the shared temporary folder is used only when
+// nobody else can plant a link in it; a link in the file's own place is
+// never followed.
+bool prepareToOpen(const LogDirectory& directory, const std::filesystem::path& file) {
+    std::error_code error;
+    if (directory.shared) {
+        if (!Platform::ensurePrivateDirectory(Platform::pathToUtf8(directory.path))) {
+            return false;
+        }
+    } else {
+        std::filesystem::create_directories(directory.path, error);
+    }
+    return !std::filesystem::is_symlink(std::filesystem::symlink_status(file, error));
+}
+
+} // namespace
 
 FileLogger& FileLogger::getInstance() {
     static FileLogger instance;
@@ -33,19 +58,20 @@ bool FileLogger::createLogFile(std::string& prefix) {
     const std::string suffix = "_" + time.day + "_" + time.month + "_" + time.year;
 
     // Candidate directories in order of preference.
-    std::vector<std::filesystem::path> candidates;
+    std::vector<LogDirectory> candidates;
     auto logDir = Platform::getEnv("MERID_LOG_DIR");
     if (logDir && !logDir->empty()) {
-        candidates.emplace_back(std::u8string(logDir->begin(), logDir->end()));
+        candidates.push_back({Platform::pathFromUtf8(*logDir), false});
     }
-    candidates.push_back(std::filesystem::temp_directory_path() / "MeridKestalUtility");
-    candidates.push_back(std::filesystem::current_path());
+    candidates.push_back({std::filesystem::temp_directory_path() / "MeridKestalUtility", true});
+    candidates.push_back({std::filesystem::current_path(), false});
 
     // The first directory where the file opens wins.
     for (const auto& directory : candidates) {
-        std::error_code ignored;
-        std::filesystem::create_directories(directory, ignored);
-        std::filesystem::path path = directory / (prefix + suffix + ".log");
+        std::filesystem::path path = directory.path / (prefix + suffix + ".log");
+        if (!prepareToOpen(directory, path)) {
+            continue;
+        }
         logFile.open(path, std::ios::out | std::ios::trunc);
         if (logFile.is_open()) {
             auto utf8 = path.u8string();

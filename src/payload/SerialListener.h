@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <cstring>
 #include <mutex>
@@ -19,6 +20,9 @@ template <typename Link, typename Handler> class SerialListener : public Thread 
 public:
     using LinkType = std::remove_reference_t<Link>;
     static constexpr std::size_t kReadSize = 256;
+    // Long enough to leave the processor idle, short enough that a port that
+    // works again is read at once in human terms.
+    static constexpr std::chrono::milliseconds kPauseAfterFailedRead{50};
 
     // Registers the SET_LISTENER_TIMEOUT handler, through which the sender
     // hands over the deadline of each frame before it writes it.
@@ -53,33 +57,44 @@ protected:
                 waitForWake();
                 continue;
             }
-            std::lock_guard<std::mutex> lock(listenerMutex);
-            readOnce();
+            bool failed = false;
+            {
+                std::lock_guard<std::mutex> lock(listenerMutex);
+                failed = !readOnce();
+            }
+            // A line that has hung up fails every read at once: rest before
+            // the next one rather than take a whole core until someone
+            // notices the lost link.
+            if (failed) {
+                pauseUnlessTerminated(kPauseAfterFailedRead);
+            }
         }
     }
 
 private:
     // One read and its outcome, with listenerMutex held. The read itself
     // waits in the port until bytes arrive or the request's time-out ends.
-    void readOnce() {
+    // False when the read failed without waiting.
+    bool readOnce() {
         auto result = usb->read(readBuffer, kReadSize, static_cast<int>(readTimeout.load()));
         if (result.status == UsbTypes::Status::NotConnected) {
             terminate();
-            return;
+            return true;
         }
         if (result.status == UsbTypes::Status::Timeout) {
             logger.log("Listener timeout waiting for response", BaseLogger::WARNING, tag);
             handler->onResponseTimeout();
-            return;
+            return true;
         }
         // Any other failure reads as a block of `bytes` bytes, which is 0.
         const auto bytes = std::min<unsigned long long>(result.bytes, kReadSize);
         if (bytes == 0) {
-            return;
+            return result.status == UsbTypes::Status::Ok;
         }
         logger.log("Request was get", BaseLogger::INFO, tag);
         handler->update(readBuffer, bytes);
         std::memset(readBuffer, 0, sizeof(readBuffer));
+        return true;
     }
 
     // Runs on the sender's thread: the frame it has just taken gives the

@@ -40,6 +40,13 @@ std::optional<std::string> localAppDataDirectory();
 // The user's desktop folder, when the system knows one.
 std::optional<std::string> desktopDirectory();
 
+// Makes `path` (and the folders above it) when missing, takes away others'
+// right to write to it when it is this user's own, and says whether it is
+// now a directory that only this user can change: not a link, owned by this
+// user, writable by nobody else. Nobody else can then plant a file or a link
+// inside it, even in a shared temporary folder.
+bool ensurePrivateDirectory(const std::string& path);
+
 // Full path of the running executable; empty when unknown.
 std::string executablePath();
 

@@ -9,9 +9,12 @@
 #include <cstdlib>
 #include <execinfo.h>
 #include <fcntl.h>
+#include <filesystem>
 #include <pthread.h>
 #include <spawn.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
+#include <system_error>
 #include <time.h>
 #include <unistd.h>
 
@@ -230,6 +233,21 @@ std::optional<std::string> desktopDirectory() {
         return std::nullopt;
     }
     return *home + "/Desktop";
+}
+
+bool ensurePrivateDirectory(const std::string& path) {
+    std::error_code ignored;
+    std::filesystem::create_directories(std::filesystem::path(path).parent_path(), ignored);
+    mkdir(path.c_str(), 0700);
+    struct stat status {};
+    if (lstat(path.c_str(), &status) != 0 || !S_ISDIR(status.st_mode) || status.st_uid != geteuid()) {
+        return false;
+    }
+    if ((status.st_mode & (S_IWGRP | S_IWOTH)) != 0 &&
+        chmod(path.c_str(), status.st_mode & ~static_cast<mode_t>(S_IWGRP | S_IWOTH) & 07777) != 0) {
+        return false;
+    }
+    return true;
 }
 
 std::string executablePath() {

@@ -5,9 +5,11 @@
 #include <atomic>
 #include <csignal>
 #include <cstdlib>
+#include <filesystem>
 #include <io.h>
 #include <knownfolders.h>
 #include <shlobj.h>
+#include <system_error>
 #include <vector>
 
 namespace Platform {
@@ -132,6 +134,17 @@ std::optional<std::string> localAppDataDirectory() {
 
 std::optional<std::string> desktopDirectory() {
     return knownFolder(FOLDERID_Desktop);
+}
+
+// The temporary folder is the user's own on Windows; what is left to refuse
+// is a junction or a link in the folder's place.
+bool ensurePrivateDirectory(const std::string& path) {
+    const std::wstring wide = widen(path);
+    std::error_code ignored;
+    std::filesystem::create_directories(std::filesystem::path(wide), ignored);
+    const DWORD attributes = GetFileAttributesW(wide.c_str());
+    return attributes != INVALID_FILE_ATTRIBUTES && (attributes & FILE_ATTRIBUTE_DIRECTORY) != 0 &&
+           (attributes & FILE_ATTRIBUTE_REPARSE_POINT) == 0;
 }
 
 std::string executablePath() {

@@ -1,13 +1,18 @@
 #include "SelectFirmwareBox.h"
 
+#include "Platform.h"
 #include "PlatformPaths.h"
 #include "WidgetChildren.h"
 
 #include <gio/gio.h>
 
+#include <algorithm>
+#include <cstring>
 #include <exception>
 #include <filesystem>
 #include <fstream>
+#include <stdexcept>
+#include <vector>
 
 namespace MeridKestalWidgets {
 
@@ -31,9 +36,41 @@ void logWrite(const std::string& message) {
     LoggerManager::getInstance().log(message, BaseLogger::ERROR, kWriteTag);
 }
 
-// The resource's bytes at `target`, written unless a file of the same size
-// is there already (the size alone is compared). The path as UTF-8, or empty
-// on failure.
+// True when `target` is a plain file holding exactly the `size` bytes at
+// `data`: an older image, or one put there by someone else, is never used.
+bool holdsExactly(const std::filesystem::path& target, const char* data, std::size_t size) {
+    std::error_code error;
+    if (!std::filesystem::is_regular_file(std::filesystem::symlink_status(target, error)) ||
+        std::filesystem::file_size(target, error) != size || error) {
+        return false;
+    }
+    std::ifstream in(target, std::ios::binary);
+    std::vector<char> block(64 * 1024);
+    for (std::size_t offset = 0; offset < size;) {
+        const std::size_t count = std::min(block.size(), size - offset);
+        if (!in.read(block.data(), static_cast<std::streamsize>(count)) ||
+            std::memcmp(block.data(), data + offset, count) != 0) {
+            return false;
+        }
+        offset += count;
+    }
+    return true;
+}
+
+// The images' folders live in the shared temporary folder: both levels must
+// be this user's alone, so that nothing can be planted in them.
+void makeFolderPrivate(const std::filesystem::path& folder) {
+    std::filesystem::create_directories(folder);
+    for (const auto& level : {folder.parent_path(), folder}) {
+        if (!Platform::ensurePrivateDirectory(Platform::pathToUtf8(level))) {
+            throw std::runtime_error("the folder " + Platform::pathToUtf8(level) +
+                                     " is a link or can be changed by other users");
+        }
+    }
+}
+
+// The resource's bytes at `target`, written unless the file there holds
+// them already. The path as UTF-8, or empty on failure.
 std::string writeResourceToFileIfNeeded(const char* resourcePath, const std::filesystem::path& target) {
     GError* error = nullptr;
     GBytes* bytes = g_resources_lookup_data(resourcePath, G_RESOURCE_LOOKUP_FLAGS_NONE, &error);
@@ -53,11 +90,12 @@ std::string writeResourceToFileIfNeeded(const char* resourcePath, const std::fil
     std::string result;
     try {
         std::lock_guard<std::mutex> lock(gWriteMutex);
-        std::filesystem::create_directories(target.parent_path());
-        const auto status = std::filesystem::status(target);
-        if (std::filesystem::exists(status) && std::filesystem::file_size(target) == size) {
+        makeFolderPrivate(target.parent_path());
+        if (holdsExactly(target, data, size)) {
             result = Platform::pathToUtf8(target);
         } else {
+            // Whatever is in the way goes, a link itself rather than its target.
+            std::filesystem::remove(target);
             std::ofstream out(target, std::ios::binary | std::ios::trunc);
             if (!out.is_open()) {
                 logWrite("Can't open file for preinstalled firmware: " + Platform::pathToUtf8(target));

@@ -147,3 +147,36 @@ TEST(FileLogger, UnusableFolderFallsBackToTemp) {
                   "[02:16:24, 5/Nov/2026][ERROR] " + value + "\n");
     }
 }
+
+// In the shared temporary folder, neither a link planted in the log's place
+// nor a folder that is a link is followed: the log goes to the next place,
+// and what the links point at is left alone.
+TEST(FileLogger, LinksPlantedInTheTemporaryFolderAreNotFollowed) {
+    FixedClock clock(kNov15);
+    TempDir tmp;
+    TempDir work;
+    TempDir elsewhere;
+    ScopedTempDirEnv tmpdir(tmp.path());
+    ScopedEnv logDir("MERID_LOG_DIR", std::string());
+    const fs::path before = fs::current_path();
+    fs::current_path(work.path());
+    const fs::path folder = fs::path(tmp.path()) / "MeridKestalUtility";
+    const fs::path victim = fs::path(elsewhere.path()) / "victim";
+    std::ofstream(victim) << "keep";
+    fs::create_directories(folder);
+    fs::create_symlink(victim, folder / kLogName);
+    auto logOnce = [](const std::string& text) {
+        std::string prefix = "application";
+        FileLogger logger;
+        ASSERT_TRUE(logger.createLogFile(prefix));
+        logger.log(text, BaseLogger::ERROR, "");
+    };
+    logOnce("planted file");
+    fs::remove_all(folder);
+    fs::create_directory_symlink(elsewhere.path(), folder);
+    logOnce("planted folder");
+    fs::current_path(before);
+    EXPECT_EQ(readText(victim), "keep");
+    EXPECT_FALSE(fs::exists(fs::path(elsewhere.path()) / kLogName));
+    EXPECT_EQ(readText(fs::path(work.path()) / kLogName), "[02:16:24, 5/Nov/2026][ERROR] planted folder\n");
+}

@@ -7,6 +7,8 @@
 
 #include <gtest/gtest.h>
 
+#include <regex>
+
 using namespace packagetest;
 
 TEST(DebianPackage, ControlFilesAndTheUnpackedProgramStartingFromItsMenuEntry) {
@@ -39,6 +41,13 @@ TEST(DebianPackage, ControlFilesAndTheUnpackedProgramStartingFromItsMenuEntry) {
     EXPECT_EQ(filesUnder(root), expected);
     EXPECT_NE(run("file -b '" + bin + "/MeridKestalUtility'").second.find(", stripped"), std::string::npos);
     EXPECT_EQ(run("readelf -d '" + bin + "/MeridKestalUtility' | grep -E 'RPATH|RUNPATH'").second, "");
+    // Hardened: the stack protector and the checked C library calls, so that
+    // an overrun aborts instead of running on.
+    for (const std::string program : {"MeridKestalUtility", "merid-flash"}) {
+        const std::string symbols = run("readelf --dyn-syms -W '" + bin + "/" + program + "'").second;
+        EXPECT_NE(symbols.find(" __stack_chk_fail@"), std::string::npos) << program;
+        EXPECT_TRUE(std::regex_search(symbols, std::regex(" __[a-z]+_chk@"))) << program;
+    }
 
     // The menu entry's command along PATH, from a folder outside the build
     // tree, with the logs in their default places.

@@ -27,8 +27,9 @@ public:
     UsbTypes::IoResult read(void* buffer, unsigned long long, int timeoutMs) {
         std::lock_guard<std::mutex> lock(mutex);
         lastTimeout = timeoutMs;
+        ++reads;
         if (script.empty()) {
-            return {};
+            return {hungUp ? UsbTypes::ReceiveError : UsbTypes::Ok, 0};
         }
         auto [status, bytes] = script.front();
         script.pop_front();
@@ -47,6 +48,9 @@ public:
     std::vector<Bytes> writes;
     int failWrites = 0;
     std::atomic<int> lastTimeout{0};
+    std::atomic<int> reads{0};
+    // With nothing scripted, every read fails at once, as on a line that has hung up.
+    std::atomic<bool> hungUp{false};
 
 private:
     std::mutex mutex;
@@ -104,4 +108,21 @@ TEST_F(PayloadTest, ListenerReadsWithTheFramesDeadlinePausesAndEndsWithTheLink) 
     listener.terminate(); // nothing left to end
     listener.start(false);
     EXPECT_TRUE(waitUntil([&] { return log.count("run() is START") == 2; }));
+}
+
+// A read that fails at once (an adapter pulled, a board re-enumerating) is
+// not retried at once: the listener rests, and reads again once the line works.
+TEST_F(PayloadTest, ListenerRestsAfterAFailedReadAndReadsAgainWhenTheLineWorks) {
+    FakeLink link;
+    link.hungUp = true;
+    PayloadProtocol::SerialListener<FakeLink&, PayloadHandler> listener(link, handler);
+    listener.start(false);
+    std::this_thread::sleep_for(std::chrono::milliseconds(500));
+    const int failedReads = link.reads.load();
+    EXPECT_GE(failedReads, 1);
+    EXPECT_LE(failedReads, 25) << "the listener retried a failing read without a pause";
+
+    link.push(UsbTypes::Ok, frame({1, 2, 0}));
+    EXPECT_TRUE(waitUntil([&] { return log.contains("received unexpected message"); }));
+    listener.terminate();
 }

@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
+#include <fstream>
 
 using testsupport::ScopedEnv;
 
@@ -39,4 +40,26 @@ TEST(Platform, TemporaryDirectoryAndExecutableExist) {
     const auto program = Platform::pathFromUtf8(Platform::executablePath());
     EXPECT_TRUE(std::filesystem::is_regular_file(program)) << program;
     EXPECT_TRUE(program.is_absolute()) << program;
+}
+
+// A folder in a shared temporary folder is used only when nobody else can
+// change it: made when missing, closed to others when it is ours, refused
+// when it is a file or a link.
+TEST(Platform, PrivateDirectoryIsMadeOrRefused) {
+    namespace fs = std::filesystem;
+    testsupport::TempDir dir;
+    const fs::path root = Platform::pathFromUtf8(dir.path());
+    const fs::path made = root / "a" / "b";
+    EXPECT_TRUE(Platform::ensurePrivateDirectory(Platform::pathToUtf8(made)));
+    EXPECT_TRUE(fs::is_directory(made));
+    std::ofstream(root / "file") << "x";
+    EXPECT_FALSE(Platform::ensurePrivateDirectory(Platform::pathToUtf8(root / "file")));
+#ifndef _WIN32
+    fs::create_directory_symlink(made, root / "link");
+    EXPECT_FALSE(Platform::ensurePrivateDirectory(Platform::pathToUtf8(root / "link")));
+    fs::permissions(made, fs::perms::all);
+    EXPECT_TRUE(Platform::ensurePrivateDirectory(Platform::pathToUtf8(made)));
+    EXPECT_EQ(fs::status(made).permissions() & (fs::perms::group_write | fs::perms::others_write),
+              fs::perms::none);
+#endif
 }

@@ -114,7 +114,7 @@ TEST_F(OpenFileDialogTest, StartsOnTheDesktop) {
 
 // One case only: CTest runs cases as parallel processes, and this one puts
 // a file where the firmware folder goes.
-TEST_F(SelectFirmwareBoxTest, AFailedWriteOutBlocksTheLoadAndOnlyTheSizeDecidesARewrite) {
+TEST_F(SelectFirmwareBoxTest, AFailedWriteOutBlocksTheLoadAndOnlyTheEmbeddedBytesAreUsed) {
     std::ofstream(root) << "in the way";
     CapturingLogger captured;
     switchOn();
@@ -124,17 +124,26 @@ TEST_F(SelectFirmwareBoxTest, AFailedWriteOutBlocksTheLoadAndOnlyTheSizeDecidesA
     EXPECT_EQ(child<Gtk::Entry>("SelectFirmwareSearchEntryStm32").get_text(), ".");
     EXPECT_EQ(widget->getFilePath(), "");
 
-    // The next move tries again. The right size with other content is kept;
-    // one byte more is replaced.
+    // The next move tries again. A file of the right size with other content
+    // is replaced; a link planted in an image's place goes, and what it
+    // points at is left alone; a folder others may write to is closed to them.
     fs::remove(root);
     fs::create_directories(root / "firmware");
-    std::ofstream(stm32Image, std::ios::binary) << std::string(37312, 'x');
-    std::ofstream(esp32Image, std::ios::binary) << std::string(1803184 + 1, 'x');
+    const fs::path planted = root.parent_path() / "planted.bin";
+    std::ofstream(planted, std::ios::binary) << std::string(37312, 'x');
+    fs::create_symlink(planted, stm32Image);
+    std::ofstream(esp32Image, std::ios::binary) << std::string(1803184, 'x');
+    fs::permissions(root, fs::perms::all);
     switchOn();
     EXPECT_TRUE(uploadSensitive());
-    EXPECT_EQ(firstByte(stm32Image), 'x');
+    EXPECT_FALSE(fs::is_symlink(stm32Image));
+    EXPECT_NE(firstByte(stm32Image), 'x');
+    EXPECT_EQ(firstByte(planted), 'x');
     EXPECT_EQ(fs::file_size(esp32Image), 1803184u);
     EXPECT_NE(firstByte(esp32Image), 'x');
+    EXPECT_EQ(fs::status(root).permissions() & (fs::perms::group_write | fs::perms::others_write),
+              fs::perms::none);
+    fs::remove(planted);
 
     // Once written in this run, an image removed behind the program's back is
     // not written again.
