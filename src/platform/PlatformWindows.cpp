@@ -1,10 +1,12 @@
 #include "Platform.h"
+#include "PlatformPaths.h"
 
 #include <windows.h>
 
 #include <atomic>
 #include <csignal>
 #include <cstdlib>
+#include <filesystem>
 #include <io.h>
 #include <knownfolders.h>
 #include <shlobj.h>
@@ -149,7 +151,17 @@ std::string executablePath() {
 }
 
 std::string dataDirsWith(const std::string& dir) {
-    return dir;
+    // The toolkit's schemas and icon themes ship in the "share" folder beside
+    // the executable; nothing else on Windows sets the variable.
+    const std::string executable = executablePath();
+    if (executable.empty()) {
+        return dir;
+    }
+    const std::filesystem::path share = pathFromUtf8(executable).parent_path() / "share";
+    if (!pathExists(share) || pathFromUtf8(dir) == share) {
+        return dir;
+    }
+    return dir + ";" + pathToUtf8(share);
 }
 
 void installFaultReporter(FaultReporter reporter) {
