@@ -39,10 +39,9 @@ step "threaded tests (thread)"
 xvfb-run -a -s "-screen 0 1280x1024x24" \
     ctest --test-dir "$BUILD/tsan" --output-on-failure -j "$JOBS" -L threaded --no-tests=ignore
 
-# The window for Windows needs the toolkit built from its archives; without
-# them the Windows build has the core, its tests and merid-flash.exe only.
-[ -n "${MERID_WIN_SOURCES:-}" ] || [ ! -d ../shared/win-gtk-src ] ||
-    export MERID_WIN_SOURCES=$(realpath ../shared/win-gtk-src)
+# The window for Windows needs the toolkit built from its archives, named by
+# MERID_WIN_SOURCES (for example ../shared/win-gtk-src); without them the
+# Windows build has the core, its tests and merid-flash.exe only.
 if [ -n "${MERID_WIN_SOURCES:-}" ]; then
     step "Windows cross-build (MinGW-w64) with the window, its zip and installer"
     bash scripts/windows.sh "$BUILD/mingw" "$BUILD/mingw/windows"

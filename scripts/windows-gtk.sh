@@ -47,9 +47,11 @@ fi
 # The libraries are installed into STAGE, a prefix of that name; once all
 # are in, the text files that name it (pkg-config and libtool files, the
 # generator's scripts) are pointed at PREFIX and the folder is moved there.
-STAGE=$PREFIX.building
-WORK=$CACHE/windows-gtk-work.$$
-rm -rf "$STAGE" "$PREFIX" "$CACHE"/windows-gtk-work.*
+# Both folders keep their names from build to build, so that the compiler
+# cache, which every compile here goes through, serves a rebuild.
+STAGE=$CACHE/windows-gtk.building
+WORK=$CACHE/windows-gtk.work
+rm -rf "$STAGE" "$PREFIX" "$WORK"
 mkdir -p "$STAGE/lib/pkgconfig" "$WORK"
 LOG=$WORK/build.log
 finish() {
@@ -69,11 +71,13 @@ export WINEPREFIX=$WORK/wine WINEDEBUG=-all WINEDLLOVERRIDES="mscoree,mshtml="
 export WINEPATH="Z:${STAGE//\//\\}\\bin;Z:${MINGW_SYSROOT//\//\\}\\lib;Z:\\usr\\lib\\gcc\\$HOST\\12-posix"
 export PATH=$STAGE/bin-native:$PATH
 
+CCACHE=
+command -v ccache >/dev/null 2>&1 && CCACHE="'ccache', "
 CROSS=$WORK/cross.txt
 cat >"$CROSS" <<EOF
 [binaries]
-c = '$HOST-gcc-posix'
-cpp = '$HOST-g++-posix'
+c = [$CCACHE'$HOST-gcc-posix']
+cpp = [$CCACHE'$HOST-g++-posix']
 ar = '$HOST-ar'
 strip = '$HOST-strip'
 windres = '$HOST-windres'
@@ -101,7 +105,9 @@ keep_licences() { # source folder
     mkdir -p "$STAGE/share/licenses/$name"
     find "$1" -maxdepth 1 -type f \( -name 'COPYING*' -o -name 'LICENSE*' -o -name 'LICENCE*' \) \
         -exec cp {} "$STAGE/share/licenses/$name/" \;
-    # FreeType's licence names the texts in its docs folder.
+    # GLib keeps its texts in a LICENSES folder, FreeType names those in its
+    # docs folder.
+    [ ! -d "$1/LICENSES" ] || cp "$1"/LICENSES/* "$STAGE/share/licenses/$name/"
     [ ! -f "$1/docs/FTL.TXT" ] || cp "$1/docs/FTL.TXT" "$1/docs/GPLv2.TXT" "$STAGE/share/licenses/$name/"
     [ -n "$(ls -A "$STAGE/share/licenses/$name")" ] || fail "no licence text in $(basename "$1")"
 }
@@ -143,7 +149,7 @@ autotools_build() { # archive, configure options...
     (
         cd "$src"
         export PKG_CONFIG_LIBDIR=$STAGE/lib/pkgconfig:$MINGW_SYSROOT/lib/pkgconfig PKG_CONFIG_PATH=
-        export CC=$HOST-gcc-posix CXX=$HOST-g++-posix
+        export CC="${CCACHE:+ccache }$HOST-gcc-posix" CXX="${CCACHE:+ccache }$HOST-g++-posix"
         export CPPFLAGS="-I$STAGE/include" LDFLAGS="-L$STAGE/lib"
         ./configure --host=$HOST --prefix="$STAGE" "$@"
         make -j "$JOBS"
@@ -161,7 +167,7 @@ build_pcre2() {
     src=$(unpack pcre2_10.42.orig.tar.gz)
     (
         cd "$src"
-        CC=$HOST-gcc-posix ./configure --host=$HOST --prefix="$STAGE" --disable-shared --enable-static \
+        CC="${CCACHE:+ccache }$HOST-gcc-posix" ./configure --host=$HOST --prefix="$STAGE" --disable-shared --enable-static \
             --enable-unicode
         make -j "$JOBS" libpcre2-8.la libpcre2-posix.la
         make install-libLTLIBRARIES install-nodist_includeHEADERS install-includeHEADERS install-pkgconfigDATA
@@ -218,7 +224,7 @@ build_cairo() {
     (
         cd "$src"
         export PKG_CONFIG_LIBDIR=$STAGE/lib/pkgconfig:$MINGW_SYSROOT/lib/pkgconfig PKG_CONFIG_PATH=
-        export CC=$HOST-gcc-posix CPPFLAGS="-I$STAGE/include" LDFLAGS="-L$STAGE/lib"
+        export CC="${CCACHE:+ccache }$HOST-gcc-posix" CPPFLAGS="-I$STAGE/include" LDFLAGS="-L$STAGE/lib"
         ./configure --host=$HOST --prefix="$STAGE" --enable-shared --disable-static \
             --enable-win32 --enable-win32-font --enable-ft --disable-fc --enable-png \
             --disable-xlib --disable-xlib-xrender --disable-xcb --disable-gl --disable-glesv2 \
@@ -253,7 +259,7 @@ build_gtk() {
     meson_build gtk+3.0_3.24.38.orig.tar.xz -Dx11_backend=false -Dwayland_backend=false \
         -Dbroadway_backend=false -Dwin32_backend=true -Dquartz_backend=false -Dintrospection=false \
         -Ddemos=false -Dexamples=false -Dtests=false -Dinstalled_tests=false -Dgtk_doc=false -Dman=false \
-        -Dcolord=no -Dxinerama=no -Dcloudproviders=false -Dprint_backends=file
+        -Dcolord=no -Dxinerama=no -Dcloudproviders=false
 }
 
 # The C++ wrappers generate their sources at build time; pangomm, atkmm and
