@@ -290,8 +290,7 @@ installer_run() {
     export WINEPREFIX="$work/install-prefix"
     "$WINE" wineboot -i >/dev/null 2>&1
     wine_ui_fonts
-    cp "$window_installer" "$work/setup.exe"
-    timeout 300 "$WINE" "$(windows_path "$work/setup.exe")" /S
+    timeout 300 "$WINE" "$(windows_path "$window_installer")" /S
     "$WINESERVER" -w
     local install="$WINEPREFIX/drive_c/Program Files/MeridKestalUtility"
     local menu="$WINEPREFIX/drive_c/ProgramData/Microsoft/Windows/Start Menu/Programs/MeridKestalUtility"
