@@ -220,8 +220,8 @@ window_installer=${window_zip%.zip}-setup.exe
 window_scenario=$MINGW_DIR/tests/windows/merid_windows_window_scenario.exe
 native_window_scenario=$NATIVE_DIR/tests/windows/merid_native_window_scenario
 
-# The window scenario against a board of its own: RUN names the run's folder,
-# then the command (and its environment) that runs the scenario.
+# A board for the window scenario that refuses ESP32 blocks 3 to 5, in the
+# run's folder; its pseudo-terminal goes to the variable RUN_pty.
 window_board() { # run
     mkdir -p "$work/$1"
     start_serving "${1}_pty" "$work/$1/board.port" "$devsim" --esp-fail-block 3 --esp-fail-count 3 \
@@ -244,12 +244,12 @@ from_erase() { # journal
 
 window_scenarios() {
     say "window scenario, native build"
-    window_board window-native
+    window_board window_native
     local native_pid=${started[-1]}
     GSETTINGS_BACKEND=memory MERID_EXTRA_PORTS="$window_native_pty" MERID_WINDOW_PORT="$window_native_pty" \
-        MERID_WINDOW_DIR="$work/window-native/Прошивки" NO_AT_BRIDGE=1 \
-        timeout 600 "$native_window_scenario" --gtest_brief=1 2>"$work/window-native/stderr.txt" ||
-        fail "the native window scenario failed: $(tail -n 20 "$work/window-native/stderr.txt")"
+        MERID_WINDOW_DIR="$work/window_native/Прошивки" NO_AT_BRIDGE=1 \
+        timeout 600 "$native_window_scenario" --gtest_brief=1 2>"$work/window_native/stderr.txt" ||
+        fail "the native window scenario failed: $(tail -n 20 "$work/window_native/stderr.txt")"
     stop_serving "$native_pid" || fail "the native window run's board exited badly"
 
     say "window scenario, Windows build, from the zip in a Cyrillic folder, on COM5"
@@ -258,7 +258,7 @@ window_scenarios() {
     unzip -q "$window_zip" -d "$folder"
     cp "$window_scenario" "$folder/MeridKestalUtility/"
     "$WINESERVER" -k
-    window_board window-wine
+    window_board window_wine
     local wine_pid=${started[-1]}
     "$WINE" reg add 'HKLM\Software\Wine\Ports' /v COM5 /d "$window_wine_pty" /f >/dev/null
     "$WINESERVER" -w
@@ -267,18 +267,18 @@ window_scenarios() {
         timeout 600 "$WINE" 'C:\Окно сборки\MeridKestalUtility\merid_windows_window_scenario.exe' --gtest_brief=1
     stop_serving "$wine_pid" || fail "the Windows window run's board exited badly"
 
-    check_window_board window-native "$work/window-native/Прошивки"
-    check_window_board window-wine "$folder/Прошивки"
-    from_erase "$work/window-native/journal.txt" >"$work/window-native/from-erase.txt"
-    from_erase "$work/window-wine/journal.txt" >"$work/window-wine/from-erase.txt"
-    [ -s "$work/window-native/from-erase.txt" ] || fail "the native window's board saw no erase frame"
-    if ! cmp -s "$work/window-native/from-erase.txt" "$work/window-wine/from-erase.txt"; then
-        diff "$work/window-native/from-erase.txt" "$work/window-wine/from-erase.txt" | cut -c 1-160 |
+    check_window_board window_native "$work/window_native/Прошивки"
+    check_window_board window_wine "$folder/Прошивки"
+    from_erase "$work/window_native/journal.txt" >"$work/window_native/from-erase.txt"
+    from_erase "$work/window_wine/journal.txt" >"$work/window_wine/from-erase.txt"
+    [ -s "$work/window_native/from-erase.txt" ] || fail "the native window's board saw no erase frame"
+    if ! cmp -s "$work/window_native/from-erase.txt" "$work/window_wine/from-erase.txt"; then
+        diff "$work/window_native/from-erase.txt" "$work/window_wine/from-erase.txt" | cut -c 1-160 |
             head -n 40 >&2 || true
         fail "the Windows window put other frames on the wire than the native one"
     fi
     echo "both windows: STM32 image and ESP32 flash byte-exact;" \
-        "$(wc -l <"$work/window-wine/from-erase.txt") journal lines equal from the erase frame on"
+        "$(wc -l <"$work/window_wine/from-erase.txt") journal lines equal from the erase frame on"
 }
 
 # Milliseconds since the epoch.
