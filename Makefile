@@ -3,7 +3,7 @@ JOBS ?= $(shell nproc)
 BUILD ?= build
 CMAKE_GEN = -G Ninja
 
-.PHONY: all deps run demo test bench format fuzz screenshots package clean
+.PHONY: all deps run demo test bench format fuzz screenshots package windows clean
 
 all: deps
 	cmake -S . -B $(BUILD)/release $(CMAKE_GEN) -DCMAKE_BUILD_TYPE=RelWithDebInfo -DMERID_BUILD_TESTS=OFF
@@ -27,11 +27,15 @@ bench: deps
 fuzz: deps
 	@bash scripts/fuzz.sh
 
-screenshots: all
-	@bash scripts/screenshots.sh $(BUILD)/release
+screenshots: all windows
+	@bash scripts/screenshots.sh $(BUILD)/release $(BUILD)/windows/MeridKestalUtility
 
 package: deps
 	@bash scripts/package.sh
+
+# The window for Windows: the zip and the installer in $(BUILD)/windows.
+windows: deps
+	@bash scripts/windows.sh $(BUILD)/mingw-release $(BUILD)/windows -DMERID_BUILD_TESTS=OFF
 
 format:
 	@git ls-files '*.h' '*.cpp' | xargs clang-format -i --style=file

@@ -6,11 +6,19 @@ else()
     set(MERID_WINDOWS OFF)
 endif()
 
-# The window needs gtkmm, which the Windows cross-build does not have here.
+# The window needs gtkmm. The Windows cross-build takes it from the toolkit
+# that scripts/windows-gtk.sh builds for MinGW-w64, when given its prefix;
+# pkg-config then looks there and in the compiler's own folder only.
+set(MERID_WIN_GTK_PREFIX "" CACHE PATH "GTK 3 and gtkmm 3 built for MinGW-w64 (the prefix scripts/windows-gtk.sh prints)")
+set(_merid_gui_default ON)
 if(MERID_WINDOWS)
-    set(_merid_gui_default OFF)
-else()
-    set(_merid_gui_default ON)
+    if(MERID_WIN_GTK_PREFIX AND EXISTS "${MERID_WIN_GTK_PREFIX}/lib/pkgconfig/gtkmm-3.0.pc")
+        set(ENV{PKG_CONFIG_LIBDIR}
+            "${MERID_WIN_GTK_PREFIX}/lib/pkgconfig:${MERID_WIN_GTK_PREFIX}/share/pkgconfig:${CMAKE_FIND_ROOT_PATH}/lib/pkgconfig")
+        set(ENV{PKG_CONFIG_PATH} "")
+    else()
+        set(_merid_gui_default OFF)
+    endif()
 endif()
 option(MERID_WITH_GUI "Build the window, the widgets and the program" ${_merid_gui_default})
 option(MERID_BUILD_TESTS "Build the tests" ON)
@@ -55,9 +63,14 @@ if(MERID_SANITIZE STREQUAL "" AND NOT MERID_BUILD_FUZZ)
 endif()
 
 if(MERID_WINDOWS)
-    # One executable that runs without the MinGW runtime DLLs beside it.
-    add_link_options(-static -static-libgcc -static-libstdc++)
+    # Each executable runs without the MinGW runtime DLLs beside it, except
+    # those that link the toolkit's DLLs (merid_window_program), whose import
+    # libraries a static link cannot take.
+    set(_merid_static "$<NOT:$<BOOL:$<TARGET_PROPERTY:MERID_SHARED_RUNTIME>>>")
+    add_link_options("$<${_merid_static}:-static>" "$<${_merid_static}:-static-libgcc>"
+                     "$<${_merid_static}:-static-libstdc++>")
     add_compile_definitions(_WIN32_WINNT=0x0A00 WIN32_LEAN_AND_MEAN NOMINMAX)
+    enable_language(RC)
 endif()
 
 find_package(Threads REQUIRED)

@@ -3,8 +3,8 @@
 # icon in the hicolor theme, AppStream metadata, a manual page and an example
 # udev rule. `cpack -G DEB` (scripts/package.sh, `make package`) wraps the
 # same tree with dependencies computed from the executable.
-if(NOT TARGET MeridKestalUtility)
-    return() # no window in this build (the Windows cross-build)
+if(NOT TARGET MeridKestalUtility OR MERID_WINDOWS)
+    return() # no window in this build, or the Windows one (scripts/windows-package.sh)
 endif()
 
 include(GNUInstallDirs)

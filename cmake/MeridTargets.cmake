@@ -97,3 +97,18 @@ function(merid_add_benchmark name)
     target_compile_options(bench_${name} PRIVATE ${MERID_WARNINGS})
     target_link_libraries(bench_${name} PRIVATE ${ARG_LIBS} benchmark::benchmark)
 endfunction()
+
+# merid_window_program(NAME [CONSOLE]): an executable that links the toolkit.
+# On Windows it loads the toolkit's DLLs and the shared MinGW runtime beside
+# it, and, unless CONSOLE, it is a GUI-subsystem program with the icon.
+function(merid_window_program name)
+    cmake_parse_arguments(ARG "CONSOLE" "" "" ${ARGN})
+    if(NOT MERID_WINDOWS)
+        return()
+    endif()
+    set_target_properties(${name} PROPERTIES MERID_SHARED_RUNTIME ON)
+    if(NOT ARG_CONSOLE)
+        set_target_properties(${name} PROPERTIES WIN32_EXECUTABLE ON)
+        target_link_libraries(${name} PRIVATE merid_windows_icon)
+    endif()
+endfunction()

@@ -12,6 +12,7 @@ PACKAGES=(
     g++-mingw-w64-x86-64-posix wine64
     desktop-file-utils appstream dpkg-dev file groff-base
     zlib1g-dev libz-mingw-w64-dev libcli11-dev nlohmann-json3-dev
+    meson mm-common libxml-parser-perl m4 gettext nsis zip unzip adwaita-icon-theme hicolor-icon-theme fonts-dejavu-core
 )
 
 missing=()

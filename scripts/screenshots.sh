@@ -5,10 +5,16 @@
 # simulated board as its serial port when the simulator is built; the main
 # window and the connection dialog (opened from the menu with the keyboard,
 # as a user would) are written to docs/.
+#
+# With WINDOWS_DIR, the folder of the Windows build's zip (make screenshots
+# passes build/windows/MeridKestalUtility), the window also runs under Wine
+# for docs/windows-main-window.png.
 set -euo pipefail
-BUILD_DIR=${1:?usage: screenshots.sh BUILD_DIR}
+BUILD_DIR=${1:?usage: screenshots.sh BUILD_DIR [WINDOWS_DIR]}
+WINDOWS_DIR=${2:-}
 ROOT=$(cd "$(dirname "$0")/.." && pwd)
 BUILD_DIR=$(cd "$BUILD_DIR" && pwd)
+[ -z "$WINDOWS_DIR" ] || WINDOWS_DIR=$(cd "$WINDOWS_DIR" && pwd)
 PROGRAM="$BUILD_DIR/src/shell/MeridKestalUtility"
 SIMULATOR="$BUILD_DIR/tools/devsim/merid-devsim"
 OUT="$ROOT/docs"
@@ -27,7 +33,7 @@ done
 # Everything below runs inside the virtual display.
 if [ "${MERID_SCREENSHOTS_INNER:-}" != 1 ]; then
     export MERID_SCREENSHOTS_INNER=1
-    exec xvfb-run -a -s "-screen 0 1024x768x24" "$0" "$BUILD_DIR"
+    exec xvfb-run -a -s "-screen 0 1024x768x24" "$0" "$BUILD_DIR" "$WINDOWS_DIR"
 fi
 
 SCRATCH=$(mktemp -d)
@@ -60,6 +66,7 @@ fi
 
 "$PROGRAM" >"$SCRATCH/program.log" 2>&1 &
 PIDS+=($!)
+PROGRAM_PID=$!
 
 window_of() { # title
     timeout 60 xdotool search --sync --onlyvisible --name "^$1\$" | head -1
@@ -103,4 +110,31 @@ if [ -n "${MERID_EXTRA_PORTS:-}" ]; then
     xdotool mousemove --window "$MAIN" 120 59 click 1
     sleep 1
     shoot "$MAIN" "$OUT/main-window-board.png"
+fi
+
+# The window built for Windows under Wine, once the native one has gone (the
+# two have the same title), in a prefix of its own with readable UI fonts.
+if [ -n "$WINDOWS_DIR" ]; then
+    kill "$PROGRAM_PID"
+    wait "$PROGRAM_PID" 2>/dev/null || true
+    WINE=/usr/lib/wine/wine64
+    [ -x "$WINE" ] || WINE=$(command -v wine64 || command -v wine)
+    WINESERVER=/usr/lib/wine/wineserver64
+    [ -x "$WINESERVER" ] || WINESERVER=$(command -v wineserver)
+    export WINESERVER WINEPREFIX="$SCRATCH/wine" WINEDEBUG=-all WINEDLLOVERRIDES="mscoree,mshtml="
+    source "$ROOT/scripts/wine-ui-fonts.sh"
+    "$WINE" wineboot -i >/dev/null 2>&1
+    wine_ui_fonts
+    "$WINE" "$WINDOWS_DIR/MeridKestalUtility.exe" >"$SCRATCH/wine-program.log" 2>&1 &
+    PIDS+=($!)
+    WINDOWS_MAIN=$(window_of MeridKestalUtility)
+    if [ -z "$WINDOWS_MAIN" ]; then
+        echo "screenshots.sh: the window did not show under Wine; it said:" >&2
+        cat "$SCRATCH/wine-program.log" >&2
+        exit 1
+    fi
+    # Wine maps the window before the toolkit has drawn it.
+    sleep 2
+    shoot "$WINDOWS_MAIN" "$OUT/windows-main-window.png"
+    "$WINESERVER" -k
 fi

@@ -16,13 +16,25 @@
 # 3. merid-flash.exe flashes a slice of itself into the ESP32 of a fresh
 #    board on COM5, compressed and checked by MD5, and the board's flash
 #    must hold it.
+# 4. When the window's packages are built (scripts/windows-package.sh into
+#    PACKAGES_DIR, by default MINGW_BUILD_DIR/windows): the window scenario
+#    of tests/windows, from the zip unpacked into a folder whose name is not
+#    ASCII, on COM5 against a board that refuses ESP32 blocks 3 to 5; the
+#    same scenario built natively against a second such board. The boards'
+#    images must equal the files written and their journals must be equal
+#    from the erase frame on.
+# 5. The installer, silent, into a fresh prefix: the installed window
+#    shows (found by its title on the display), and the uninstaller leaves
+#    the install folder empty.
+# Stages 4 and 5 need a display: scripts/test.sh runs this under Xvfb.
 #
-# The native programs (merid-devsim, merid_pty_echo and the native scenario)
+# The native programs (merid-devsim, merid_pty_echo and the native scenarios)
 # come from NATIVE_BUILD_DIR, by default the asan build beside the MinGW one,
 # which scripts/test.sh builds before this stage.
 set -euo pipefail
-MINGW_DIR=$(realpath "${1:?usage: test-windows.sh MINGW_BUILD_DIR [NATIVE_BUILD_DIR]}")
+MINGW_DIR=$(realpath "${1:?usage: test-windows.sh MINGW_BUILD_DIR [NATIVE_BUILD_DIR [PACKAGES_DIR]]}")
 NATIVE_DIR=$(realpath -m "${2:-$(dirname "$MINGW_DIR")/asan}")
+PACKAGES_DIR=$(realpath -m "${3:-$MINGW_DIR/windows}")
 
 export LANG=C.UTF-8 LC_ALL=C.UTF-8
 export ASAN_OPTIONS=${ASAN_OPTIONS:-detect_leaks=0}
@@ -51,6 +63,7 @@ work=$(mktemp -d "${TMPDIR:-/tmp}/merid-wine.XXXXXX")
 started=() # processes of ours still running
 cleanup() {
     WINEPREFIX="$work/prefix" "$WINESERVER" -k >/dev/null 2>&1 || true
+    [ ! -d "$work/install-prefix" ] || WINEPREFIX="$work/install-prefix" "$WINESERVER" -k >/dev/null 2>&1 || true
     for pid in "${started[@]}"; do
         kill -TERM "$pid" 2>/dev/null || true
         wait "$pid" 2>/dev/null || true
@@ -207,3 +220,123 @@ grep -q '^COM5  esp32      131072 .*  verified' "$work/flash/output.txt" || fail
 stop_serving "$flash_board_pid" || fail "the merid-flash run's board exited badly: $(cat "$work/flash/board.port.err")"
 cmp -n 131072 "$work/flash/app.bin" "$work/flash/esp32-flash.bin" || fail "the ESP32 flash differs from the image"
 echo "merid-flash.exe: 128 KiB verified and in the flash at 0"
+
+# --- The window (stages 4 and 5) --------------------------------------------
+source "$(dirname "$0")/wine-ui-fonts.sh"
+window_zip=$(find "$PACKAGES_DIR" -maxdepth 1 -name 'MeridKestalUtility-*-win64.zip' 2>/dev/null | head -n 1)
+window_installer=${window_zip%.zip}-setup.exe
+window_scenario=$MINGW_DIR/tests/windows/merid_windows_window_scenario.exe
+native_window_scenario=$NATIVE_DIR/tests/windows/merid_native_window_scenario
+
+# A board for the window scenario that refuses ESP32 blocks 3 to 5, in the
+# run's folder; its pseudo-terminal goes to the variable RUN_pty.
+window_board() { # run
+    mkdir -p "$work/$1"
+    start_serving "${1}_pty" "$work/$1/board.port" "$devsim" --esp-fail-block 3 --esp-fail-count 3 \
+        --image-dir "$work/$1" --journal "$work/$1/journal.txt" --esp-flash-out "$work/$1/esp32-flash.bin"
+}
+
+# What a board kept after the window scenario: the STM32 image and the ESP32
+# flash equal to the files in IMAGES.
+check_window_board() { # run, images folder
+    cmp "$2/stm32.bin" "$work/$1/device2_file0.bin" ||
+        fail "$1: the STM32 image the board received differs from the file chosen"
+    cmp -n 65536 "$2/esp32.bin" "$work/$1/esp32-flash.bin" ||
+        fail "$1: the ESP32 flash differs from the file chosen"
+}
+
+# The frames a board received from the window's erase frame on.
+from_erase() { # journal
+    sed -n '/^frame ok 7E 08 .. 02 03 00 08 C7 42 1D 6A /,$p' "$1"
+}
+
+window_scenarios() {
+    say "window scenario, native build"
+    window_board window_native
+    local native_pid=${started[-1]}
+    GSETTINGS_BACKEND=memory MERID_EXTRA_PORTS="$window_native_pty" MERID_WINDOW_PORT="$window_native_pty" \
+        MERID_WINDOW_DIR="$work/window_native/Прошивки" NO_AT_BRIDGE=1 \
+        timeout 600 "$native_window_scenario" --gtest_brief=1 2>"$work/window_native/stderr.txt" ||
+        fail "the native window scenario failed: $(tail -n 20 "$work/window_native/stderr.txt")"
+    stop_serving "$native_pid" || fail "the native window run's board exited badly"
+
+    say "window scenario, Windows build, from the zip in a Cyrillic folder, on COM5"
+    local folder="$WINEPREFIX/drive_c/Окно сборки"
+    mkdir -p "$folder"
+    unzip -q "$window_zip" -d "$folder"
+    cp "$window_scenario" "$folder/MeridKestalUtility/"
+    "$WINESERVER" -k
+    window_board window_wine
+    local wine_pid=${started[-1]}
+    "$WINE" reg add 'HKLM\Software\Wine\Ports' /v COM5 /d "$window_wine_pty" /f >/dev/null
+    "$WINESERVER" -w
+    "$WINESERVER" -p 2>>"$work/wineserver.log"
+    MERID_WINDOW_PORT=COM5 MERID_WINDOW_DIR='C:\Окно сборки\Прошивки' \
+        timeout 600 "$WINE" 'C:\Окно сборки\MeridKestalUtility\merid_windows_window_scenario.exe' --gtest_brief=1
+    stop_serving "$wine_pid" || fail "the Windows window run's board exited badly"
+
+    check_window_board window_native "$work/window_native/Прошивки"
+    check_window_board window_wine "$folder/Прошивки"
+    from_erase "$work/window_native/journal.txt" >"$work/window_native/from-erase.txt"
+    from_erase "$work/window_wine/journal.txt" >"$work/window_wine/from-erase.txt"
+    [ -s "$work/window_native/from-erase.txt" ] || fail "the native window's board saw no erase frame"
+    if ! cmp -s "$work/window_native/from-erase.txt" "$work/window_wine/from-erase.txt"; then
+        diff "$work/window_native/from-erase.txt" "$work/window_wine/from-erase.txt" | cut -c 1-160 |
+            head -n 40 >&2 || true
+        fail "the Windows window put other frames on the wire than the native one"
+    fi
+    echo "both windows: STM32 image and ESP32 flash byte-exact;" \
+        "$(wc -l <"$work/window_wine/from-erase.txt") journal lines equal from the erase frame on"
+}
+
+# Milliseconds since the epoch.
+now_ms() { date +%s%3N; }
+
+installer_run() {
+    say "installer, silent, into a fresh prefix"
+    "$WINESERVER" -k
+    export WINEPREFIX="$work/install-prefix"
+    "$WINE" wineboot -i >/dev/null 2>&1
+    wine_ui_fonts
+    timeout 300 "$WINE" "$(windows_path "$window_installer")" /S
+    "$WINESERVER" -w
+    local install="$WINEPREFIX/drive_c/Program Files/MeridKestalUtility"
+    local menu="$WINEPREFIX/drive_c/ProgramData/Microsoft/Windows/Start Menu/Programs/MeridKestalUtility"
+    for file in MeridKestalUtility.exe merid-flash.exe Uninstall.exe share/glib-2.0/schemas/gschemas.compiled; do
+        [ -f "$install/$file" ] || fail "the installer did not install $file"
+    done
+    [ -f "$menu/MeridKestalUtility.lnk" ] || fail "the installer made no Start-menu entry"
+
+    say "the installed window"
+    local start
+    start=$(now_ms)
+    "$WINE" 'C:\Program Files\MeridKestalUtility\MeridKestalUtility.exe' >"$work/installed.log" 2>&1 &
+    started+=($!)
+    local window_pid=${started[-1]}
+    timeout 120 xdotool search --sync --onlyvisible --name '^MeridKestalUtility$' >/dev/null 2>&1 ||
+        fail "the installed window did not show: $(tail -n 20 "$work/installed.log")"
+    echo "the installed window showed after $(($(now_ms) - start)) ms"
+    "$WINESERVER" -k
+    wait "$window_pid" 2>/dev/null || true
+
+    say "uninstaller, silent"
+    # It copies itself to the temporary folder, starts that copy and
+    # returns: the server's end is the end of the copy.
+    timeout 300 "$WINE" 'C:\Program Files\MeridKestalUtility\Uninstall.exe' /S
+    timeout 300 "$WINESERVER" -w
+    if [ -d "$install" ] && [ -n "$(ls -A "$install")" ]; then
+        fail "the uninstaller left $(find "$install" | head -n 5)"
+    fi
+    [ ! -e "$menu" ] || fail "the uninstaller left the Start-menu entry"
+    echo "installed, started and removed without a trace"
+}
+
+if [ -z "$window_zip" ] || [ ! -f "$window_installer" ]; then
+    say "no window packages in $PACKAGES_DIR: the window stages are skipped"
+    exit 0
+fi
+for program in "$window_scenario" "$native_window_scenario"; do
+    [ -f "$program" ] || fail "missing $program (build the MinGW and the native tree first)"
+done
+window_scenarios
+installer_run

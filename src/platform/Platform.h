@@ -54,7 +54,8 @@ std::string executablePath();
 // directory. On POSIX the data directories that the process inherited (or
 // the XDG default when there were none) stay after it, since the toolkit's
 // image loaders tell file types by the shared MIME database found there; on
-// Windows nothing else reads the variable and `dir` stands alone.
+// Windows the "share" folder beside the executable, when there is one, stays
+// after it: the toolkit's schemas and icon themes ship there.
 std::string dataDirsWith(const std::string& dir);
 
 // Last-chance crash hooks. The reporters run inside a signal handler or an

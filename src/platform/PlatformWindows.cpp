@@ -1,4 +1,5 @@
 #include "Platform.h"
+#include "PlatformPaths.h"
 
 #include <windows.h>
 
@@ -162,7 +163,17 @@ std::string executablePath() {
 }
 
 std::string dataDirsWith(const std::string& dir) {
-    return dir;
+    // The toolkit's schemas and icon themes ship in the "share" folder beside
+    // the executable; nothing else on Windows sets the variable.
+    const std::string executable = executablePath();
+    if (executable.empty()) {
+        return dir;
+    }
+    const std::filesystem::path share = pathFromUtf8(executable).parent_path() / "share";
+    if (!pathExists(share) || pathFromUtf8(dir) == share) {
+        return dir;
+    }
+    return dir + ";" + pathToUtf8(share);
 }
 
 void installFaultReporter(FaultReporter reporter) {

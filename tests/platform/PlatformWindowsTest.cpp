@@ -89,3 +89,20 @@ TEST(PlatformWindows, SetEnvReachesTheSystemsView) {
     EXPECT_EQ(GetEnvironmentVariableW(name, value, MAX_PATH), 0u);
     EXPECT_EQ(_wgetenv(name), nullptr);
 }
+
+// The toolkit's schemas and icons ship in "share" beside the program: that
+// folder follows the given one, once, and only when it is there.
+TEST(PlatformWindows, DataDirsEndWithTheShareFolderBesideTheProgram) {
+    const fs::path share = Platform::pathFromUtf8(Platform::executablePath()).parent_path() / "share";
+    const std::string shareText = Platform::pathToUtf8(share);
+    const std::string tree = "C:\\Temp\\MeridKestalUtility-runtime-x\\share";
+    std::error_code error;
+    const bool made = fs::create_directory(share, error);
+    ASSERT_FALSE(error) << shareText;
+    EXPECT_EQ(Platform::dataDirsWith(tree), tree + ";" + shareText);
+    EXPECT_EQ(Platform::dataDirsWith(shareText), shareText);
+    if (made) {
+        fs::remove(share);
+        EXPECT_EQ(Platform::dataDirsWith(tree), tree);
+    }
+}
