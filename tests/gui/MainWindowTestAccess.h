@@ -7,6 +7,6 @@
 class MainWindowTestAccess {
 public:
     static Glib::RefPtr<Gtk::Builder> builder(MainWindow& window) { return window.builder; }
-    static UsbCommunication& usb(MainWindow& window) { return window.usb; }
-    static DeviceHandler* deviceHandler(MainWindow& window) { return window.deviceHandler; }
+    static UsbCommunication& usb(MainWindow& window) { return window.link->usb(); }
+    static DeviceHandler* deviceHandler(MainWindow& window) { return &window.link->devices(); }
 };
