@@ -4,8 +4,8 @@
 // beside each the same transfer driven at the protocol level (the payload
 // handler and its threads alone; flashBinary alone). The ratio shows what
 // the controller and the window add: for the STM32 the search, the erase
-// poll's first tick (200 ms), the erase command and the progress display;
-// for the ESP32 the worker and the dispatcher.
+// command (sent as soon as the board has answered the search) and the
+// progress display; for the ESP32 the worker and the dispatcher.
 //
 // The ESP32 also runs over a link paced at 921600 baud with a 1 MiB image of
 // machine code (a slice of this program), once through the window and once
@@ -24,17 +24,15 @@
 //
 // The window is shown on the display (make bench runs under Xvfb). Logging
 // is off unless MERID_LOG_LEVEL says otherwise, as in the protocol benchmarks.
+#include "BoardLink.h"
 #include "DeviceSimulator.h"
 #include "EspRomBridge.h"
-#include "FastCrc8.h"
 #include "GlobalHandlerEvents.h"
 #include "MainWindow.h"
 #include "MainWindowTestAccess.h"
 #include "MeridEspSerialFlasher.h"
 #include "MeridResources.h"
 #include "PayloadHandler.h"
-#include "SerialListener.h"
-#include "SerialSender.h"
 #include "UsbCommunication.h"
 
 #include <benchmark/benchmark.h>
@@ -60,8 +58,6 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 using Bytes = std::vector<std::uint8_t>;
-using Listener = PayloadProtocol::SerialListener<UsbCommunication&, PayloadHandler>;
-using Sender = PayloadProtocol::SerialSender<256, UsbCommunication&, PayloadHandler, FastCrc8>;
 
 constexpr std::uint8_t kAddress = 2;
 constexpr std::size_t kStm32Image = 37312;
@@ -326,35 +322,29 @@ void BM_Stm32Protocol(benchmark::State& state) {
         Board board(baud);
         const Bytes bytes = makeImage(kStm32Image, 7);
         ImageFile image(bytes);
-        UsbCommunication usb;
-        usb.portName = board.simulator.slavePath();
-        usb.baudrate = baud == 115200 ? UsbTypes::Baud115200 : UsbTypes::Baud921600;
-        if (!board.started || usb.connect(UsbCommunication::MethodCom) != UsbTypes::Ok) {
+        BoardLink link;
+        link.usb().portName = board.simulator.slavePath();
+        link.usb().baudrate = baud == 115200 ? UsbTypes::Baud115200 : UsbTypes::Baud921600;
+        if (!board.started || link.usb().connect(UsbCommunication::MethodCom) != UsbTypes::Ok) {
             state.SkipWithError("cannot open the simulated board's port");
             break;
         }
-        PayloadHandler handler;
-        Listener listener(usb, handler, PayloadHandler::getDefaultTimeout());
-        Sender sender(usb, handler);
-        handler.getDeviceHandler().addDevice(DeviceInfo{kAddress, 1, 0, {}, 0, {}, 0, {}});
-        listener.start(false);
-        sender.start(false);
+        link.devices().addDevice(DeviceInfo{kAddress, 1, 0, {}, 0, {}, 0, {}});
+        link.startThreads();
 
         const auto start = Clock::now();
         MessageArgs args;
         args.device = kAddress;
         args.path = image.path;
-        handler.onMessage(FILE_START_MSG, &args);
-        handler.generateResponse(FILE_WRITE_MSG);
+        link.protocol().onMessage(FILE_START_MSG, &args);
+        link.protocol().generateResponse(FILE_WRITE_MSG);
         const auto limit = start + std::chrono::minutes(5);
         while (!board.simulator.finishedImage(kAddress, 0) && Clock::now() < limit) {
             std::this_thread::sleep_for(std::chrono::microseconds(200));
         }
         const double seconds = std::chrono::duration<double>(Clock::now() - start).count();
         const bool ok = board.simulator.finishedImage(kAddress, 0) == bytes;
-        usb.disconnect();
-        sender.terminate();
-        listener.terminate();
+        link.close();
         GlobalHandlerEvents::getInstance().clearAllHandlers();
         if (!ok) {
             state.SkipWithError("the board did not receive the image");

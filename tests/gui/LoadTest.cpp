@@ -365,9 +365,10 @@ TEST_F(BoardLoadTest, Esp32FailuresLeaveNoSuccessTextAndThePreinstalledImageLand
     EXPECT_EQ(GlobalHandlerEvents::getInstance()._executeHandlerWithArgs<LoadStage>(UPLOAD_FIRMWARE, Erase),
               GlobalHandlerEvents::Failure);
     EXPECT_TRUE(captured->contains("MainWindow: ESP32 flashing already in progress", BaseLogger::WARNING));
+    // The stream may all have gone before the unplug lands; the check of
+    // the flash then fails instead.
     board.unplug();
     expectFlashFailure("");
-    EXPECT_LT(barValue(), 100.0);
 
     // Plugged in again and connected in the dialog.
     plugBoard();
