@@ -4,8 +4,13 @@
 // beside each the same transfer driven at the protocol level (the payload
 // handler and its threads alone; flashBinary alone). The ratio shows what
 // the controller and the window add: for the STM32 the search, the erase
-// poll's first tick (200 ms), the erase command and the progress display;
-// for the ESP32 the worker and the dispatcher.
+// command (sent as soon as the board has answered the search) and the
+// progress display; for the ESP32 the worker and the dispatcher.
+//
+// The ESP32 also runs over a link paced at 921600 baud with a 1 MiB image of
+// machine code (a slice of this program), once through the window and once
+// through the loader alone with the image compressed, as merid-flash sends
+// it: the window's flash set against merid-flash's on the same image and link.
 //
 // The STM32 cases run unpaced and over links paced at 115200 and 921600 baud
 // with a 1 ms turnaround, as a USB serial bridge answers. The idle case keeps
@@ -19,17 +24,15 @@
 //
 // The window is shown on the display (make bench runs under Xvfb). Logging
 // is off unless MERID_LOG_LEVEL says otherwise, as in the protocol benchmarks.
+#include "BoardLink.h"
 #include "DeviceSimulator.h"
 #include "EspRomBridge.h"
-#include "FastCrc8.h"
 #include "GlobalHandlerEvents.h"
 #include "MainWindow.h"
 #include "MainWindowTestAccess.h"
 #include "MeridEspSerialFlasher.h"
 #include "MeridResources.h"
 #include "PayloadHandler.h"
-#include "SerialListener.h"
-#include "SerialSender.h"
 #include "UsbCommunication.h"
 
 #include <benchmark/benchmark.h>
@@ -42,6 +45,7 @@
 #include <filesystem>
 #include <fstream>
 #include <functional>
+#include <iterator>
 #include <map>
 #include <memory>
 #include <set>
@@ -54,8 +58,6 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 using Bytes = std::vector<std::uint8_t>;
-using Listener = PayloadProtocol::SerialListener<UsbCommunication&, PayloadHandler>;
-using Sender = PayloadProtocol::SerialSender<256, UsbCommunication&, PayloadHandler, FastCrc8>;
 
 constexpr std::uint8_t kAddress = 2;
 constexpr std::size_t kStm32Image = 37312;
@@ -74,6 +76,21 @@ Bytes makeImage(std::size_t size, std::uint32_t seed) {
         byte = static_cast<std::uint8_t>(seed >> 24);
     }
     return bytes;
+}
+
+// `size` bytes of this program's machine code, from behind its headers,
+// repeated when the program is shorter: an image that compresses as
+// firmware does.
+Bytes codeImage(std::size_t size) {
+    std::ifstream in("/proc/self/exe", std::ios::binary);
+    const Bytes program((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    const std::size_t skip = program.size() > 0x2000 ? 0x1000 : 0;
+    Bytes image;
+    while (image.size() < size && program.size() > skip) {
+        image.insert(image.end(), program.begin() + static_cast<std::ptrdiff_t>(skip), program.end());
+    }
+    image.resize(size);
+    return image;
 }
 
 // A scratch file holding `bytes`, removed with the object.
@@ -305,35 +322,29 @@ void BM_Stm32Protocol(benchmark::State& state) {
         Board board(baud);
         const Bytes bytes = makeImage(kStm32Image, 7);
         ImageFile image(bytes);
-        UsbCommunication usb;
-        usb.portName = board.simulator.slavePath();
-        usb.baudrate = baud == 115200 ? UsbTypes::Baud115200 : UsbTypes::Baud921600;
-        if (!board.started || usb.connect(UsbCommunication::MethodCom) != UsbTypes::Ok) {
+        BoardLink link;
+        link.usb().portName = board.simulator.slavePath();
+        link.usb().baudrate = baud == 115200 ? UsbTypes::Baud115200 : UsbTypes::Baud921600;
+        if (!board.started || link.usb().connect(UsbCommunication::MethodCom) != UsbTypes::Ok) {
             state.SkipWithError("cannot open the simulated board's port");
             break;
         }
-        PayloadHandler handler;
-        Listener listener(usb, handler, PayloadHandler::getDefaultTimeout());
-        Sender sender(usb, handler);
-        handler.getDeviceHandler().addDevice(DeviceInfo{kAddress, 1, 0, {}, 0, {}, 0, {}});
-        listener.start(false);
-        sender.start(false);
+        link.devices().addDevice(DeviceInfo{kAddress, 1, 0, {}, 0, {}, 0, {}});
+        link.startThreads();
 
         const auto start = Clock::now();
         MessageArgs args;
         args.device = kAddress;
         args.path = image.path;
-        handler.onMessage(FILE_START_MSG, &args);
-        handler.generateResponse(FILE_WRITE_MSG);
+        link.protocol().onMessage(FILE_START_MSG, &args);
+        link.protocol().generateResponse(FILE_WRITE_MSG);
         const auto limit = start + std::chrono::minutes(5);
         while (!board.simulator.finishedImage(kAddress, 0) && Clock::now() < limit) {
             std::this_thread::sleep_for(std::chrono::microseconds(200));
         }
         const double seconds = std::chrono::duration<double>(Clock::now() - start).count();
         const bool ok = board.simulator.finishedImage(kAddress, 0) == bytes;
-        usb.disconnect();
-        sender.terminate();
-        listener.terminate();
+        link.close();
         GlobalHandlerEvents::getInstance().clearAllHandlers();
         if (!ok) {
             state.SkipWithError("the board did not receive the image");
@@ -368,11 +379,14 @@ void BM_Stm32ThroughTheWindow(benchmark::State& state) {
     }
 }
 
-// The ESP32 flash as the loader runs it, without the window.
+// The ESP32 flash as the loader runs it, without the window: a random image
+// sent plain on an unpaced link (argument 0), or the machine-code image sent
+// compressed on a link paced at the argument's baud rate.
 void BM_Esp32Protocol(benchmark::State& state) {
+    const auto baud = static_cast<std::uint32_t>(state.range(0));
     for (auto _ : state) {
-        Board board;
-        const Bytes bytes = makeImage(kEsp32Image, 9);
+        Board board(baud);
+        const Bytes bytes = baud == 0 ? makeImage(kEsp32Image, 9) : codeImage(kEsp32Image);
         ImageFile image(bytes);
         UsbCommunication usb;
         usb.portName = board.simulator.slavePath();
@@ -381,24 +395,28 @@ void BM_Esp32Protocol(benchmark::State& state) {
             state.SkipWithError("cannot open the simulated board's port");
             break;
         }
+        MeridEspSerialFlasher::FlashOptions options{0, 1024, false};
+        options.compress = baud != 0;
         std::string error;
         const auto start = Clock::now();
-        const bool ok = MeridEspSerialFlasher::flashBinary(usb, image.path, {0, 1024, false}, {}, &error);
+        const bool ok = MeridEspSerialFlasher::flashBinary(usb, image.path, options, {}, &error);
         const double seconds = std::chrono::duration<double>(Clock::now() - start).count();
         usb.disconnect();
         if (!ok || board.chip->flash(0, kEsp32Image) != bytes) {
             state.SkipWithError(ok ? "the flash differs from the image" : error.c_str());
             break;
         }
-        record(state, "esp32-protocol", seconds, bytes.size());
+        record(state, "esp32-protocol-" + std::to_string(baud), seconds, bytes.size());
         state.counters["syncs"] = board.chip->counters().syncs;
     }
 }
 
+// The same two images through the window.
 void BM_Esp32ThroughTheWindow(benchmark::State& state) {
+    const auto baud = static_cast<std::uint32_t>(state.range(0));
     for (auto _ : state) {
-        Board board;
-        const Bytes bytes = makeImage(kEsp32Image, 9);
+        Board board(baud);
+        const Bytes bytes = baud == 0 ? makeImage(kEsp32Image, 9) : codeImage(kEsp32Image);
         ImageFile image(bytes);
         WindowSession session;
         const std::string failed = session.prepare(board, "ESP32", image.path);
@@ -411,7 +429,7 @@ void BM_Esp32ThroughTheWindow(benchmark::State& state) {
             state.SkipWithError("the flash did not finish with the image in the chip");
             break;
         }
-        record(state, "esp32-window", seconds, bytes.size());
+        record(state, "esp32-window-" + std::to_string(baud), seconds, bytes.size());
         state.counters["syncs"] = board.chip->counters().syncs;
     }
 }
@@ -566,8 +584,18 @@ BENCHMARK(BM_Stm32ThroughTheWindow)
     ->Iterations(kRuns)
     ->UseManualTime()
     ->Unit(benchmark::kMillisecond);
-BENCHMARK(BM_Esp32Protocol)->Iterations(kRuns)->UseManualTime()->Unit(benchmark::kMillisecond);
-BENCHMARK(BM_Esp32ThroughTheWindow)->Iterations(kRuns)->UseManualTime()->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_Esp32Protocol)
+    ->Arg(0)
+    ->Arg(921600)
+    ->Iterations(kRuns)
+    ->UseManualTime()
+    ->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_Esp32ThroughTheWindow)
+    ->Arg(0)
+    ->Arg(921600)
+    ->Iterations(kRuns)
+    ->UseManualTime()
+    ->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_QuitDuringReconnect)->Iterations(kRuns)->UseManualTime()->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_IdleConnected)->Iterations(1)->UseManualTime()->Unit(benchmark::kSecond);
 
@@ -587,6 +615,8 @@ int main(int argc, char** argv) {
                     "stm32-window-115200");
     printComparison("STM32 load", kStm32Image, "paced 921600 baud", "stm32-protocol-921600",
                     "stm32-window-921600");
-    printComparison("ESP32 flash", kEsp32Image, "pty unpaced", "esp32-protocol", "esp32-window");
+    printComparison("ESP32 flash", kEsp32Image, "pty unpaced", "esp32-protocol-0", "esp32-window-0");
+    printComparison("ESP32 flash of machine code, protocol compressed", kEsp32Image, "paced 921600 baud",
+                    "esp32-protocol-921600", "esp32-window-921600");
     return 0;
 }

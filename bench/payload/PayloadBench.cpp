@@ -5,12 +5,11 @@
 // bare transport round trip for comparison; and the receive path's throughput.
 // Logging is off (no sinks), so that the figures are the protocol's.
 
+#include "BoardLink.h"
 #include "DeviceSimulator.h"
 #include "FastCrc8.h"
 #include "GlobalHandlerEvents.h"
 #include "PayloadHandler.h"
-#include "SerialListener.h"
-#include "SerialSender.h"
 #include "UsbCommunication.h"
 
 #include <benchmark/benchmark.h>
@@ -27,8 +26,6 @@
 
 namespace {
 
-using Sender = PayloadProtocol::SerialSender<256, UsbCommunication&, PayloadHandler, FastCrc8>;
-using Listener = PayloadProtocol::SerialListener<UsbCommunication&, PayloadHandler>;
 using Clock = std::chrono::steady_clock;
 
 constexpr std::uint8_t kAddress = 2;
@@ -94,18 +91,14 @@ TransferResult transfer(std::size_t size, std::uint32_t baud) {
     if (!simulator.start()) {
         return result;
     }
-    UsbCommunication usb;
-    usb.portName = simulator.slavePath();
-    usb.baudrate = UsbTypes::Baud921600;
-    if (usb.connect(UsbCommunication::MethodCom) != UsbTypes::Ok) {
+    BoardLink link;
+    link.usb().portName = simulator.slavePath();
+    link.usb().baudrate = UsbTypes::Baud921600;
+    if (link.usb().connect(UsbCommunication::MethodCom) != UsbTypes::Ok) {
         return result;
     }
-    PayloadHandler handler;
-    Listener listener(usb, handler, PayloadHandler::getDefaultTimeout());
-    Sender sender(usb, handler);
-    handler.getDeviceHandler().addDevice(DeviceInfo{kAddress, 1, 0, {}, 0, {}, 0, {}});
-    listener.start(false);
-    sender.start(false);
+    link.devices().addDevice(DeviceInfo{kAddress, 1, 0, {}, 0, {}, 0, {}});
+    link.startThreads();
     const std::string path = writeImage(size);
 
     const auto start = Clock::now();
@@ -113,8 +106,8 @@ TransferResult transfer(std::size_t size, std::uint32_t baud) {
     args.device = kAddress;
     args.field = 0;
     args.path = path;
-    handler.onMessage(FILE_START_MSG, &args);
-    handler.generateResponse(FILE_WRITE_MSG);
+    link.protocol().onMessage(FILE_START_MSG, &args);
+    link.protocol().generateResponse(FILE_WRITE_MSG);
     const auto limit = start + std::chrono::minutes(10);
     while (!simulator.finishedImage(kAddress, 0) && Clock::now() < limit) {
         std::this_thread::sleep_for(std::chrono::microseconds(200));
@@ -123,9 +116,7 @@ TransferResult transfer(std::size_t size, std::uint32_t baud) {
     result.ok = simulator.finishedImage(kAddress, 0).has_value() &&
                 simulator.finishedImage(kAddress, 0)->size() == size;
     result.steps = stepsFor(size);
-    usb.disconnect();
-    sender.terminate();
-    listener.terminate();
+    link.close();
     std::remove(path.c_str());
     GlobalHandlerEvents::getInstance().clearAllHandlers();
     return result;

@@ -1,88 +1,51 @@
 #include "BoardSession.h"
 
-#include "EraseCmd.h"
-#include "GlobalHandlerEvents.h"
-#include "MeridEspSerialFlasher.h"
+#include "Esp32Flash.h"
 #include "Utf8Path.h"
 
 #include <thread>
 
 namespace {
 
+using Clock = std::chrono::steady_clock;
 using std::chrono::milliseconds;
-using std::chrono::seconds;
 
-// The window's budget for finding the device and its "erase" field, with a
-// new request every second.
-constexpr auto kDiscoveryBudget = seconds(10);
-constexpr auto kDiscoveryRetry = seconds(1);
 constexpr auto kPoll = milliseconds(20);
-// A search waits this long after the last new answer.
-constexpr auto kSearchQuiet = milliseconds(700);
-constexpr auto kSearchBudget = seconds(5);
-// The erase may keep the device busy up to the erase step's time-out; a
-// write step that stays unanswered this long has stalled.
+// Each erase (the command word's, then the transfer's own) may keep the
+// device busy up to the erase step's time-out, and gets that budget afresh;
+// a write step that stays unanswered this long has stalled.
 constexpr auto kEraseStall = milliseconds(PayloadHandler::kEraseTimeout + 2000);
-constexpr auto kWriteStall = seconds(3);
-constexpr std::uint8_t kEraseFieldType = 8;
-constexpr std::uint32_t kEspBlockSize = 1024;
-const char* const kRefused = "Message with problem";
+constexpr auto kWriteStall = milliseconds(3000);
+
+bool erasing(Stm32LoadFlow::Stage stage) {
+    return stage == Stm32LoadFlow::Stage::EraseCommand || stage == Stm32LoadFlow::Stage::EraseStep;
+}
 
 } // namespace
 
 BoardSession::BoardSession(const std::string& port, int baud, BoardLog& log) : log(log) {
-    usb.portName = port;
-    usb.baudrate = static_cast<UsbTypes::Baudrate>(baud);
-    registerHandlers();
+    link.usb().portName = port;
+    link.usb().baudrate = static_cast<UsbTypes::Baudrate>(baud);
 }
 
+// Closed first, so that a listener inside a long read returns at once.
 BoardSession::~BoardSession() {
-    // Closed first, so that a listener inside a long read returns at once.
-    if (usb.isConnected()) {
-        usb.disconnect();
-    }
-    sender.terminate();
-    listener.terminate();
-    GlobalHandlerEvents::getInstance().clearAllHandlers();
+    link.close();
 }
 
-// The window's answers to what the protocol raises: a device found is asked
-// for its fields, the confirmed erase starts the transfer.
-void BoardSession::registerHandlers() {
-    auto& events = GlobalHandlerEvents::getInstance();
-    events.addHandler(SET_CURRENT_DEVICE_ADDR, [this] {
-        address = handler.getDeviceHandler().currentAddress.load();
-        sender.getInfoFields(address, 0);
-        return GlobalHandlerEvents::Success;
-    });
-    events.addHandlerWithArgs<LoadStage>(UPLOAD_FIRMWARE, [this](LoadStage stage) {
-        if (stage == Write) {
-            MessageArgs args;
-            args.device = address;
-            args.field = 0;
-            args.path = firmwarePath;
-            handler.onMessage(FILE_START_MSG, &args);
-            handler.generateResponse(FILE_WRITE_MSG);
-        }
-        return GlobalHandlerEvents::Success;
-    });
-    // Progress is read from the handler by the waiting thread.
-    events.addHandler(UPDATE_LOADING_STATUS, [] { return GlobalHandlerEvents::Success; });
+Stm32LoadFlow::Events BoardSession::loadEvents() {
+    Stm32LoadFlow::Events events;
+    events.waitEnded = [this](Stm32LoadFlow::WaitEnd end) { waitEnd = end; };
+    events.eraseFailed = [this](Stm32LoadFlow::EraseFault) { eraseFailed = true; };
+    events.imagePath = [this] { return firmwarePath; };
+    return events;
 }
 
 BoardSession::Outcome BoardSession::open() {
-    if (usb.connect(UsbCommunication::MethodCom) != UsbTypes::Ok) {
-        return failure("Port " + usb.portName + " is not available");
+    if (link.usb().connect(UsbCommunication::MethodCom) != UsbTypes::Ok) {
+        return failure("Port " + link.usb().portName + " is not available");
     }
     return {true, {}};
-}
-
-void BoardSession::startThreads() {
-    if (!threadsStarted) {
-        threadsStarted = true;
-        listener.start(false);
-        sender.start(false);
-    }
 }
 
 BoardSession::Outcome BoardSession::failure(const std::string& fallback) {
@@ -90,153 +53,66 @@ BoardSession::Outcome BoardSession::failure(const std::string& fallback) {
     return {false, words.empty() ? fallback : words};
 }
 
-bool BoardSession::devicesDescribed() {
-    std::lock_guard<std::recursive_mutex> lock(handler.getDeviceHandler().getMutex());
-    auto& devices = handler.getDeviceHandler().getDeviceList();
-    if (devices.empty()) {
-        return false;
-    }
-    for (const auto& [key, device] : devices) {
-        if (device->getFieldCount() < device->getInfo()->fieldCount) {
-            return false;
-        }
-    }
-    return true;
-}
-
 std::vector<BoardSession::DeviceSummary> BoardSession::search() {
-    startThreads();
-    sender.search();
-    const auto start = Clock::now();
-    auto lastChange = start;
-    std::size_t known = 0;
-    while (Clock::now() - start < kSearchBudget && usb.isConnected()) {
-        const std::size_t count = handler.getDeviceHandler().getDeviceListCopy().size();
-        if (count != known) {
-            known = count;
-            lastChange = Clock::now();
-        }
-        if (devicesDescribed() && Clock::now() - lastChange >= kSearchQuiet) {
-            break;
-        }
-        std::this_thread::sleep_for(kPoll);
-    }
-    std::vector<DeviceSummary> result;
-    std::lock_guard<std::recursive_mutex> lock(handler.getDeviceHandler().getMutex());
-    for (const auto& [key, device] : handler.getDeviceHandler().getDeviceList()) {
-        DeviceSummary summary;
-        summary.address = device->getInfo()->address;
-        summary.name = device->getDeviceName();
-        summary.version = std::to_string(device->getInfo()->versionMajor) + "." +
-                          std::to_string(device->getInfo()->versionMinor);
-        for (unsigned index = 0; index < device->getInfo()->fieldCount; ++index) {
-            if (Field* field = device->getField(static_cast<unsigned char>(index))) {
-                summary.fields.push_back({index, field->getName(), field->getType()});
-            }
-        }
-        result.push_back(std::move(summary));
-    }
-    return result;
-}
-
-// A search, then field requests, again each second, until the current
-// device has described its "erase" field.
-bool BoardSession::waitForEraseField(unsigned char& eraseIndex) {
-    startThreads();
-    const auto start = Clock::now();
-    auto lastRequest = start - kDiscoveryRetry;
-    while (Clock::now() - start < kDiscoveryBudget && usb.isConnected()) {
-        bool deviceKnown = false;
-        {
-            std::lock_guard<std::recursive_mutex> lock(handler.getDeviceHandler().getMutex());
-            App::Device* device = handler.getDeviceHandler().getDevice(address);
-            deviceKnown = device != nullptr;
-            if (device != nullptr && device->getFieldByName("erase") != nullptr) {
-                eraseIndex = static_cast<unsigned char>(device->getFieldIndexByName("erase"));
-                return true;
-            }
-        }
-        if (Clock::now() - lastRequest >= kDiscoveryRetry) {
-            lastRequest = Clock::now();
-            if (deviceKnown) {
-                sender.getInfoFields(address, 0);
-            } else {
-                sender.search();
-            }
-        }
-        std::this_thread::sleep_for(kPoll);
-    }
-    return false;
-}
-
-// The command word always goes as a 4-byte integer, whatever type the
-// device described.
-bool BoardSession::sendEraseCommand(unsigned char eraseIndex) {
-    {
-        std::lock_guard<std::recursive_mutex> lock(handler.getDeviceHandler().getMutex());
-        App::Device* device = handler.getDeviceHandler().getDevice(address);
-        Field* erase = device == nullptr ? nullptr : device->getField(eraseIndex);
-        if (erase == nullptr) {
-            return false;
-        }
-        FieldInfo forced = *erase->getInfo();
-        forced.type = kEraseFieldType;
-        erase->setInfo(forced);
-        const std::uint32_t word = EraseFile0;
-        erase->setData(true, &word);
-    }
-    sender.setFieldValue(address, eraseIndex);
-    return true;
+    return devices.run();
 }
 
 BoardSession::Outcome BoardSession::loadStm32(const std::string& path, const Progress& progress) {
     firmwarePath = path;
-    unsigned char eraseIndex = 0;
-    if (!waitForEraseField(eraseIndex)) {
-        return {false, usb.isConnected() ? "no device with an \"erase\" field answered" : log.lastProblem()};
+    std::error_code error;
+    const std::uint64_t size = std::filesystem::file_size(pathFromUtf8(path), error);
+    const Outcome erased = waitForErase();
+    return erased.ok ? waitForTransfer(size, progress) : erased;
+}
+
+// The flow's wait, on its own clock, until the erase has gone out.
+BoardSession::Outcome BoardSession::waitForErase() {
+    waitEnd.reset();
+    eraseFailed = false;
+    stm32.start();
+    // The first tick comes a period after the press, as in the window.
+    do {
+        std::this_thread::sleep_for(Stm32LoadFlow::kTick);
+    } while (stm32.tick());
+    if (eraseFailed) {
+        return {false, "the \"erase\" field went away"};
     }
-    std::uint64_t size = 0;
-    {
-        std::error_code error;
-        size = std::filesystem::file_size(pathFromUtf8(path), error);
+    if (waitEnd == Stm32LoadFlow::WaitEnd::LinkLost) {
+        return failure("the board went away");
     }
-    const unsigned before = log.problemCount();
-    if (!sendEraseCommand(eraseIndex)) {
-        return failure("the \"erase\" field went away");
+    if (waitEnd) {
+        return {false, "no device with an \"erase\" field answered"};
     }
-    Outcome outcome = waitForTransfer(size, progress);
-    if (outcome.ok) {
-        return outcome;
-    }
-    // A refusal rests the transfer: its line says why.
-    const std::string refusal = log.problemStartingWith(kRefused, before);
-    return refusal.empty() ? outcome : Outcome{false, refusal};
+    return {true, {}};
 }
 
 BoardSession::Outcome BoardSession::waitForTransfer(std::uint64_t size, const Progress& progress) {
-    const unsigned before = log.problemCount();
     auto lastMove = Clock::now();
+    Stm32LoadFlow::Stage lastStage = Stm32LoadFlow::Stage::Idle;
     std::uint32_t lastOffset = 0;
-    bool erased = false;
     for (;;) {
-        if (handler.loadProgress.load() == 100) {
+        if (stm32.percent() == 100) {
             progress(100, size);
             return {true, {}};
         }
-        if (handler.finishUnconfirmed.load() || !log.problemStartingWith(kRefused, before).empty()) {
-            return failure("the device refused the firmware");
+        if (const std::uint8_t status = stm32.refusal()) {
+            return {false, "Message with problem - error code: " + std::to_string(status)};
         }
-        if (!usb.isConnected()) {
+        if (stm32.takeUnconfirmed()) {
+            return {false, "the device did not confirm the firmware"};
+        }
+        if (!link.usb().isConnected()) {
             return failure("the board went away");
         }
-        const PayloadHandler::FileTransferState state = handler.getFileTransferState();
-        if (state.fileErased != erased || state.fileOffset != lastOffset) {
-            erased = state.fileErased;
-            lastOffset = state.fileOffset;
+        const Stm32LoadFlow::Stage stage = stm32.stage();
+        const std::uint32_t offset = stm32.offset();
+        if (stage != lastStage || offset != lastOffset) {
+            lastStage = stage;
+            lastOffset = offset;
             lastMove = Clock::now();
-            progress(handler.loadProgress.load(), state.fileOffset);
+            progress(stm32.percent(), offset);
         }
-        if (Clock::now() - lastMove > (erased ? kWriteStall : kEraseStall)) {
+        if (Clock::now() - lastMove > (erasing(stage) ? kEraseStall : kWriteStall)) {
             return failure("the device stopped answering");
         }
         std::this_thread::sleep_for(kPoll);
@@ -247,14 +123,13 @@ BoardSession::Outcome BoardSession::flashEsp32(const std::string& path, bool com
                                                const Progress& progress) {
     std::error_code sizeError;
     const std::uint64_t size = std::filesystem::file_size(pathFromUtf8(path), sizeError);
-    MeridEspSerialFlasher::FlashOptions options;
-    options.blockSize = kEspBlockSize;
+    Esp32Flash::Options options = Esp32Flash::defaults();
     options.verify = verify;
     options.compress = compress;
     std::string error;
     const auto report = [&progress, size](unsigned char percent) { progress(percent, size * percent / 100); };
-    if (!MeridEspSerialFlasher::flashBinary(usb, path, options, report, &error)) {
-        return {false, error.empty() ? "the loader gave no reason" : error};
+    if (!Esp32Flash::run(link.usb(), path, options, report, error)) {
+        return {false, error};
     }
     return {true, {}};
 }

@@ -1,40 +1,32 @@
 #pragma once
 
+#include "BoardLink.h"
 #include "BoardLog.h"
-#include "FastCrc8.h"
-#include "PayloadHandler.h"
-#include "SerialListener.h"
-#include "SerialSender.h"
-#include "UsbCommunication.h"
+#include "DeviceSearch.h"
+#include "FlowKeys.h"
+#include "Stm32LoadFlow.h"
 
 #include <atomic>
 #include <chrono>
 #include <cstdint>
 #include <functional>
+#include <optional>
 #include <string>
 #include <vector>
 
-// One board on one port, driven as the window drives it: the payload
-// protocol's threads for a search and the STM32 load, the ROM loader for the
-// ESP32. One session in a process: the handler registry and the loader's
-// state are process-wide.
+// One board on one port, driven by the board flows the window also drives:
+// the search and the STM32 load over the payload protocol's threads, the
+// ESP32 flash through the ROM loader. What is merid-flash's own: how long
+// each stage may stand still, and the words of an outcome. One session in a
+// process: the handler registry and the loader's state are process-wide.
 class BoardSession {
 public:
     struct Outcome {
         bool ok = false;
         std::string reason; // the words of the log for a failure
     };
-    struct FieldSummary {
-        unsigned index = 0;
-        std::string name;
-        unsigned type = 0;
-    };
-    struct DeviceSummary {
-        unsigned address = 0;
-        std::string name;
-        std::string version;
-        std::vector<FieldSummary> fields;
-    };
+    using FieldSummary = DeviceSearch::FieldSummary;
+    using DeviceSummary = DeviceSearch::DeviceSummary;
     // Percent done and bytes of the image done.
     using Progress = std::function<void(unsigned percent, std::uint64_t bytes)>;
 
@@ -54,23 +46,19 @@ public:
     Outcome flashEsp32(const std::string& path, bool compress, bool verify, const Progress& progress);
 
 private:
-    using Clock = std::chrono::steady_clock;
-
-    void registerHandlers();
-    void startThreads();
-    bool waitForEraseField(unsigned char& eraseIndex);
-    bool sendEraseCommand(unsigned char eraseIndex);
+    Stm32LoadFlow::Events loadEvents();
+    Outcome waitForErase();
     Outcome waitForTransfer(std::uint64_t size, const Progress& progress);
-    bool devicesDescribed();
     Outcome failure(const std::string& fallback);
 
     BoardLog& log;
-    UsbCommunication usb;
-    PayloadHandler handler;
-    PayloadProtocol::SerialListener<UsbCommunication&, PayloadHandler> listener{
-        usb, handler, PayloadHandler::getDefaultTimeout()};
-    PayloadProtocol::SerialSender<256, UsbCommunication&, PayloadHandler, FastCrc8> sender{usb, handler};
-    std::atomic<std::uint8_t> address{0};
+    BoardLink link;
+    DeviceSearch devices{link};
+    Stm32LoadFlow stm32{link, loadEvents()};
+    FlowKeys keys{devices, stm32};
     std::string firmwarePath;
-    bool threadsStarted = false;
+    // Set on the thread that drives the wait's clock.
+    std::optional<Stm32LoadFlow::WaitEnd> waitEnd;
+    // Set by whichever thread sent the erase.
+    std::atomic<bool> eraseFailed{false};
 };

@@ -1,46 +1,38 @@
 #pragma once
 
+#include "BoardLink.h"
 #include "ConnectionDialog.h"
 #include "DeviceListBox.h"
-#include "EraseCmd.h"
-#include "FastCrc8.h"
+#include "DeviceSearch.h"
+#include "Esp32Flash.h"
 #include "FirmwareMethodBox.h"
 #include "GlobalHandlerEvents.h"
 #include "LoggerManager.h"
 #include "MenuBar.h"
 #include "OpenFileDialog.h"
-#include "PayloadHandler.h"
+#include "RebootReconnect.h"
 #include "SelectFirmwareBox.h"
-#include "SerialListener.h"
-#include "SerialSender.h"
-#include "UsbCommunication.h"
+#include "Stm32LoadFlow.h"
 
 #include <gtkmm.h>
 
 #include <atomic>
-#include <chrono>
-#include <condition_variable>
 #include <cstdint>
-#include <functional>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <thread>
 
-// The top-level window and the controller of the program. The builder makes
-// it on the interface definition's "MainWindow" object; it owns the link,
-// the protocol objects and the widgets, registers the handlers the widgets
-// raise, and runs the flows.
+// The top-level window: the widgets and the board flows behind them. The
+// builder makes it on the interface definition's "MainWindow" object; it
+// owns the link and the flows, registers the handlers the widgets and the
+// protocol raise, and turns what the flows report into the bar, the texts
+// and the log.
 class MainWindow : public Gtk::Window {
 public:
-    using Listener = PayloadProtocol::SerialListener<UsbCommunication&, PayloadHandler>;
-    using Sender = PayloadProtocol::SerialSender<256, UsbCommunication&, PayloadHandler, FastCrc8>;
     using HandlerStatus = GlobalHandlerEvents::HandlerEventsStatus;
 
-    // Loads the interface definition (the file in MERID_UI_GLADE when it
-    // names something, else the embedded one, else a file found beside the
-    // program or in the source tree), builds the window on it and gives it
-    // its title and size. Each call builds a new window.
+    // Loads the interface definition (InterfaceLoader), builds the window on
+    // it and gives it its title and size. Each call builds a new window.
     static MainWindow* getInstance(const Glib::ustring& title, Glib::RefPtr<Gtk::Application>& application);
 
     ~MainWindow() override;
@@ -49,14 +41,14 @@ public:
     MainWindow& operator=(const MainWindow&) = delete;
 
     // Part of the window's interface, for callers outside the flows.
-    void searchPayloadDevices();
-    void getInfoFieldsRespond();
-    void startPayloadListener();
-    void startPayloadSender();
-    void stopPayloadListener();
-    void stopPayloadSender();
-    void terminatePayloadListener();
-    void terminatePayloadSender();
+    void searchPayloadDevices() { link->sender().search(); }
+    void getInfoFieldsRespond() { link->sender().getInfoFields(link->currentDevice(), 0); }
+    void startPayloadListener() { link->listener().start(false); }
+    void startPayloadSender() { link->sender().start(false); }
+    void stopPayloadListener() { link->listener().stop(); }
+    void stopPayloadSender() { link->sender().stop(); }
+    void terminatePayloadListener() { link->listener().terminate(); }
+    void terminatePayloadSender() { link->sender().terminate(); }
     // Sets a field of the current device to `value` and sends it.
     void setFieldValue(const void* value, unsigned long long index);
     // Asks the current device to enter its update mode.
@@ -96,53 +88,34 @@ private:
     HandlerStatus setCurrentDeviceAddrHandler();
     HandlerStatus updateLoadStatusHandler();
 
-    // The STM32 load: the erase poll, the erase command and the transfer.
-    bool probeStm32EraseReady();
-    bool continueEraseWait(const std::function<void()>& request, const char* timeoutLine);
-    void eraseMemorySector(EraseCmd cmd, const std::string& path);
-    bool writeFirmware();
-    void replaceFileRequest(std::uint8_t device, std::uint8_t field, const std::string& path);
+    // What the STM32 load reports.
+    Stm32LoadFlow::Events stm32Events();
+    void onEraseWaitEnded(Stm32LoadFlow::WaitEnd end);
+    void onEraseFault(Stm32LoadFlow::EraseFault fault);
+    std::string firmwarePath();
 
-    // The ESP32 flash on a worker of its own.
     bool flashEsp32Firmware();
-    void runEspFlash(const std::string& path);
-    void onEspFlashProgress(unsigned char percent);
-
-    // The link's return after a reboot of the device.
-    void scheduleSerialReconnectAfterReboot();
-    void runSerialReconnect();
-    bool reconnectSerialPort();
-    // Sleeps for `pause`; false when the window quits meanwhile.
-    bool pauseUnlessQuitting(std::chrono::milliseconds pause);
 
     // The load's progress display.
     void resetLoadStatus();
     void onPayloadProgressUiUpdate();
     void updateLoadStatusUi();
     void onEspFlashUiUpdate();
-    void endEspFlash();
+    void endEspFlash(const std::string& error);
     void showProgress(unsigned value, bool done);
 
-    UsbCommunication usb;
     Glib::RefPtr<Gtk::Application> application;
     Glib::RefPtr<Gtk::Builder> builder;
     LoggerManager* logger = nullptr;
-    // The latest request handed to the protocol. Written on the window's
-    // thread (erase) and the listener's (write), always under the device
-    // model's lock, which the protocol holds while it uses the request.
-    std::unique_ptr<MessageArgs> fileRequest;
-    // The device all requests go to; the listener's discovery chain sets it.
-    std::atomic<std::uint64_t> currentDeviceAddress{0};
     // 0 is the STM32, 1 the ESP32.
     std::atomic<std::int32_t> firmwareTarget{0};
-    std::uint8_t waitingForErase = 0;
-    EraseCmd pendingEraseCmd = EraseFile0;
-    std::int32_t eraseWaitTicks = 0;
+    // The 200 ms clock of the STM32 load's wait for its erase.
     sigc::connection eraseTimer;
-    std::unique_ptr<PayloadHandler> payloadHandler;
-    std::unique_ptr<Listener> serialListener;
-    std::unique_ptr<Sender> serialSender;
-    DeviceHandler* deviceHandler = nullptr;
+    std::unique_ptr<BoardLink> link;
+    std::unique_ptr<DeviceSearch> deviceSearch;
+    std::unique_ptr<Stm32LoadFlow> stm32Load;
+    std::unique_ptr<Esp32Flash> espFlash;
+    std::unique_ptr<RebootReconnect> rebootReconnect;
     std::unique_ptr<MeridKestalWidgets::OpenFileDialog> openFileDialog;
     std::unique_ptr<MeridKestalWidgets::ConnectionDialog> connectionDialog;
     std::unique_ptr<MeridKestalWidgets::MenuBar> menuBar;
@@ -158,16 +131,4 @@ private:
     // At most one progress wake-up in flight.
     std::atomic<std::uint8_t> payloadProgressPending{0};
     std::thread::id uiThreadId;
-    std::thread espFlashThread;
-    std::atomic<bool> espFlashRunning{false};
-    std::atomic<std::uint8_t> espFlashProgress{0};
-    std::atomic<bool> espFlashDone{false};
-    std::mutex espFlashMutex;
-    std::string espFlashError;
-    std::thread reconnectThread;
-    std::atomic<bool> reconnectScheduled{false};
-    // Set once by the teardown; the reconnect worker's pauses end on it.
-    std::mutex quitMutex;
-    std::condition_variable quitCondition;
-    bool quitting = false;
 };

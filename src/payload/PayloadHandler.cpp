@@ -187,11 +187,14 @@ void PayloadHandler::process(const void* payload, unsigned long long size) {
     const std::uint8_t device = entry->second.device;
     const std::uint8_t field = entry->second.field;
     messages.erase(entry);
+    // The steps below may send the next request, which changes lastCommand.
+    const std::uint8_t command = lastCommand;
     if (p[2] != 0) {
         log("Message with problem - error code: " + num(p[2]), BaseLogger::WARNING);
         if (lastCommand == FILE_WRITE_REQ) {
             reportUnconfirmedFinish();
         }
+        notifyAnswer(command, p[2]);
         return;
     }
     switch (lastCommand) {
@@ -218,6 +221,18 @@ void PayloadHandler::process(const void* payload, unsigned long long size) {
         break;
     default:
         break;
+    }
+    notifyAnswer(command, 0);
+}
+
+void PayloadHandler::setAnswerObserver(AnswerObserver observer) {
+    std::lock_guard<std::recursive_mutex> lock(stateMutex());
+    answerObserver = std::move(observer);
+}
+
+void PayloadHandler::notifyAnswer(std::uint8_t command, std::uint8_t status) {
+    if (answerObserver) {
+        answerObserver(command, status);
     }
 }
 
@@ -594,6 +609,8 @@ void PayloadHandler::sendFileWriteReq() {
             log("finish file request " + where + which, BaseLogger::INFO);
             fileFinishing = true;
             finishAwaited = true;
+            finishOverdue = false;
+            finishGivenUp = false;
         }
     }
     castCommand(payload, static_cast<unsigned char>(chunkSize + 8), timeout);
@@ -612,16 +629,27 @@ void PayloadHandler::sendFileWriteReq() {
 
 void PayloadHandler::onResponseTimeout() {
     std::lock_guard<std::recursive_mutex> lock(stateMutex());
+    if (finishAwaited && !finishOverdue) {
+        finishOverdue = true;
+        return;
+    }
     reportUnconfirmedFinish();
 }
 
-// A refused or unanswered finish step, told to the window once for each
-// time the step went out.
+void PayloadHandler::onLinkFailure() {
+    std::lock_guard<std::recursive_mutex> lock(stateMutex());
+    reportUnconfirmedFinish();
+}
+
+// A refused or unanswered finish step, or one whose link went, told once
+// for each time the step went out.
 void PayloadHandler::reportUnconfirmedFinish() {
     if (!finishAwaited) {
         return;
     }
     finishAwaited = false;
+    finishOverdue = false;
+    finishGivenUp = true;
     finishUnconfirmed.store(true);
     GlobalHandlerEvents::getInstance()._executeHandler(UPDATE_LOADING_STATUS);
 }
@@ -646,6 +674,11 @@ void PayloadHandler::processFileWrite(std::uint8_t device, std::uint8_t field) {
         return;
     }
     attempt = 0;
+    if (fileFinishing && finishGivenUp) {
+        // The load was reported unconfirmed; one outcome stands.
+        log("finish file response after the load was given up: not taken", BaseLogger::WARNING);
+        return;
+    }
     if (!fileFinishing) {
         // An empty file: its erase answer finds nothing left to write.
         issue(FILE_WRITE_MSG, device, field);
@@ -676,6 +709,8 @@ void PayloadHandler::clearTransfer() {
     fileErased = false;
     fileFinishing = false;
     finishAwaited = false;
+    finishOverdue = false;
+    finishGivenUp = false;
     fileData.clear();
     fileData.shrink_to_fit();
     fileDevice = 0;

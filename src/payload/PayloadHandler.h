@@ -9,6 +9,7 @@
 #include <atomic>
 #include <chrono>
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <mutex>
 #include <optional>
@@ -96,8 +97,19 @@ public:
     void sendFileWriteReq();
     static unsigned int getDefaultTimeout();
     void resetState();
-    // The listener's read ended without an answer.
+    // The listener's read ended without an answer. A finish step's answer is
+    // awaited for one more read period after its own time-out: an answer in
+    // that time still counts, and only then is the finish unconfirmed.
     void onResponseTimeout();
+    // The listener's read failed: the link is gone, and with it any answer
+    // still awaited.
+    void onLinkFailure();
+
+    // Told of every accepted answer on the listener thread, inside the
+    // receive path with the state lock held: the request's wire code and the
+    // device's status (0 for success), after the answer has been acted on.
+    using AnswerObserver = std::function<void(std::uint8_t command, std::uint8_t status)>;
+    void setAnswerObserver(AnswerObserver observer);
 
     DeviceHandler& getDeviceHandler();
 
@@ -113,8 +125,8 @@ public:
     // The percentage of a file transfer; the window reads it from the UI thread.
     // It reaches 100 only when the device has confirmed the finish step.
     std::atomic<std::uint8_t> loadProgress{0};
-    // Set when the device refused the finish step or left it unanswered; the
-    // window takes it when it shows the progress.
+    // Set when the device refused the finish step, left it unanswered or the
+    // link went while it was awaited; the flow takes it when it reports the end.
     std::atomic<bool> finishUnconfirmed{false};
 
 private:
@@ -132,6 +144,7 @@ private:
     void processFileWrite(std::uint8_t device, std::uint8_t field);
     void completeTransfer();
     void reportUnconfirmedFinish();
+    void notifyAnswer(std::uint8_t command, std::uint8_t status);
     void issue(MessageType type, std::uint8_t device, std::uint8_t field);
     bool loadFile(const std::string& path);
     std::uint8_t chunkLimit() const;
@@ -156,6 +169,11 @@ private:
     bool fileFinishing = false;
     // The finish step went out and nothing has been told of its answer yet.
     bool finishAwaited = false;
+    // Its time-out has passed once; an answer still counts until the next.
+    bool finishOverdue = false;
+    // Reported unconfirmed: a later answer is not taken for a confirmation.
+    bool finishGivenUp = false;
+    AnswerObserver answerObserver;
     std::vector<unsigned char> fileData;
     std::uint8_t fileDevice = 0;
     std::uint8_t fileIndex = 0;

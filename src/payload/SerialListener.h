@@ -78,6 +78,7 @@ private:
     bool readOnce() {
         auto result = usb->read(readBuffer, kReadSize, static_cast<int>(readTimeout.load()));
         if (result.status == UsbTypes::Status::NotConnected) {
+            handler->onLinkFailure();
             terminate();
             return true;
         }
@@ -85,6 +86,9 @@ private:
             logger.log("Listener timeout waiting for response", BaseLogger::WARNING, tag);
             handler->onResponseTimeout();
             return true;
+        }
+        if (result.status != UsbTypes::Status::Ok) {
+            handler->onLinkFailure();
         }
         // Any other failure reads as a block of `bytes` bytes, which is 0.
         const auto bytes = std::min<unsigned long long>(result.bytes, kReadSize);

@@ -8,7 +8,8 @@
 class MainWindowTestAccess {
 public:
     static Glib::RefPtr<Gtk::Builder> builder(MainWindow& window) { return window.builder; }
-    static UsbCommunication& usb(MainWindow& window) { return window.usb; }
-    static DeviceHandler* deviceHandler(MainWindow& window) { return window.deviceHandler; }
-    static bool eraseWaitTick(MainWindow& window) { return window.probeStm32EraseReady(); }
+    static UsbCommunication& usb(MainWindow& window) { return window.link->usb(); }
+    static DeviceHandler* deviceHandler(MainWindow& window) { return &window.link->devices(); }
+    // One tick of the 200 ms clock of the STM32 load's wait for its erase.
+    static bool eraseWaitTick(MainWindow& window) { return window.stm32Load->tick(); }
 };

@@ -16,10 +16,15 @@ protected:
         simulator.addDevice(SimDevice::standard(2, "MeridKestal STM32"));
         ASSERT_TRUE(simulator.start()) << simulator.lastError();
         session = std::make_unique<LinkSession>(simulator.slavePath());
-        ASSERT_EQ(session->usb.connect(UsbCommunication::MethodCom), UsbTypes::Ok);
+        ASSERT_EQ(session->usb().connect(UsbCommunication::MethodCom), UsbTypes::Ok);
     }
 
     void TearDown() override {
+        if (HasFailure()) {
+            for (const auto& line : log.lines()) {
+                std::cerr << "  log: " << line.tag << line.message << "\n";
+            }
+        }
         session.reset();
         simulator.stop();
     }
@@ -28,6 +33,17 @@ protected:
         const std::string path = dir.path() + "/image.bin";
         EXPECT_TRUE(testsupport::writeFile(path, data));
         return path;
+    }
+
+    // A transfer into file `fileIndex` started by hand, as the confirmed
+    // erase starts one into file 0.
+    void startTransfer(std::uint8_t fileIndex) {
+        MessageArgs args;
+        args.device = session->link.currentDevice();
+        args.field = fileIndex;
+        args.path = session->firmwarePath;
+        session->link.protocol().onMessage(FILE_START_MSG, &args);
+        session->link.protocol().generateResponse(FILE_WRITE_MSG);
     }
 
     // The file write steps the board received: erase, chunks, finish.
@@ -96,13 +112,13 @@ TEST_F(PayloadLinkTest, LostAnswerRestsUntilARestartResendsTheStep) {
     session->firmwarePath = writeImage(data);
     constexpr std::size_t kAnswered = 5; // the erase step and four chunks
     simulator.silenceNext(1, kAnswered);
-    session->startTransfer(1);
+    startTransfer(1);
     ASSERT_TRUE(waitUntil(
         [&] { return log.contains("Listener timeout waiting for response", BaseLogger::WARNING); }));
     const auto before = writeSteps();
     ASSERT_EQ(before.size(), kAnswered + 1);
-    EXPECT_LT(session->handler.loadProgress.load(), 100);
-    session->startTransfer(1);
+    EXPECT_LT(session->load.percent(), 100u);
+    startTransfer(1);
     ASSERT_TRUE(waitUntil([&] { return writeSteps().size() > before.size(); }));
     const testsupport::Bytes& lost = before.back();
     const testsupport::Bytes again = writeSteps()[before.size()];

@@ -129,3 +129,38 @@ TEST_F(FileTransferTest, ARefusedOrUnansweredFinishIsToldOnceAndTheBarStaysBelow
         EXPECT_EQ(handler.loadProgress.load(), 80) << refused;
     }
 }
+
+// The finish's answer still counts one read period after its time-out; at
+// the second time-out the finish is given up and a later answer is not
+// taken. A failed read gives it up at once.
+TEST_F(FileTransferTest, AFinishIsGivenUpAtItsSecondTimeOutOrWhenTheLinkFailsAndOneOutcomeStands) {
+    for (const bool lateInTime : {true, false}) {
+        handler.resetState();
+        // The erase step and two chunks, then the finish.
+        ask(FILE_START_MSG, 2, 0, file(Bytes(40, 0x11)));
+        for (int step = 0; step < 3; ++step) {
+            drain();
+            answer(2);
+        }
+        drain();
+        ASSERT_TRUE(handler.getFileTransferState().fileFinishing);
+        handler.onResponseTimeout();
+        EXPECT_FALSE(handler.finishUnconfirmed.load());
+        if (!lateInTime) {
+            handler.onResponseTimeout();
+            EXPECT_TRUE(handler.finishUnconfirmed.exchange(false));
+        }
+        answer(2);
+        EXPECT_EQ(handler.loadProgress.load(), lateInTime ? 100 : 80) << lateInTime;
+        EXPECT_FALSE(handler.finishUnconfirmed.load()) << lateInTime;
+    }
+    handler.resetState();
+    ask(FILE_START_MSG, 2, 0, file(Bytes(10, 0x22)));
+    for (int step = 0; step < 2; ++step) {
+        drain();
+        answer(2);
+    }
+    drain();
+    handler.onLinkFailure();
+    EXPECT_TRUE(handler.finishUnconfirmed.load());
+}

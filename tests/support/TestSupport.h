@@ -73,3 +73,15 @@ private:
 };
 
 } // namespace testsupport
+
+// Bytes of an image, the same in every build and run.
+inline testsupport::Bytes linkImage(std::size_t size, std::uint32_t seed) {
+    testsupport::Bytes bytes(size);
+    for (auto& byte : bytes) {
+        seed ^= seed << 13;
+        seed ^= seed >> 17;
+        seed ^= seed << 5;
+        byte = static_cast<std::uint8_t>(seed);
+    }
+    return bytes;
+}

@@ -67,12 +67,12 @@ TEST(LinkScenario, ListSearchLoadTheStm32AndFlashTheEsp32) {
         auto timed = timedPort();
         const ExchangeTimingPort& stm32Link = *timed;
         LinkSession session(port, std::move(timed));
-        ASSERT_EQ(session.usb.toDetermineDevices(UsbCommunication::MethodCom), UsbTypes::Ok);
-        const auto& ports = session.usb.availablePorts;
+        ASSERT_EQ(session.usb().toDetermineDevices(UsbCommunication::MethodCom), UsbTypes::Ok);
+        const auto& ports = session.usb().availablePorts;
         EXPECT_NE(std::find(ports.begin(), ports.end(), port), ports.end()) << ports.size() << " ports";
-        ASSERT_EQ(session.usb.connect(UsbCommunication::MethodCom), UsbTypes::Ok);
+        ASSERT_EQ(session.usb().connect(UsbCommunication::MethodCom), UsbTypes::Ok);
         ASSERT_TRUE(session.discover(20s));
-        EXPECT_EQ(session.address.load(), 2);
+        EXPECT_EQ(session.link.currentDevice(), 2);
         ASSERT_TRUE(session.loadStm32(writeImage(dir, "stm32.bin", 37312, 2463534242u), 180s));
         EXPECT_TRUE(
             testsupport::waitUntil([&] { return log.contains("Firmware transfer complete: 37312 bytes"); }));
