@@ -223,7 +223,9 @@ echo "merid-flash.exe: 128 KiB verified and in the flash at 0"
 
 # --- The window (stages 4 and 5) --------------------------------------------
 source "$(dirname "$0")/wine-ui-fonts.sh"
-window_zip=$(find "$PACKAGES_DIR" -maxdepth 1 -name 'MeridKestalUtility-*-win64.zip' 2>/dev/null | head -n 1)
+window_zip=""
+[ ! -d "$PACKAGES_DIR" ] ||
+    window_zip=$(find "$PACKAGES_DIR" -maxdepth 1 -name 'MeridKestalUtility-*-win64.zip' | sed -n 1p)
 window_installer=${window_zip%.zip}-setup.exe
 window_scenario=$MINGW_DIR/tests/windows/merid_windows_window_scenario.exe
 native_window_scenario=$NATIVE_DIR/tests/windows/merid_native_window_scenario
