@@ -18,6 +18,12 @@ using testsupport::ToolkitLoop;
 
 namespace {
 
+// Budgets of the waits for the end of a load: watchdogs only, far above what
+// a load takes, so that a busy machine running the sanitizer build still
+// finishes (a mebibyte and more of ESP32 image can take a minute there).
+constexpr auto kLoadBudget = std::chrono::minutes(3);
+constexpr auto kLineBudget = std::chrono::seconds(90);
+
 // What the user saw of a load: the level bar's values in order, and whether
 // the window ever lost its sensitivity meanwhile.
 struct LoadWatch {
@@ -107,12 +113,12 @@ protected:
                 seen.everInsensitive = seen.everInsensitive || !windowSensitive();
                 return done();
             },
-            std::chrono::seconds(60));
+            kLoadBudget);
         return seen;
     }
 
     // Runs the window's events until the program has logged `text`.
-    bool logged(const std::string& text, std::chrono::milliseconds timeout = std::chrono::seconds(30)) {
+    bool logged(const std::string& text, std::chrono::milliseconds timeout = kLineBudget) {
         return ToolkitLoop::runUntil([&] { return captured->contains(text); }, timeout);
     }
 
@@ -128,7 +134,7 @@ protected:
 
     // Waits for the window to come back after an ESP32 flash that failed with `why`.
     void expectFlashFailure(const std::string& why) {
-        ASSERT_TRUE(logged("MainWindow: ESP32 flashing failed: ", std::chrono::seconds(60)));
+        ASSERT_TRUE(logged("MainWindow: ESP32 flashing failed: ", kLoadBudget));
         EXPECT_TRUE(captured->contains("MainWindow: ESP32 flashing failed: " + why, BaseLogger::ERROR))
             << why << "\nlogged: " << failureLine();
         EXPECT_TRUE(ToolkitLoop::runUntil([&] { return windowSensitive(); }));
