@@ -57,8 +57,10 @@ if(MERID_SANITIZE STREQUAL "" AND NOT MERID_BUILD_FUZZ)
     set(_merid_optimized "$<CONFIG:Release,RelWithDebInfo,MinSizeRel>")
     add_compile_options("$<${_merid_optimized}:-fstack-protector-strong>")
     add_compile_definitions("$<${_merid_optimized}:_FORTIFY_SOURCE=3>")
-    if(MERID_WINDOWS)
-        add_link_options("$<${_merid_optimized}:-Wl,-Bstatic,-lssp,-Bdynamic>")
+    # The checks' library goes last on every link line, as an archive.
+    if(MERID_WINDOWS AND CMAKE_BUILD_TYPE MATCHES "^(Release|RelWithDebInfo|MinSizeRel)$")
+        string(APPEND CMAKE_C_STANDARD_LIBRARIES " -l:libssp.a")
+        string(APPEND CMAKE_CXX_STANDARD_LIBRARIES " -l:libssp.a")
     endif()
 endif()
 
