@@ -46,6 +46,20 @@ protected:
         return found;
     }
 
+    // Ticks `first` to `last` of the wait's clock, each of which must keep
+    // the wait going.
+    bool ticks(int first, int last) {
+        for (int tick = first; tick <= last; ++tick) {
+            if (!session->load.tick()) {
+                ADD_FAILURE() << "the wait ended at tick " << tick;
+                return false;
+            }
+        }
+        return true;
+    }
+
+    void answer(DeviceSimulator::Faults faults) { simulator.setFaults(faults); }
+
     testsupport::CapturingLogger log;
     testsupport::TempDir dir;
     DeviceSimulator simulator;
@@ -76,6 +90,35 @@ TEST_F(Flows, TheWaitSearchesAgainAndGivesUpOnASilentBoardOrOneWithoutAnEraseFie
     session->startLoad(writeImage(Bytes(64, 1)), 1ms);
     EXPECT_EQ(session->waitEnd, Stm32LoadFlow::WaitEnd::NoDevice);
     EXPECT_TRUE(waitUntil([&] { return frames(DEVICE_INFO_REQ).size() == 12; }));
+}
+
+// The wait lasts 51 ticks. A board whose answer to the forty-sixth tick's
+// search comes in after the fiftieth is erased; one that answers only the
+// fifty-first tick's search is too late.
+TEST_F(Flows, TheWaitTakesABoardDescribedByItsLastTickAndNoLater) {
+    plug(SimDevice::standard(kAddress, "MeridKestal STM32"));
+    answer({.silent = true});
+    session->load.start();
+    ASSERT_TRUE(ticks(1, 45));
+    answer({.answerDelay = 2s});
+    ASSERT_TRUE(ticks(46, 50));
+    ASSERT_TRUE(waitUntil([&] { return log.contains("device info response (device 2"); }));
+    answer({});
+    ASSERT_TRUE(waitUntil([&] { return simulator.counters(kAddress)->eraseCommands == 1; }));
+    EXPECT_FALSE(session->load.tick());
+    EXPECT_FALSE(session->waitEnd.has_value());
+
+    answer({.silent = true});
+    session->link.restartProtocol();
+    session->link.devices().clearDeviceList();
+    session->load.start();
+    ASSERT_TRUE(ticks(1, 50));
+    answer({});
+    EXPECT_FALSE(session->load.tick());
+    EXPECT_EQ(session->waitEnd, Stm32LoadFlow::WaitEnd::NoDevice);
+    ASSERT_TRUE(waitUntil([&] { return session->search.described(kAddress); }));
+    std::this_thread::sleep_for(300ms);
+    EXPECT_EQ(simulator.counters(kAddress)->eraseCommands, 1u);
 }
 
 // A device that describes its "erase" field as one byte still gets the
