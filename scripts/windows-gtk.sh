@@ -230,8 +230,11 @@ build_cairo() {
             --disable-xlib --disable-xlib-xrender --disable-xcb --disable-gl --disable-glesv2 \
             --disable-quartz --disable-script --disable-interpreter --disable-trace \
             --disable-gtk-doc --disable-valgrind --disable-full-testing
+        # The library and its GObject types, which GDK needs; not its tools.
         make -C src -j "$JOBS"
         make -C src install
+        make -C util/cairo-gobject -j "$JOBS"
+        make -C util/cairo-gobject install
     )
 }
 
