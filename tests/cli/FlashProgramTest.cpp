@@ -19,6 +19,7 @@
 #include <termios.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cstdlib>
 #include <memory>
 #include <sstream>
@@ -353,17 +354,38 @@ TEST_F(FlashProgram, EveryBoardGetsTheImageAsItWasAtTheStart) {
                                ": the image has 524288 bytes, more than the chip's flash of 262144 bytes\n");
 }
 
-// Nobody reading the output ends no load: the boards are loaded and the exit
-// code says so.
-TEST_F(FlashProgram, AClosedOutputEndsNoLoad) {
+// Nobody reading the output holds or ends a load: neither an output closed
+// under the program nor a terminal stopped (Ctrl-S) while the boards load.
+TEST_F(FlashProgram, NobodyReadingTheOutputHoldsNoLoad) {
     const std::string status = dir.path() + "/status";
-    const std::string command = "(" + std::string(MERID_FLASH_PATH) + " stm32 -b 921600 -p " +
-                                boards[0]->port() + " -p " + boards[1]->port() + " " + imagePath +
-                                " 2>/dev/null; echo $? >" + status + ") | true";
-    ASSERT_EQ(std::system(command.c_str()), 0);
+    const std::string gang = std::string(MERID_FLASH_PATH) + " stm32 -b 921600 -p " + boards[0]->port() +
+                             " -p " + boards[1]->port() + " " + imagePath;
+    const std::string closed = "(" + gang + " 2>/dev/null; echo $? >" + status + ") | true";
+    ASSERT_EQ(std::system(closed.c_str()), 0);
     EXPECT_EQ(testsupport::readFile(status), "0\n");
     EXPECT_EQ(boards[0]->simulator.finishedImage(2, 0), image);
     EXPECT_EQ(boards[1]->simulator.finishedImage(2, 0), image);
+
+    PtyPair terminal;
+    ASSERT_TRUE(terminal.isValid());
+    const int slave = ::open(terminal.slavePath().c_str(), O_RDWR | O_NOCTTY);
+    ::tcflow(slave, TCOOFF);
+    std::atomic<bool> ended{false};
+    int exitCode = -1;
+    std::thread stopped([&] {
+        const int code = std::system((gang + " >" + terminal.slavePath() + " 2>&1").c_str());
+        exitCode = WIFEXITED(code) ? WEXITSTATUS(code) : -1;
+        ended = true;
+    });
+    EXPECT_TRUE(testsupport::waitUntil([&] {
+        return boards[0]->simulator.counters(2)->fileFinishes == 2 &&
+               boards[1]->simulator.counters(2)->fileFinishes == 2;
+    }));
+    ::tcflow(slave, TCOON);
+    testsupport::waitUntil([&] { return terminal.receive(1 << 16, 50).empty() && ended; });
+    stopped.join();
+    ::close(slave);
+    EXPECT_EQ(exitCode, 0);
 }
 
 // What a board calls itself reaches the terminal with its control
