@@ -113,11 +113,7 @@ TEST(DeviceText, ControlsAndBadBytesAreEscapedForTerminalAndJson) {
         {"plain", "plain", "\"plain\""},
         {"\x1b]52;c;SGk=\x07", "\\x1b]52;c;SGk=\\x07", "\"\\u001b]52;c;SGk=\\u0007\""},
         {"a\nb\rc\x7f", "a\\x0ab\\x0dc\\x7f", "\"a\\u000ab\\u000dc\x7f\""},
-        {"\xc2\x9b"
-         "2J \xc3\xa9",
-         "\\xc2\\x9b2J \xc3\xa9",
-         "\"\xc2\x9b"
-         "2J \xc3\xa9\""},
+        {"\xc2\x9b[2J \xc3\xa9", "\\xc2\\x9b[2J \xc3\xa9", "\"\xc2\x9b[2J \xc3\xa9\""},
         {"\xff\xc0\xaf\xed\xa0\x80\xe2\x82", "\\xff\\xc0\\xaf\\xed\\xa0\\x80\\xe2\\x82",
          "\"\\ufffd\\ufffd\\ufffd\\ufffd\\ufffd\\ufffd\\ufffd\\ufffd\""},
         {"\xf0\x9f\x98\x80\xf4\x90\x80\x80", "\xf0\x9f\x98\x80\\xf4\\x90\\x80\\x80",
