@@ -192,7 +192,7 @@ std::optional<std::string> FlashProgram::checkLoadInput(std::uint64_t& imageByte
             return problem;
         }
     }
-    return openLogFile(settings.file);
+    return std::nullopt;
 }
 
 int FlashProgram::runLoads() {
@@ -202,6 +202,9 @@ int FlashProgram::runLoads() {
         return badInput(*problem);
     }
     if (auto problem = image.make(settings.file, imageBytes)) {
+        return badInput(*problem);
+    }
+    if (auto problem = openLogFile(settings.file)) {
         return badInput(*problem);
     }
     const bool showProgress = !settings.quiet;
