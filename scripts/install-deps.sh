@@ -11,7 +11,7 @@ PACKAGES=(
     xvfb xauth xdotool x11-utils imagemagick libx11-dev libxtst-dev librsvg2-bin
     g++-mingw-w64-x86-64-posix wine64
     desktop-file-utils appstream dpkg-dev file groff-base
-    zlib1g-dev libz-mingw-w64-dev libcli11-dev nlohmann-json3-dev
+    zlib1g-dev libz-mingw-w64-dev libgcrypt20-dev libgcrypt-mingw-w64-dev libcli11-dev nlohmann-json3-dev
     meson mm-common libxml-parser-perl m4 gettext nsis zip unzip adwaita-icon-theme hicolor-icon-theme fonts-dejavu-core
 )
 

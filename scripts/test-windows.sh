@@ -202,7 +202,7 @@ if ! cmp -s "$work/native/journal.txt" "$work/wine/journal.txt"; then
 fi
 echo "equal: $(wc -l <"$work/wine/journal.txt") lines, $(grep -c '^frame ' "$work/wine/journal.txt") payload frames, $(grep -c '^raw C0 ' "$work/wine/journal.txt") loader frames"
 
-say "merid-flash.exe esp32 -p COM5 on a fresh board"
+say "merid-flash.exe esp32 -p COM5 on a fresh board, the image in a folder whose name is not ASCII"
 # COM5 now leads to a new board: the server reads the ports when it starts.
 "$WINESERVER" -k
 mkdir -p "$work/flash"
@@ -212,11 +212,17 @@ flash_board_pid=${started[-1]}
 "$WINESERVER" -w
 "$WINESERVER" -p 2>>"$work/wineserver.log"
 cp "$flash_program" "$WINEPREFIX/drive_c/merid/"
-# Machine code, as a real image is: 128 KiB of the program itself.
-head -c 131072 "$flash_program" >"$work/flash/app.bin"
-timeout 300 "$WINE" 'C:\merid\merid-flash.exe' esp32 -p COM5 "$(windows_path "$work/flash/app.bin")" |
+# Machine code, as a real image is: 128 KiB of the program itself, under a
+# Cyrillic name, which only a wide command line carries whole.
+flash_image="$work/flash/образы/прошивка.bin"
+mkdir -p "$(dirname "$flash_image")"
+head -c 131072 "$flash_program" >"$flash_image"
+cp "$flash_image" "$work/flash/app.bin"
+timeout 300 "$WINE" 'C:\merid\merid-flash.exe' esp32 -p COM5 "$(windows_path "$flash_image")" |
     tee "$work/flash/output.txt" || fail "merid-flash.exe failed"
 grep -q '^COM5  esp32      131072 .*  verified' "$work/flash/output.txt" || fail "merid-flash.exe: no verified row"
+grep -q "^image SHA-256 $(sha256sum "$flash_image" | cut -c 1-64)" "$work/flash/output.txt" ||
+    fail "merid-flash.exe: no SHA-256 of the image, or another one"
 stop_serving "$flash_board_pid" || fail "the merid-flash run's board exited badly: $(cat "$work/flash/board.port.err")"
 cmp -n 131072 "$work/flash/app.bin" "$work/flash/esp32-flash.bin" || fail "the ESP32 flash differs from the image"
 echo "merid-flash.exe: 128 KiB verified and in the flash at 0"

@@ -1,13 +1,15 @@
 #include "BoardGang.h"
 
+#include <algorithm>
+
 namespace {
 
 constexpr auto kRedraw = std::chrono::milliseconds(200);
 
 } // namespace
 
-BoardGang::BoardGang(const CliSettings& settings, std::uint64_t imageBytes, std::ofstream* logFile)
-    : settings(settings), imageBytes(imageBytes), logFile(logFile), boards(settings.ports.size()) {
+BoardGang::BoardGang(const CliSettings& settings, Image image, std::ofstream* logFile)
+    : settings(settings), image(std::move(image)), logFile(logFile), boards(settings.ports.size()) {
     for (std::size_t i = 0; i < boards.size(); ++i) {
         boards[i].port = settings.ports[i];
     }
@@ -26,11 +28,22 @@ std::vector<std::string> BoardGang::workerArguments(const std::string& port) con
         arguments.push_back("--no-verify");
     }
     arguments.push_back("--");
-    arguments.push_back(settings.file);
+    arguments.push_back(image.path);
     return arguments;
 }
 
+void BoardGang::writeLog(const std::string& port, const std::string& line) {
+    std::lock_guard<std::mutex> lock(logMutex);
+    *logFile << port << " " << line << '\n';
+}
+
 void BoardGang::onEvent(std::size_t index, const BoardEvent& event) {
+    if (event.kind == BoardEvent::Kind::Log) {
+        if (logFile != nullptr) {
+            writeLog(boards[index].port, event.text);
+        }
+        return;
+    }
     std::lock_guard<std::mutex> lock(mutex);
     Board& board = boards[index];
     switch (event.kind) {
@@ -40,9 +53,6 @@ void BoardGang::onEvent(std::size_t index, const BoardEvent& event) {
         board.progressed = true;
         break;
     case BoardEvent::Kind::Log:
-        if (logFile != nullptr) {
-            *logFile << board.port << " " << event.text << '\n';
-        }
         return;
     case BoardEvent::Kind::Done:
         if (board.reported) {
@@ -73,27 +83,40 @@ void BoardGang::startBoards() {
     }
 }
 
+// The boards that moved since the last look; true once every board has
+// reported its result.
+bool BoardGang::takeMoves(std::vector<Moved>& moved) {
+    std::unique_lock<std::mutex> lock(mutex);
+    // A wake-up lost between two looks costs one redraw period at most.
+    changed.wait_for(lock, kRedraw, [this] {
+        return std::all_of(boards.begin(), boards.end(), [](const Board& board) { return board.reported; });
+    });
+    moved.clear();
+    bool all = true;
+    for (std::size_t i = 0; i < boards.size(); ++i) {
+        if (boards[i].progressed) {
+            boards[i].progressed = false;
+            moved.push_back({i, boards[i].percent, boards[i].bytes});
+        }
+        all = all && boards[i].reported;
+    }
+    return all;
+}
+
 // Redraws the view until every board has reported its result.
 void BoardGang::watch(ProgressView* view) {
-    std::unique_lock<std::mutex> lock(mutex);
+    std::vector<Moved> moved;
     for (;;) {
+        const bool all = takeMoves(moved);
         if (view != nullptr) {
-            for (std::size_t i = 0; i < boards.size(); ++i) {
-                if (boards[i].progressed) {
-                    boards[i].progressed = false;
-                    view->update(i, boards[i].percent, boards[i].bytes);
-                }
+            for (const Moved& move : moved) {
+                view->update(move.index, move.percent, move.bytes);
             }
             view->draw();
-        }
-        bool all = true;
-        for (const Board& board : boards) {
-            all = all && board.reported;
         }
         if (all) {
             return;
         }
-        changed.wait_for(lock, kRedraw);
     }
 }
 
@@ -102,7 +125,8 @@ BoardResult BoardGang::resultOf(Board& board, int exitCode) {
     result.port = board.port;
     result.target = settings.targetName();
     // A failed board counts what it got through.
-    result.bytes = board.reported && board.ok ? imageBytes : board.bytes;
+    result.bytes = board.reported && board.ok ? image.bytes : board.bytes;
+    result.sha256 = image.sha256;
     const Clock::time_point end = board.reported ? board.end : Clock::now();
     result.seconds = std::chrono::duration<double>(end - board.start).count();
     result.ok = board.reported && board.ok && exitCode == 0;

@@ -19,7 +19,14 @@
 // the log file, and each board's result.
 class BoardGang {
 public:
-    BoardGang(const CliSettings& settings, std::uint64_t imageBytes, std::ofstream* logFile);
+    // What every board loads: the one copy of the image, its digest and size.
+    struct Image {
+        std::string path;
+        std::string sha256;
+        std::uint64_t bytes = 0;
+    };
+
+    BoardGang(const CliSettings& settings, Image image, std::ofstream* logFile);
     ~BoardGang();
     BoardGang(const BoardGang&) = delete;
     BoardGang& operator=(const BoardGang&) = delete;
@@ -29,6 +36,11 @@ public:
 
 private:
     using Clock = std::chrono::steady_clock;
+    struct Moved {
+        std::size_t index;
+        unsigned percent;
+        std::uint64_t bytes;
+    };
     struct Board {
         std::string port;
         std::unique_ptr<BoardProcess> process;
@@ -46,12 +58,17 @@ private:
     void onEvent(std::size_t index, const BoardEvent& event);
     void startBoards();
     void watch(ProgressView* view);
+    bool takeMoves(std::vector<Moved>& moved);
+    void writeLog(const std::string& port, const std::string& line);
     BoardResult resultOf(Board& board, int exitCode);
 
     const CliSettings& settings;
-    std::uint64_t imageBytes;
+    Image image;
     std::ofstream* logFile;
+    std::mutex logMutex;
     std::vector<Board> boards;
+    // Never held across a write to the terminal: the boards' reports go on
+    // while the output stands still.
     std::mutex mutex;
     std::condition_variable changed;
 };

@@ -42,20 +42,30 @@ void BoardLog::log(const std::string& message, MessageType type, const std::stri
             c = ' ';
         }
     }
-    {
-        std::lock_guard<std::mutex> lock(mutex);
-        if (type >= WARNING) {
-            problems.push_back(message);
-        }
-    }
+    const bool firstDropped = type >= WARNING && keep(message);
     if (writer) {
         writer(line);
+        if (firstDropped) {
+            writer("WARNING BoardLog: more than " + std::to_string(kKeptProblems) +
+                   " warnings and errors; only the last " + std::to_string(kKeptProblems) +
+                   " are kept for the result, all are counted");
+        }
     }
+}
+
+bool BoardLog::keep(const std::string& message) {
+    std::lock_guard<std::mutex> lock(mutex);
+    problems.push_back(message);
+    if (problems.size() <= kKeptProblems) {
+        return false;
+    }
+    problems.pop_front();
+    return ++dropped == 1;
 }
 
 unsigned BoardLog::problemCount() {
     std::lock_guard<std::mutex> lock(mutex);
-    return static_cast<unsigned>(problems.size());
+    return dropped + static_cast<unsigned>(problems.size());
 }
 
 std::string BoardLog::lastProblem() {
@@ -65,7 +75,7 @@ std::string BoardLog::lastProblem() {
 
 std::string BoardLog::problemStartingWith(const std::string& start, unsigned from) {
     std::lock_guard<std::mutex> lock(mutex);
-    for (std::size_t i = from; i < problems.size(); ++i) {
+    for (std::size_t i = from > dropped ? from - dropped : 0; i < problems.size(); ++i) {
         if (problems[i].rfind(start, 0) == 0) {
             return problems[i];
         }

@@ -2,6 +2,7 @@
 
 #include "Esp32Flash.h"
 #include "Utf8Path.h"
+#include "esp_loader.h"
 
 #include <thread>
 
@@ -119,6 +120,17 @@ BoardSession::Outcome BoardSession::waitForTransfer(std::uint64_t size, const Pr
     }
 }
 
+// The chip's flash, as the loader measured it, against the image: a refused
+// start names both sizes rather than the loader's code.
+std::optional<std::string> BoardSession::tooLargeForChip(std::uint64_t size) {
+    const std::uint32_t flash = esp_loader_target_flash_size();
+    if (flash == 0 || size <= flash) {
+        return std::nullopt;
+    }
+    return "the image has " + std::to_string(size) + " bytes, more than the chip's flash of " +
+           std::to_string(flash) + " bytes";
+}
+
 BoardSession::Outcome BoardSession::flashEsp32(const std::string& path, bool compress, bool verify,
                                                const Progress& progress) {
     std::error_code sizeError;
@@ -129,7 +141,7 @@ BoardSession::Outcome BoardSession::flashEsp32(const std::string& path, bool com
     std::string error;
     const auto report = [&progress, size](unsigned char percent) { progress(percent, size * percent / 100); };
     if (!Esp32Flash::run(link.usb(), path, options, report, error)) {
-        return {false, error};
+        return {false, tooLargeForChip(size).value_or(error)};
     }
     return {true, {}};
 }

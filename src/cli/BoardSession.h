@@ -50,6 +50,7 @@ private:
     Outcome waitForErase();
     Outcome waitForTransfer(std::uint64_t size, const Progress& progress);
     Outcome failure(const std::string& fallback);
+    static std::optional<std::string> tooLargeForChip(std::uint64_t size);
 
     BoardLog& log;
     BoardLink link;

@@ -4,6 +4,8 @@
 #include "BoardLog.h"
 #include "BoardSession.h"
 #include "CommandLine.h"
+#include "DeviceText.h"
+#include "ImageCopy.h"
 #include "InputCheck.h"
 #include "Platform.h"
 #include "ProgressView.h"
@@ -30,11 +32,10 @@ int FlashProgram::run(int argc, char** argv) {
         return *exitCode;
     }
     settings = std::get<CliSettings>(parsed);
+    // A closed output ends no load: the writes fail, the boards go on.
+    Platform::ignoreBrokenPipe();
     if (settings.worker) {
         return runWorker();
-    }
-    if (!openLogFile()) {
-        return badInput(settings.logPath + ": the log file cannot be written");
     }
     switch (settings.command) {
     case CliSettings::Command::Ports:
@@ -51,12 +52,19 @@ int FlashProgram::badInput(const std::string& line) {
     return kBadInput;
 }
 
-bool FlashProgram::openLogFile() {
+// After the input checks, so that a refused run leaves every file as it was.
+std::optional<std::string> FlashProgram::openLogFile(const std::string& image) {
     if (settings.logPath.empty()) {
-        return true;
+        return std::nullopt;
+    }
+    if (auto problem = InputCheck::logFile(settings.logPath, image)) {
+        return problem;
     }
     logFile.open(pathFromUtf8(settings.logPath), std::ios::out | std::ios::trunc);
-    return logFile.is_open();
+    if (!logFile.is_open()) {
+        return settings.logPath + ": the log file cannot be written";
+    }
+    return std::nullopt;
 }
 
 std::FILE* FlashProgram::humanOutput() const {
@@ -64,6 +72,9 @@ std::FILE* FlashProgram::humanOutput() const {
 }
 
 int FlashProgram::listPorts() {
+    if (auto problem = openLogFile({})) {
+        return badInput(*problem);
+    }
     BoardLog log([this](const std::string& line) {
         if (logFile.is_open()) {
             logFile << line << '\n';
@@ -91,6 +102,9 @@ int FlashProgram::searchPort() {
     if (auto problem = InputCheck::port(port)) {
         return badInput(*problem);
     }
+    if (auto problem = openLogFile({})) {
+        return badInput(*problem);
+    }
     BoardLog log([this, &port](const std::string& line) {
         if (logFile.is_open()) {
             logFile << port << " " << line << '\n';
@@ -99,7 +113,7 @@ int FlashProgram::searchPort() {
     BoardSession session(port, settings.baud, log);
     const BoardSession::Outcome opened = session.open();
     if (!opened.ok) {
-        std::cerr << "merid-flash: " << opened.reason << std::endl;
+        std::cerr << "merid-flash: " << DeviceText::forTerminal(opened.reason) << std::endl;
         return kFailure;
     }
     const auto devices = session.search();
@@ -107,12 +121,14 @@ int FlashProgram::searchPort() {
     for (const auto& device : devices) {
         std::string fields;
         if (!settings.quiet && !settings.json) {
-            std::printf("%s  device %u  %s  version %s  %zu fields\n", port.c_str(), device.address,
-                        device.name.c_str(), device.version.c_str(), device.fields.size());
+            std::printf("%s  device %u  %s  version %s  %zu fields\n", DeviceText::forTerminal(port).c_str(),
+                        device.address, DeviceText::forTerminal(device.name).c_str(),
+                        DeviceText::forTerminal(device.version).c_str(), device.fields.size());
         }
         for (const auto& field : device.fields) {
             if (!settings.quiet && !settings.json) {
-                std::printf("    field %u  %s  type %u\n", field.index, field.name.c_str(), field.type);
+                std::printf("    field %u  %s  type %u\n", field.index,
+                            DeviceText::forTerminal(field.name).c_str(), field.type);
             }
             fields += std::string(fields.empty() ? "" : ",") + "{\"index\":" + std::to_string(field.index) +
                       ",\"name\":" + Summary::jsonString(field.name) +
@@ -127,7 +143,7 @@ int FlashProgram::searchPort() {
                   << std::endl;
     }
     if (devices.empty()) {
-        std::cerr << "merid-flash: " << port << ": no device answered" << std::endl;
+        std::cerr << "merid-flash: " << DeviceText::forTerminal(port) << ": no device answered" << std::endl;
         return kFailure;
     }
     return kSuccess;
@@ -168,11 +184,11 @@ std::optional<std::string> FlashProgram::checkLoadInput(std::uint64_t& imageByte
             InputCheck::image(settings.file, settings.command == CliSettings::Command::Esp32, imageBytes)) {
         return problem;
     }
-    for (auto it = settings.ports.begin(); it != settings.ports.end(); ++it) {
-        if (std::find(settings.ports.begin(), it, *it) != it) {
-            return "port " + *it + " is given twice";
-        }
-        if (auto problem = InputCheck::port(*it)) {
+    if (auto problem = InputCheck::distinctPorts(settings.ports)) {
+        return problem;
+    }
+    for (const auto& port : settings.ports) {
+        if (auto problem = InputCheck::port(port)) {
             return problem;
         }
     }
@@ -181,13 +197,21 @@ std::optional<std::string> FlashProgram::checkLoadInput(std::uint64_t& imageByte
 
 int FlashProgram::runLoads() {
     std::uint64_t imageBytes = 0;
+    ImageCopy image;
     if (auto problem = checkLoadInput(imageBytes)) {
+        return badInput(*problem);
+    }
+    if (auto problem = image.make(settings.file, imageBytes)) {
+        return badInput(*problem);
+    }
+    if (auto problem = openLogFile(settings.file)) {
         return badInput(*problem);
     }
     const bool showProgress = !settings.quiet;
     std::FILE* out = humanOutput();
     ProgressView view(out, Platform::isTerminal(out == stdout ? 1 : 2), settings.ports, imageBytes);
-    BoardGang gang(settings, imageBytes, logFile.is_open() ? &logFile : nullptr);
+    BoardGang gang(settings, {image.path(), image.sha256(), imageBytes},
+                   logFile.is_open() ? &logFile : nullptr);
     const std::vector<BoardResult> results = gang.run(showProgress ? &view : nullptr);
     printResults(results);
     const bool allOk = std::all_of(results.begin(), results.end(), [](const BoardResult& r) { return r.ok; });
@@ -198,7 +222,8 @@ void FlashProgram::printResults(const std::vector<BoardResult>& results) {
     if (settings.quiet) {
         for (const auto& result : results) {
             if (!result.ok) {
-                std::cerr << "merid-flash: " << result.port << ": " << result.result << std::endl;
+                std::cerr << "merid-flash: " << DeviceText::forTerminal(result.port) << ": "
+                          << DeviceText::forTerminal(result.result) << std::endl;
             }
         }
     } else {

@@ -23,7 +23,9 @@ private:
     int runWorker();
     int runLoads();
     std::optional<std::string> checkLoadInput(std::uint64_t& imageBytes);
-    bool openLogFile();
+    // The log file opened; the reason when it may not be. `image` is the
+    // input it must not be.
+    std::optional<std::string> openLogFile(const std::string& image);
     void printResults(const std::vector<BoardResult>& results);
     // Where people read: the standard output, or the standard error when the
     // standard output carries JSON.

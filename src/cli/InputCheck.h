@@ -3,16 +3,26 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <vector>
 
 // The checks made before anything is sent: each gives the one line that
 // tells the user what is wrong, or nothing when the input can be used.
 class InputCheck {
 public:
-    // The image can be read and is not empty; an ESP32 image is a whole
-    // number of 32-bit words, as the ROM loader takes them.
+    // The image can be read and is not empty, and fits its target: an
+    // STM32 image its 32-bit offsets, an ESP32 image 16 MiB and a whole
+    // number of 32-bit words, as the ROM loader takes them. Measured, not
+    // read.
     static std::optional<std::string> image(const std::string& path, bool esp32, std::uint64_t& size);
 
     // The port opens, and is closed again at once: nothing goes on the line.
     // When it does not open, the words of the port's log with its hint.
     static std::optional<std::string> port(const std::string& name);
+
+    // The ports are all different, also through links: each line once.
+    static std::optional<std::string> distinctPorts(const std::vector<std::string>& names);
+
+    // The log file may be written: it is none of the inputs, and a regular
+    // file when it exists (never a FIFO that would hold the run).
+    static std::optional<std::string> logFile(const std::string& path, const std::string& image);
 };

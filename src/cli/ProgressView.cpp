@@ -1,5 +1,8 @@
 #include "ProgressView.h"
 
+#include "DeviceText.h"
+#include "Formatted.h"
+
 #include <algorithm>
 #include <cinttypes>
 
@@ -8,19 +11,19 @@ ProgressView::ProgressView(std::FILE* out, bool terminal, const std::vector<std:
     : out(out), terminal(terminal), total(imageBytes), start(std::chrono::steady_clock::now()) {
     for (const auto& port : ports) {
         boards.push_back({port});
-        width = std::max(width, port.size());
+        width = std::max(width, DeviceText::forTerminal(port).size());
     }
 }
 
 std::string ProgressView::line(const std::string& port, unsigned percent, std::uint64_t bytes,
                                std::uint64_t total, double seconds) {
     const double rate = seconds > 0 ? static_cast<double>(bytes) / 1024.0 / seconds : 0.0;
-    char text[160];
-    int used = std::snprintf(text, sizeof(text), "%s %3u%% %9" PRIu64 "/%" PRIu64 " bytes %8.1f KiB/s",
-                             port.c_str(), percent, bytes, total, rate);
+    std::string text =
+        DeviceText::forTerminal(port) +
+        formatted(" %3u%% %9" PRIu64 "/%" PRIu64 " bytes %8.1f KiB/s", percent, bytes, total, rate);
     if (bytes > 0 && bytes < total && rate > 0) {
         const double left = static_cast<double>(total - bytes) / 1024.0 / rate;
-        std::snprintf(text + used, sizeof(text) - static_cast<std::size_t>(used), " %6.0f s left", left);
+        text += formatted(" %6.0f s left", left);
     }
     return text;
 }
@@ -37,7 +40,7 @@ void ProgressView::update(std::size_t board, unsigned percent, std::uint64_t byt
     const unsigned tenth = entry.percent / 10;
     if (tenth > entry.reportedTenth) {
         entry.reportedTenth = tenth;
-        std::string port = entry.port;
+        std::string port = DeviceText::forTerminal(entry.port);
         port.resize(width, ' ');
         std::fprintf(out, "%s\n", line(port, entry.percent, entry.bytes, total, entry.seconds).c_str());
         std::fflush(out);
@@ -54,7 +57,7 @@ void ProgressView::draw() {
     }
     drawn = true;
     for (const Board& entry : boards) {
-        std::string port = entry.port;
+        std::string port = DeviceText::forTerminal(entry.port);
         port.resize(width, ' ');
         std::fprintf(out, "\r\x1b[K%s\n",
                      line(port, entry.percent, entry.bytes, total, entry.seconds).c_str());

@@ -1,5 +1,8 @@
 #include "Summary.h"
 
+#include "DeviceText.h"
+#include "Formatted.h"
+
 #include <algorithm>
 #include <cinttypes>
 #include <cstdio>
@@ -12,9 +15,7 @@ std::string padded(std::string text, std::size_t width) {
 }
 
 std::string fixed(double value, int decimals) {
-    char text[64];
-    std::snprintf(text, sizeof(text), "%.*f", decimals, value);
-    return text;
+    return formatted("%.*f", decimals, value);
 }
 
 } // namespace
@@ -22,35 +23,39 @@ std::string fixed(double value, int decimals) {
 std::string Summary::table(const std::vector<BoardResult>& results) {
     std::size_t portWidth = 4;
     for (const auto& result : results) {
-        portWidth = std::max(portWidth, result.port.size());
+        portWidth = std::max(portWidth, DeviceText::forTerminal(result.port).size());
     }
-    char row[128];
-    std::snprintf(row, sizeof(row), "%s  %-6s %10s %8s %9s  %s\n", padded("PORT", portWidth).c_str(),
-                  "TARGET", "BYTES", "SECONDS", "KIB/S", "RESULT");
-    std::string text = row;
+    std::string text;
+    if (!results.empty() && !results.front().sha256.empty()) {
+        text += "image SHA-256 " + results.front().sha256 + "\n";
+    }
+    text += padded("PORT", portWidth) +
+            formatted("  %-6s %10s %8s %9s  %s\n", "TARGET", "BYTES", "SECONDS", "KIB/S", "RESULT");
     for (const auto& result : results) {
-        std::snprintf(row, sizeof(row), "%s  %-6s %10" PRIu64 " %8.2f %9.1f  ",
-                      padded(result.port, portWidth).c_str(), result.target.c_str(), result.bytes,
-                      result.seconds, result.kibPerSecond());
-        text += row + result.result + "\n";
+        text += padded(DeviceText::forTerminal(result.port), portWidth) +
+                formatted("  %-6s %10" PRIu64 " %8.2f %9.1f  ", result.target.c_str(), result.bytes,
+                          result.seconds, result.kibPerSecond()) +
+                DeviceText::forTerminal(result.result) + "\n";
     }
     return text;
 }
 
 std::string Summary::jsonString(const std::string& text) {
     std::string out = "\"";
-    for (const char c : text) {
-        const auto byte = static_cast<unsigned char>(c);
-        if (c == '"' || c == '\\') {
+    for (std::size_t at = 0; at < text.size();) {
+        const std::size_t length = DeviceText::characterAt(text, at);
+        const char c = text[at];
+        if (length == 0) {
+            out += "\\ufffd"; // a byte that is no UTF-8: the replacement character
+        } else if (c == '"' || c == '\\') {
             out += '\\';
             out += c;
-        } else if (byte < 0x20) {
-            char escape[8];
-            std::snprintf(escape, sizeof(escape), "\\u%04x", byte);
-            out += escape;
+        } else if (static_cast<unsigned char>(c) < 0x20) {
+            out += formatted("\\u%04x", static_cast<unsigned>(c));
         } else {
-            out += c;
+            out.append(text, at, length);
         }
+        at += length == 0 ? 1 : length;
     }
     return out + "\"";
 }
@@ -59,5 +64,6 @@ std::string Summary::json(const BoardResult& result) {
     return "{\"port\":" + jsonString(result.port) + ",\"target\":" + jsonString(result.target) +
            ",\"bytes\":" + std::to_string(result.bytes) + ",\"seconds\":" + fixed(result.seconds, 3) +
            ",\"kib_per_s\":" + fixed(result.kibPerSecond(), 1) + ",\"ok\":" + (result.ok ? "true" : "false") +
-           ",\"result\":" + jsonString(result.result) + "}";
+           ",\"result\":" + jsonString(result.result) +
+           (result.sha256.empty() ? "" : ",\"sha256\":" + jsonString(result.sha256)) + "}";
 }

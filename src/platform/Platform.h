@@ -86,8 +86,9 @@ struct ChildProcess {
 };
 
 // Starts `program` with `arguments` (without the program itself), standard
-// output on a pipe, standard input and error shared with this process.
-// False when it could not be started.
+// output on a pipe, standard input and error shared with this process, and
+// nothing else of this process's open files. On Windows the child ends with
+// this process. False when it could not be started.
 bool startChild(const std::string& program, const std::vector<std::string>& arguments, ChildProcess& child);
 
 // Reads what the child has written: up to `size` bytes, waiting for at least
@@ -101,6 +102,14 @@ int waitChild(ChildProcess& child);
 // True when the standard output (1) or error (2) is a terminal, which then
 // also takes the cursor movements of ANSI escape sequences.
 bool isTerminal(int stream);
+
+// A write to a closed pipe or socket fails with an error instead of ending
+// the process (POSIX); nothing to do on Windows.
+void ignoreBrokenPipe();
+
+// The program's arguments as UTF-8, `argv[0]` first: on Windows from the
+// wide command line, whatever the code page; elsewhere `argv` as it is.
+std::vector<std::string> commandLineArguments(int argc, char** argv);
 
 // Ends the process at once: no static destructors, no atexit handlers.
 [[noreturn]] void exitImmediately(int code);

@@ -311,6 +311,8 @@ bool startChild(const std::string& program, const std::vector<std::string>& argu
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
     posix_spawn_file_actions_adddup2(&actions, ends[1], STDOUT_FILENO);
+    // Whatever this process left open without close-on-exec stays here.
+    posix_spawn_file_actions_addclosefrom_np(&actions, STDERR_FILENO + 1);
     pid_t pid = -1;
     const int result = ::posix_spawn(&pid, program.c_str(), &actions, nullptr, argv.data(), environ);
     posix_spawn_file_actions_destroy(&actions);
@@ -355,6 +357,14 @@ int waitChild(ChildProcess& child) {
 
 bool isTerminal(int stream) {
     return ::isatty(stream) == 1;
+}
+
+void ignoreBrokenPipe() {
+    std::signal(SIGPIPE, SIG_IGN);
+}
+
+std::vector<std::string> commandLineArguments(int argc, char** argv) {
+    return std::vector<std::string>(argv, argv + argc);
 }
 
 } // namespace Platform

@@ -3,6 +3,9 @@
 
 #include <windows.h>
 
+#include <shellapi.h>
+
+#include <algorithm>
 #include <atomic>
 #include <csignal>
 #include <cstdlib>
@@ -219,6 +222,65 @@ std::wstring quoted(const std::string& argument) {
     return result + L"\"";
 }
 
+// The one job of every child: when this process ends, for whatever reason,
+// its last handle closes and the children end with it.
+HANDLE childJob() {
+    static const HANDLE job = [] {
+        HANDLE created = CreateJobObjectW(nullptr, nullptr);
+        if (created != nullptr) {
+            JOBOBJECT_EXTENDED_LIMIT_INFORMATION limits{};
+            limits.BasicLimitInformation.LimitFlags = JOB_OBJECT_LIMIT_KILL_ON_JOB_CLOSE;
+            SetInformationJobObject(created, JobObjectExtendedLimitInformation, &limits, sizeof(limits));
+        }
+        return created;
+    }();
+    return job;
+}
+
+// The only handles a child inherits: the ones it gets as its standard
+// handles, those of them that can be inherited at all.
+class HandleList {
+public:
+    explicit HandleList(std::initializer_list<HANDLE> candidates) {
+        for (HANDLE handle : candidates) {
+            DWORD flags = 0;
+            if (handle != nullptr && handle != INVALID_HANDLE_VALUE && GetHandleInformation(handle, &flags) &&
+                (flags & HANDLE_FLAG_INHERIT) != 0 &&
+                std::find(handles.begin(), handles.end(), handle) == handles.end()) {
+                handles.push_back(handle);
+            }
+        }
+        SIZE_T size = 0;
+        InitializeProcThreadAttributeList(nullptr, 1, 0, &size);
+        storage.resize(size);
+        auto* list = reinterpret_cast<LPPROC_THREAD_ATTRIBUTE_LIST>(storage.data());
+        if (!InitializeProcThreadAttributeList(list, 1, 0, &size)) {
+            return;
+        }
+        attributeList = list;
+        if (!UpdateProcThreadAttribute(list, 0, PROC_THREAD_ATTRIBUTE_HANDLE_LIST, handles.data(),
+                                       handles.size() * sizeof(HANDLE), nullptr, nullptr)) {
+            DeleteProcThreadAttributeList(attributeList);
+            attributeList = nullptr;
+        }
+    }
+    ~HandleList() {
+        if (attributeList != nullptr) {
+            DeleteProcThreadAttributeList(attributeList);
+        }
+    }
+    HandleList(const HandleList&) = delete;
+    HandleList& operator=(const HandleList&) = delete;
+
+    // Null when the system refused the list.
+    LPPROC_THREAD_ATTRIBUTE_LIST attributes() const { return attributeList; }
+
+private:
+    std::vector<HANDLE> handles;
+    std::vector<char> storage;
+    LPPROC_THREAD_ATTRIBUTE_LIST attributeList = nullptr;
+};
+
 } // namespace
 
 bool startChild(const std::string& program, const std::vector<std::string>& arguments, ChildProcess& child) {
@@ -233,21 +295,30 @@ bool startChild(const std::string& program, const std::vector<std::string>& argu
     for (const auto& argument : arguments) {
         commandLine += L" " + quoted(argument);
     }
-    STARTUPINFOW startup{};
-    startup.cb = sizeof(startup);
-    startup.dwFlags = STARTF_USESTDHANDLES;
-    startup.hStdInput = GetStdHandle(STD_INPUT_HANDLE);
-    startup.hStdOutput = writeEnd;
-    startup.hStdError = GetStdHandle(STD_ERROR_HANDLE);
+    STARTUPINFOEXW startup{};
+    startup.StartupInfo.cb = sizeof(startup);
+    startup.StartupInfo.dwFlags = STARTF_USESTDHANDLES;
+    startup.StartupInfo.hStdInput = GetStdHandle(STD_INPUT_HANDLE);
+    startup.StartupInfo.hStdOutput = writeEnd;
+    startup.StartupInfo.hStdError = GetStdHandle(STD_ERROR_HANDLE);
+    HandleList handles({startup.StartupInfo.hStdInput, writeEnd, startup.StartupInfo.hStdError});
+    startup.lpAttributeList = handles.attributes();
     PROCESS_INFORMATION info{};
     const std::wstring path = widen(program);
-    const BOOL started = CreateProcessW(path.c_str(), commandLine.data(), nullptr, nullptr, TRUE, 0, nullptr,
-                                        nullptr, &startup, &info);
+    // Suspended until it is in the job, so that nothing it starts escapes.
+    const BOOL started = startup.lpAttributeList != nullptr &&
+                         CreateProcessW(path.c_str(), commandLine.data(), nullptr, nullptr, TRUE,
+                                        EXTENDED_STARTUPINFO_PRESENT | CREATE_SUSPENDED, nullptr, nullptr,
+                                        &startup.StartupInfo, &info);
     CloseHandle(writeEnd);
     if (!started) {
         CloseHandle(readEnd);
         return false;
     }
+    if (childJob() != nullptr) {
+        AssignProcessToJobObject(childJob(), info.hProcess);
+    }
+    ResumeThread(info.hThread);
     CloseHandle(info.hThread);
     child.process = reinterpret_cast<std::intptr_t>(info.hProcess);
     child.output = reinterpret_cast<std::intptr_t>(readEnd);
@@ -274,6 +345,22 @@ int waitChild(ChildProcess& child) {
     CloseHandle(process);
     child.process = -1;
     return known ? static_cast<int>(code) : -1;
+}
+
+void ignoreBrokenPipe() {}
+
+std::vector<std::string> commandLineArguments(int argc, char** argv) {
+    int count = 0;
+    LPWSTR* words = CommandLineToArgvW(GetCommandLineW(), &count);
+    if (words == nullptr) {
+        return std::vector<std::string>(argv, argv + argc);
+    }
+    std::vector<std::string> result;
+    for (int i = 0; i < count; ++i) {
+        result.push_back(narrow(words[i]));
+    }
+    LocalFree(words);
+    return result;
 }
 
 bool isTerminal(int stream) {

@@ -254,10 +254,20 @@ UsbTypes::Status SerialPortPosix::openPort(std::string& name) {
         logOpenFailure(name, "ioctl(TIOCEXCL)", error);
         return UsbTypes::NotAvailable;
     }
+    keepOriginalSettings(handle, name);
     // Drop whatever the driver queued before we came.
     ::tcflush(handle, TCIOFLUSH);
     fd.store(handle);
     return UsbTypes::Ok;
+}
+
+// The settings of a line before this program configured it. The reopen of
+// the same line (the ESP32 switch closes and opens it) keeps the first ones.
+void SerialPortPosix::keepOriginalSettings(int handle, const std::string& name) {
+    if (originalFor == name) {
+        return;
+    }
+    originalFor = ::tcgetattr(handle, &original) == 0 ? name : std::string();
 }
 
 UsbTypes::Status SerialPortPosix::closePort() {
@@ -268,6 +278,11 @@ UsbTypes::Status SerialPortPosix::closePort() {
     }
     // Calls that hold the descriptor finish before it is released.
     usage.beginClose([this] { wakeWaiters(); });
+    // The line goes back as it was found: a terminal named as the port is
+    // not left raw. A line that has hung up refuses, and needs nothing.
+    if (!originalFor.empty()) {
+        ::tcsetattr(handle, TCSANOW, &original);
+    }
     ::ioctl(handle, TIOCNXCL);
     const int result = ::close(handle);
     const int error = errno;

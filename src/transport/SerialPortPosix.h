@@ -3,6 +3,8 @@
 #include "PortUsage.h"
 #include "SerialPort.h"
 
+#include <termios.h>
+
 #include <atomic>
 #include <mutex>
 #include <string>
@@ -52,6 +54,7 @@ private:
     void logReadFailure(const std::string& call, int error);
     void logWriteFailure(int error);
     std::string currentPortName() const;
+    void keepOriginalSettings(int handle, const std::string& name);
 
     std::atomic<int> fd{-1};
     std::atomic<UsbTypes::Baudrate> baudrate{UsbTypes::Baud115200};
@@ -63,6 +66,10 @@ private:
     PortUsage usage;
     // A byte written here wakes reads and writes waiting in poll().
     int wakePipe[2] = {-1, -1};
+    // Under the lifecycle lock: the line's own settings, given back on
+    // close, and the line they belong to (empty for none).
+    termios original{};
+    std::string originalFor;
     // The last read failure logged, so that a dead line is reported once and
     // not on every poll of the listener.
     std::atomic<int> lastReadError{0};

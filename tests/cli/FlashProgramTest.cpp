@@ -1,6 +1,7 @@
 // merid-flash run as people and scripts run it, against simulated boards:
 // each subcommand, a gang with one failing board, and the bad input that
-// must end the run before anything reaches a board.
+// must end the run before anything reaches a board; and what a hostile
+// file, board or output cannot do.
 #include "DeviceSimulator.h"
 #include "EspRomBridge.h"
 #include "SimDevice.h"
@@ -10,12 +11,19 @@
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
+#include "PtyPair.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
+#include <termios.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cstdlib>
 #include <memory>
 #include <sstream>
+#include <thread>
 
 using testsupport::Bytes;
 
@@ -30,7 +38,8 @@ struct Outcome {
 // One simulated board: the payload device at address 2 and the ESP32
 // behind the enter frame.
 struct Board {
-    Board() {
+    explicit Board(const EspRomSimulator::Config& config = {})
+        : chip(std::make_shared<EspRomSimulator>(config)) {
         EspRomBridge::install(simulator, chip);
         simulator.addDevice(SimDevice::standard(2, "MeridKestal STM32"));
         started = simulator.start();
@@ -39,7 +48,7 @@ struct Board {
     const std::string& port() const { return simulator.slavePath(); }
 
     DeviceSimulator simulator;
-    std::shared_ptr<EspRomSimulator> chip = std::make_shared<EspRomSimulator>();
+    std::shared_ptr<EspRomSimulator> chip;
     bool started = false;
 };
 
@@ -241,6 +250,16 @@ TEST_F(FlashProgram, BadInputEndsTheRunBeforeAnythingIsSent) {
     holder.portName = boards[2]->port();
     ASSERT_EQ(holder.connect(UsbCommunication::MethodCom), UsbTypes::Ok);
     const std::string good = boards[0]->port() + " ";
+    // Sparse files over each target's limit, a second name of the first
+    // board's port, and a FIFO with a reader (so that a write would not hang).
+    const std::string huge = dir.path() + "/huge.bin", large = dir.path() + "/large.bin";
+    ASSERT_TRUE(testsupport::writeFile(huge, {}) && testsupport::writeFile(large, {}));
+    std::filesystem::resize_file(huge, 1ull << 32);
+    std::filesystem::resize_file(large, (16u << 20) + 4);
+    const std::string link = dir.path() + "/board-link", fifo = dir.path() + "/log.fifo";
+    std::filesystem::create_symlink(boards[0]->port(), link);
+    ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0);
+    const int fifoReader = ::open(fifo.c_str(), O_RDONLY | O_NONBLOCK);
     struct Case {
         std::string arguments;
         std::string line;
@@ -259,6 +278,14 @@ TEST_F(FlashProgram, BadInputEndsTheRunBeforeAnythingIsSent) {
         {"stm32 -p " + good + "-p " + good + imagePath, "port " + boards[0]->port() + " is given twice"},
         {"esp32 --frob -p " + good + imagePath, "The following argument was not expected: --frob"},
         {"esp32 -b 1234 -p " + good + imagePath, "unsupported speed 1234"},
+        {"stm32 -p " + good + huge,
+         huge + ": the file has 4294967296 bytes; an STM32 image can have at most 4294967295"},
+        {"esp32 -p " + good + large,
+         large + ": the file has 16777220 bytes; an ESP32 image can have at most 16777216"},
+        {"esp32 -p " + good + "-p " + link + " " + imagePath, "port " + link + " is given twice"},
+        {"stm32 --log " + imagePath + " -p " + good + imagePath,
+         imagePath + ": the log file is the image itself"},
+        {"stm32 --log " + fifo + " -p " + good + imagePath, fifo + ": the log file is not a regular file"},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.arguments);
@@ -273,4 +300,157 @@ TEST_F(FlashProgram, BadInputEndsTheRunBeforeAnythingIsSent) {
         EXPECT_EQ(board->simulator.journalSize(), 0u);
         EXPECT_EQ(board->simulator.bytesReceived(), 0u);
     }
+    EXPECT_EQ(testsupport::readFile(imagePath).size(), image.size()); // not taken for the log
+    ::close(fifoReader);
+}
+
+namespace {
+
+std::string sha256Of(const std::string& path) {
+    std::string text;
+    if (std::FILE* pipe = ::popen(("sha256sum " + path).c_str(), "r")) {
+        for (int c = std::fgetc(pipe); c != EOF && c != ' '; c = std::fgetc(pipe)) {
+            text += static_cast<char>(c);
+        }
+        ::pclose(pipe);
+    }
+    return text;
+}
+
+} // namespace
+
+// The image is read once, before anything is sent: a file replaced during the
+// run reaches no board, and the digest of what every board got is printed.
+// An image larger than the flash the chip reports is refused in those words.
+TEST_F(FlashProgram, EveryBoardGetsTheImageAsItWasAtTheStart) {
+    const std::string digest = sha256Of(imagePath);
+    ASSERT_EQ(digest.size(), 64u);
+    boards[1]->simulator.silenceNext(1); // its search is answered a second later
+    Outcome gang;
+    std::thread run_([&] {
+        gang = run("stm32 --json -b 921600 -p " + boards[0]->port() + " -p " + boards[1]->port() + " " +
+                   imagePath);
+    });
+    EXPECT_TRUE(testsupport::waitUntil([&] { return boards[0]->simulator.bytesReceived() > 4000; }));
+    ASSERT_TRUE(testsupport::writeFile(imagePath, Bytes(image.size() / 2, 0x66)));
+    run_.join();
+    EXPECT_EQ(gang.exitCode, 0) << gang.err;
+    EXPECT_EQ(boards[0]->simulator.finishedImage(2, 0), image);
+    EXPECT_EQ(boards[1]->simulator.finishedImage(2, 0), image);
+    for (const auto& result : jsonLines(gang.out)) {
+        EXPECT_EQ(result.value("sha256", ""), digest);
+    }
+    EXPECT_EQ(gang.err.find("\nimage SHA-256 " + digest + "\n"), gang.err.rfind("\n\n") + 1) << gang.err;
+
+    EspRomSimulator::Config small;
+    small.flashSize = 256u << 10;
+    Board tiny(small);
+    ASSERT_TRUE(tiny.started);
+    const std::string big = dir.path() + "/big.bin";
+    ASSERT_TRUE(testsupport::writeFile(big, Bytes(512u << 10, 0x11)));
+    Outcome refused = run("esp32 -q -p " + tiny.port() + " " + big);
+    EXPECT_EQ(refused.exitCode, 1);
+    EXPECT_EQ(refused.err, "merid-flash: " + tiny.port() +
+                               ": the image has 524288 bytes, more than the chip's flash of 262144 bytes\n");
+}
+
+// Nobody reading the output holds or ends a load: neither an output closed
+// under the program nor a terminal stopped (Ctrl-S) while the boards load.
+TEST_F(FlashProgram, NobodyReadingTheOutputHoldsNoLoad) {
+    const std::string status = dir.path() + "/status";
+    const std::string gang = std::string(MERID_FLASH_PATH) + " stm32 -b 921600 -p " + boards[0]->port() +
+                             " -p " + boards[1]->port() + " " + imagePath;
+    const std::string closed = "(" + gang + " 2>/dev/null; echo $? >" + status + ") | true";
+    ASSERT_EQ(std::system(closed.c_str()), 0);
+    EXPECT_EQ(testsupport::readFile(status), "0\n");
+    EXPECT_EQ(boards[0]->simulator.finishedImage(2, 0), image);
+    EXPECT_EQ(boards[1]->simulator.finishedImage(2, 0), image);
+
+    PtyPair terminal;
+    ASSERT_TRUE(terminal.isValid());
+    const int slave = ::open(terminal.slavePath().c_str(), O_RDWR | O_NOCTTY);
+    ::tcflow(slave, TCOOFF);
+    std::atomic<bool> ended{false};
+    int exitCode = -1;
+    std::thread stopped([&] {
+        const int code = std::system((gang + " >" + terminal.slavePath() + " 2>&1").c_str());
+        exitCode = WIFEXITED(code) ? WEXITSTATUS(code) : -1;
+        ended = true;
+    });
+    EXPECT_TRUE(testsupport::waitUntil([&] {
+        return boards[0]->simulator.counters(2)->fileFinishes == 2 &&
+               boards[1]->simulator.counters(2)->fileFinishes == 2;
+    }));
+    ::tcflow(slave, TCOON);
+    testsupport::waitUntil([&] { return terminal.receive(1 << 16, 50).empty() && ended; });
+    stopped.join();
+    ::close(slave);
+    EXPECT_EQ(exitCode, 0);
+}
+
+// What a board calls itself reaches the terminal with its control
+// characters escaped, one line per device and field, and the JSON stays
+// valid UTF-8.
+TEST_F(FlashProgram, DeviceTextIsShownEscaped) {
+    const std::string title = "Evil\x1b]52;c;SGk=\x07\nforged\xff\xc2\x9b";
+    SimDevice device = SimDevice::standard(2, title);
+    device.addField("f\x1b[2Jx", 8);
+    boards[0]->simulator.removeDevice(2);
+    boards[0]->simulator.addDevice(device);
+    Outcome shown = run("search -p " + boards[0]->port());
+    ASSERT_EQ(shown.exitCode, 0) << shown.err;
+    EXPECT_EQ(shown.out.find('\x1b'), std::string::npos) << shown.out;
+    EXPECT_NE(shown.out.find("  Evil\\x1b]52;c;SGk=\\x07\\x0aforged\\xff\\xc2\\x9b  "), std::string::npos)
+        << shown.out;
+    EXPECT_NE(shown.out.find("  f\\x1b[2Jx  type 8\n"), std::string::npos) << shown.out;
+    EXPECT_EQ(std::count(shown.out.begin(), shown.out.end(), '\n'), 8) << shown.out; // the device, 7 fields
+
+    Outcome json = run("search --json -p " + boards[0]->port());
+    const auto found = nlohmann::json::parse(json.out); // throws on bytes that are no UTF-8
+    ASSERT_EQ(found["devices"].size(), 1u);
+    EXPECT_EQ(found["devices"][0]["name"], "Evil\x1b]52;c;SGk=\x07\nforged\xef\xbf\xbd\xc2\x9b");
+}
+
+// A terminal named as the port gets its settings back, and a board's
+// process holds none of its parent's files (the log among them).
+TEST_F(FlashProgram, LeavesTheTerminalAndTheFilesAsTheyWere) {
+    PtyPair terminal;
+    ASSERT_TRUE(terminal.isValid());
+    const int slave = ::open(terminal.slavePath().c_str(), O_RDWR | O_NOCTTY);
+    termios cooked{};
+    ::tcgetattr(slave, &cooked);
+    cooked.c_lflag |= ICANON | ECHO | ISIG;
+    cooked.c_oflag |= OPOST;
+    ::tcsetattr(slave, TCSANOW, &cooked);
+    Outcome refused = run("stm32 -p " + terminal.slavePath() + " -p /dev/merid-none " + imagePath);
+    EXPECT_EQ(refused.exitCode, 2);
+    termios after{};
+    ::tcgetattr(slave, &after);
+    ::close(slave);
+    EXPECT_EQ(after.c_lflag & (ICANON | ECHO | ISIG), static_cast<tcflag_t>(ICANON | ECHO | ISIG));
+    EXPECT_EQ(after.c_oflag & OPOST, static_cast<tcflag_t>(OPOST));
+
+    const std::string log = dir.path() + "/flash.log";
+    Outcome load;
+    std::thread run_(
+        [&] { load = run("stm32 --log " + log + " -p " + boards[0]->port() + " " + imagePath); });
+    std::vector<std::string> held;
+    EXPECT_TRUE(testsupport::waitUntil([&] {
+        for (const auto& process : std::filesystem::directory_iterator("/proc")) {
+            const std::string words = testsupport::readFile(process.path() / "cmdline");
+            if (words.find(std::string("--worker") + '\0') == std::string::npos ||
+                words.find(boards[0]->port()) == std::string::npos) {
+                continue;
+            }
+            std::error_code error;
+            for (const auto& fd : std::filesystem::directory_iterator(process.path() / "fd", error)) {
+                held.push_back(std::filesystem::read_symlink(fd.path(), error).string());
+            }
+            return !held.empty();
+        }
+        return false;
+    }));
+    run_.join();
+    EXPECT_EQ(load.exitCode, 0) << load.err;
+    EXPECT_EQ(std::count(held.begin(), held.end(), log), 0) << testing::PrintToString(held);
 }

@@ -1,5 +1,7 @@
 // What merid-flash writes for people and scripts: the reports of a board's
 // process, the JSON and the table of the end, and the progress lines.
+#include "BoardLog.h"
+#include "DeviceText.h"
 #include "ProgressView.h"
 #include "Summary.h"
 #include "WorkerReport.h"
@@ -30,7 +32,8 @@ TEST(WorkerReport, EveryKindComesBackAsSent) {
     EXPECT_EQ(progress->kind, BoardEvent::Kind::Progress);
     EXPECT_EQ(progress->percent, 42u);
     EXPECT_EQ(progress->bytes, 123456u);
-    for (const std::string reason : {"", "esp_loader_flash_write failed: 9", "verified"}) {
+    for (const std::string reason :
+         {"", "esp_loader_flash_write failed: 9", "verified", "md5 \\n\nforged row\r\\"}) {
         for (const bool ok : {true, false}) {
             std::string line = WorkerReport::done(ok, reason);
             line.pop_back();
@@ -52,8 +55,8 @@ TEST(WorkerReport, EveryKindComesBackAsSent) {
 // Port names and reasons with quotes, backslashes and control characters
 // still make valid JSON that reads back as the same text.
 TEST(Summary, JsonAndTableCarryEveryBoard) {
-    BoardResult windows{"\\\\.\\COM10", "esp32", 65536, 2.0, true, "verified"};
-    BoardResult odd{"/tmp/a \"b\"", "stm32", 1000, 0.5, false, "line\tone\nline two \x01"};
+    BoardResult windows{"\\\\.\\COM10", "esp32", 65536, 2.0, true, "verified", ""};
+    BoardResult odd{"/tmp/a \"b\"", "stm32", 1000, 0.5, false, "line\tone\nline two \x01", ""};
     for (const BoardResult& result : {windows, odd}) {
         const auto object = nlohmann::json::parse(Summary::json(result));
         EXPECT_EQ(object["port"], result.port);
@@ -96,4 +99,67 @@ TEST(ProgressView, TenthsWithoutTerminalRedrawOnOne) {
     EXPECT_EQ(screen.find("\x1b[2A"), screen.find("\r\x1b[KA    0%", 1) - 4) << screen;
     EXPECT_NE(screen.find("\r\x1b[KBB  50%       500/1000 bytes"), std::string::npos) << screen;
     std::fclose(terminal);
+}
+
+// Text from outside: shown with every control character and every byte that
+// is no UTF-8 escaped; in JSON always valid UTF-8.
+TEST(DeviceText, ControlsAndBadBytesAreEscapedForTerminalAndJson) {
+    struct Case {
+        std::string text;
+        std::string shown;
+        std::string json;
+    };
+    const Case cases[] = {
+        {"plain", "plain", "\"plain\""},
+        {"\x1b]52;c;SGk=\x07", "\\x1b]52;c;SGk=\\x07", "\"\\u001b]52;c;SGk=\\u0007\""},
+        {"a\nb\rc\x7f", "a\\x0ab\\x0dc\\x7f", "\"a\\u000ab\\u000dc\x7f\""},
+        {"\xc2\x9b[2J \xc3\xa9", "\\xc2\\x9b[2J \xc3\xa9", "\"\xc2\x9b[2J \xc3\xa9\""},
+        {"\xff\xc0\xaf\xed\xa0\x80\xe2\x82", "\\xff\\xc0\\xaf\\xed\\xa0\\x80\\xe2\\x82",
+         "\"\\ufffd\\ufffd\\ufffd\\ufffd\\ufffd\\ufffd\\ufffd\\ufffd\""},
+        {"\xf0\x9f\x98\x80\xf4\x90\x80\x80", "\xf0\x9f\x98\x80\\xf4\\x90\\x80\\x80",
+         "\"\xf0\x9f\x98\x80\\ufffd\\ufffd\\ufffd\\ufffd\""},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.shown);
+        EXPECT_EQ(DeviceText::forTerminal(c.text), c.shown);
+        EXPECT_EQ(Summary::jsonString(c.text), c.json);
+        EXPECT_TRUE(nlohmann::json::accept(c.json));
+    }
+    BoardResult forged{
+        "/dev/ttyUSB0", "esp32", 4, 1.0, false, "flash MD5 mismatch: flash MD5 \x1b[2J\nOK", ""};
+    const std::string table = Summary::table({forged});
+    EXPECT_EQ(std::count(table.begin(), table.end(), '\n'), 2) << table;
+    EXPECT_NE(table.find("flash MD5 \\x1b[2J\\x0aOK\n"), std::string::npos) << table;
+}
+
+// Names of any length make whole lines: every column, nothing cut.
+TEST(ProgressView, LongPortNamesMakeWholeLines) {
+    const std::string port = "/dev/serial/by-id/" + std::string(400, 'x');
+    const std::string line = ProgressView::line(port, 42, 1u << 20, 4u << 20, 2.0);
+    EXPECT_EQ(line, port + "  42%   1048576/4194304 bytes    512.0 KiB/s      6 s left");
+    BoardResult result{port, "stm32", 4u << 20, 8.0, true, "confirmed", std::string(64, 'a')};
+    const std::string table = Summary::table({result});
+    EXPECT_EQ(table, "image SHA-256 " + std::string(64, 'a') + "\nPORT" + std::string(port.size() - 4, ' ') +
+                         "  TARGET      BYTES  SECONDS     KIB/S  RESULT\n" + port +
+                         "  stm32     4194304     8.00     512.0  confirmed\n");
+}
+
+// A flood of warnings keeps the last of them and the count of all, and
+// says once that the older ones are gone.
+TEST(BoardLog, AFloodKeepsTheCountAndTheLastProblems) {
+    std::vector<std::string> lines;
+    BoardLog log([&lines](const std::string& line) { lines.push_back(line); });
+    const unsigned flood = 10 * BoardLog::kKeptProblems;
+    for (unsigned i = 0; i < flood; ++i) {
+        log.log("problem " + std::to_string(i), BaseLogger::WARNING, "Tag: ");
+    }
+    EXPECT_EQ(log.problemCount(), flood);
+    EXPECT_EQ(log.lastProblem(), "problem " + std::to_string(flood - 1));
+    EXPECT_EQ(log.problemStartingWith("problem 0", 0), "");
+    EXPECT_EQ(log.problemStartingWith("problem", flood - 2), "problem " + std::to_string(flood - 2));
+    const auto notes = std::count_if(lines.begin(), lines.end(), [](const std::string& line) {
+        return line.find("only the last") != std::string::npos;
+    });
+    EXPECT_EQ(notes, 1);
+    EXPECT_EQ(lines.size(), flood + 1);
 }
