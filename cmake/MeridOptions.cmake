@@ -16,6 +16,8 @@ if(MERID_WINDOWS)
         set(ENV{PKG_CONFIG_LIBDIR}
             "${MERID_WIN_GTK_PREFIX}/lib/pkgconfig:${MERID_WIN_GTK_PREFIX}/share/pkgconfig:${CMAKE_FIND_ROOT_PATH}/lib/pkgconfig")
         set(ENV{PKG_CONFIG_PATH} "")
+        # The libraries pkg-config names are looked up below the roots only.
+        list(APPEND CMAKE_FIND_ROOT_PATH "${MERID_WIN_GTK_PREFIX}")
     else()
         set(_merid_gui_default OFF)
     endif()
