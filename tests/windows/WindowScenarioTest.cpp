@@ -102,7 +102,7 @@ TEST_F(WindowScenario, ConnectSearchLoadTheStm32AndFlashTheEsp32AfterARefusal) {
 
     ui->get<Gtk::ComboBoxText>("FirmwareMethodComboBoxText")->set_active_text("ESP32");
     pickImage("SelectFirmwareEsp32Button", "esp32.bin", 64 * 1024, 88172645u);
-    ASSERT_TRUE(upload("MainWindow: ESP32 flashing failed: esp_loader_flash_write failed: "))
+    ASSERT_TRUE(upload("MainWindow: ESP32 flashing failed: esp_loader_flash_deflate_write failed: "))
         << "label: " << statusText();
     EXPECT_NE(statusText(), kFlashedText);
     ASSERT_TRUE(upload()) << "ESP32 flash after the refusal, label: " << statusText();
