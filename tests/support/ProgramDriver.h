@@ -28,10 +28,6 @@ public:
     void choosePreinstalledEsp32();
     // Connection > Quit from the keyboard: the menu opened on its last
     // entry, then that entry taken.
-    void quitFromMenu() {
-        openQuitEntry();
-        takeMenuEntry();
-    }
     void openQuitEntry();
     void takeMenuEntry() { x11.pressKey(*mainWindow, "Return"); }
     // The window's close button.
