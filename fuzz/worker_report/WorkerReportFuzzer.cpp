@@ -2,6 +2,7 @@
 // them: cut at line feeds, a carriage return dropped, each parsed and handed
 // to the progress view. Whatever a line says, the view keeps its percent
 // within 100, and a line the worker itself would write reads back as written.
+#include "DefaultMaxLen.h"
 #include "ProgressView.h"
 #include "WorkerReport.h"
 
@@ -51,7 +52,12 @@ void roundTrip(const BoardEvent& event) {
 
 } // namespace
 
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
+// Each line is parsed on its own, and the lines a worker writes run from a
+// dozen bytes to a few hundred for a log line; a kilobyte holds the longest
+// or dozens of short ones in a row for the view, so longer inputs only add
+// more of the same.
+extern "C" int LLVMFuzzerInitialize(int* argc, char*** argv) {
+    setDefaultMaxLen(argc, argv, 1024);
     gSink = std::fopen("/dev/null", "w");
     return 0;
 }
