@@ -19,7 +19,9 @@ public:
     bool word(std::string_view expected) {
         skipBlanks();
         const std::size_t end = at + expected.size();
-        if (line.compare(at, expected.size(), expected) != 0 || (end < line.size() && !isBlank(line[end]))) {
+        // Most lines part from the wanted word at its first letter.
+        if (at == line.size() || line[at] != expected.front() ||
+            line.compare(at, expected.size(), expected) != 0 || (end < line.size() && !isBlank(line[end]))) {
             return false;
         }
         at = end;
