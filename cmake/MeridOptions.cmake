@@ -38,7 +38,8 @@ endif()
 set(MERID_WARNINGS -Wall -Wextra -Wpedantic)
 
 if(MERID_BUILD_FUZZ)
-    add_compile_options(-fsanitize=fuzzer-no-link,address,undefined -fno-omit-frame-pointer)
+    add_compile_options(-fsanitize=fuzzer-no-link,address,undefined -fno-omit-frame-pointer
+                        -fsanitize-coverage-ignorelist=${PROJECT_SOURCE_DIR}/fuzz/coverage-ignore.txt)
     add_link_options(-fsanitize=address,undefined)
 endif()
 

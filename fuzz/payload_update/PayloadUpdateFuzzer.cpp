@@ -3,6 +3,7 @@
 // set or get, a file transfer), so that accepted answers reach every branch
 // of process; the second byte cuts the rest into blocks as a serial read would.
 
+#include "DefaultMaxLen.h"
 #include "GlobalHandlerEvents.h"
 #include "PayloadHandler.h"
 
@@ -82,7 +83,12 @@ void prepare(PayloadHandler& handler, std::uint8_t scenario) {
 
 } // namespace
 
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
+// A frame is at most 258 bytes and the answers of a whole transfer of the
+// test image are a few dozen bytes each: 512 bytes hold the longest frame
+// with noise around it, or every answer of the transfer, so longer inputs
+// only make the parser read more of the same.
+extern "C" int LLVMFuzzerInitialize(int* argc, char*** argv) {
+    setDefaultMaxLen(argc, argv, 512);
     const char* dir = std::getenv("TMPDIR");
     gImagePath =
         std::string(dir != nullptr ? dir : "/tmp") + "/merid-fuzz-image-" + std::to_string(getpid()) + ".bin";

@@ -1,8 +1,71 @@
 #include "WorkerReport.h"
 
-#include <sstream>
+#include <limits>
+#include <string_view>
+#include <type_traits>
 
 namespace {
+
+// The words of a report line, read as a stream in the classic locale reads
+// them, without building one for every line: blanks skipped before each
+// word, a number in decimal with an optional sign (a minus wraps an unsigned
+// one around), and a number out of its type's range refused.
+class Words {
+public:
+    explicit Words(const std::string& line) : line(line) {}
+
+    // Takes `expected` if it is the next word. Only the length of the wanted
+    // word is looked at, however long the one on the line.
+    bool word(std::string_view expected) {
+        skipBlanks();
+        const std::size_t end = at + expected.size();
+        // Most lines part from the wanted word at its first letter.
+        if (at == line.size() || line[at] != expected.front() ||
+            line.compare(at, expected.size(), expected) != 0 || (end < line.size() && !isBlank(line[end]))) {
+            return false;
+        }
+        at = end;
+        return true;
+    }
+
+    template <typename T> bool number(T& value) {
+        using Magnitude = std::make_unsigned_t<T>;
+        skipBlanks();
+        const bool negative = at < line.size() && line[at] == '-';
+        if (at < line.size() && (negative || line[at] == '+')) {
+            ++at;
+        }
+        const Magnitude limit = negative && std::is_signed_v<T>
+                                    ? Magnitude(0) - static_cast<Magnitude>(std::numeric_limits<T>::min())
+                                    : static_cast<Magnitude>(std::numeric_limits<T>::max());
+        Magnitude magnitude = 0;
+        bool digits = false;
+        bool overflow = false;
+        for (; at < line.size() && line[at] >= '0' && line[at] <= '9'; ++at) {
+            const auto digit = static_cast<Magnitude>(line[at] - '0');
+            digits = true;
+            overflow = overflow || magnitude > (limit - digit) / 10;
+            magnitude = static_cast<Magnitude>(magnitude * 10 + digit);
+        }
+        if (!digits || overflow) {
+            return false;
+        }
+        value = static_cast<T>(negative ? Magnitude(0) - magnitude : magnitude);
+        return true;
+    }
+
+private:
+    static bool isBlank(char c) { return c == ' ' || (c >= '\t' && c <= '\r'); }
+
+    void skipBlanks() {
+        while (at < line.size() && isBlank(line[at])) {
+            ++at;
+        }
+    }
+
+    const std::string& line;
+    std::size_t at = 0;
+};
 
 // A reason stays one line on the pipe, whatever bytes the board put in it.
 std::string oneLine(const std::string& text) {
@@ -49,28 +112,30 @@ std::string WorkerReport::done(bool ok, const std::string& reason) {
 }
 
 std::optional<BoardEvent> WorkerReport::parse(const std::string& line) {
-    std::istringstream in(line);
-    std::string kind;
-    in >> kind;
+    Words in(line);
     BoardEvent event;
-    const auto rest = [&line, &kind](std::size_t skip) {
+    // The text after the kind's word and `skip` more characters.
+    const auto rest = [&line](std::string_view kind, std::size_t skip) {
         const std::size_t at = kind.size() + 1 + skip;
         return at < line.size() ? line.substr(at) : std::string();
     };
-    if (kind == "progress" && in >> event.percent >> event.bytes) {
+    if (in.word("progress")) {
+        if (!in.number(event.percent) || !in.number(event.bytes)) {
+            return std::nullopt;
+        }
         event.kind = BoardEvent::Kind::Progress;
         return event;
     }
-    if (kind == "log") {
+    if (in.word("log")) {
         event.kind = BoardEvent::Kind::Log;
-        event.text = rest(0);
+        event.text = rest("log", 0);
         return event;
     }
     int ok = 0;
-    if (kind == "done" && in >> ok) {
+    if (in.word("done") && in.number(ok)) {
         event.kind = BoardEvent::Kind::Done;
         event.ok = ok == 1;
-        event.text = fromOneLine(rest(2));
+        event.text = fromOneLine(rest("done", 2));
         return event;
     }
     return std::nullopt;

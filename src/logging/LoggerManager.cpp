@@ -84,14 +84,23 @@ BaseLogger* LoggerManager::sinkFor(LoggerType type) {
     throw std::invalid_argument("Unknown logger type");
 }
 
+// The level filter. MINIMUM lets ERROR alone through: FATAL is held back too.
+bool LoggerManager::passes(BaseLogger::MessageType type) const {
+    if (globalLevel == MINIMUM && type != BaseLogger::ERROR) {
+        return false;
+    }
+    return globalLevel != IMPORTANT || (type >= BaseLogger::WARNING && type <= BaseLogger::FATAL);
+}
+
+bool LoggerManager::wants(BaseLogger::MessageType type) const {
+    std::lock_guard<std::mutex> lock(mutex);
+    return !activeLoggers.empty() && passes(type);
+}
+
 void LoggerManager::log(const std::string& message, BaseLogger::MessageType type, const std::string& tag) {
     // One dispatch at a time, so both sinks see the same order.
     std::lock_guard<std::mutex> lock(mutex);
-    // The level filter. MINIMUM lets ERROR alone through: FATAL is held back too.
-    if (globalLevel == MINIMUM && type != BaseLogger::ERROR) {
-        return;
-    }
-    if (globalLevel == IMPORTANT && (type < BaseLogger::WARNING || type > BaseLogger::FATAL)) {
+    if (!passes(type)) {
         return;
     }
     // Each sink in order; a failing sink does not stop the next.

@@ -25,6 +25,8 @@ public:
     Level getGlobalLevel() const;
     BaseLogger* getLoggerInstance(LoggerType type);
     void log(const std::string& message, BaseLogger::MessageType type, const std::string& tag);
+    // Whether a report of this type would reach any sink now.
+    bool wants(BaseLogger::MessageType type) const;
 
     // Applies MERID_LOG_LEVEL: "OFF", "FULL", "IMPORTANT", "MINIMUM" in any
     // case; anything else is ignored.
@@ -41,6 +43,7 @@ public:
 private:
     LoggerManager() = default;
     BaseLogger* sinkFor(LoggerType type);
+    bool passes(BaseLogger::MessageType type) const;
 
     std::vector<LoggerType> activeLoggers;
     Level globalLevel = FULL;

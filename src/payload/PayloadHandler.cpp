@@ -11,7 +11,7 @@
 
 namespace {
 
-const char* const kTag = "PayloadHandler: ";
+const std::string kTag = "PayloadHandler: ";
 
 std::string num(unsigned long long value) {
     return std::to_string(value);
@@ -43,7 +43,7 @@ std::recursive_mutex& PayloadHandler::stateMutex() {
     return deviceHandler.getMutex();
 }
 
-void PayloadHandler::log(const std::string& message, BaseLogger::MessageType type) {
+void PayloadHandler::report(const std::string& message, BaseLogger::MessageType type) {
     logger.log(message, type, kTag);
 }
 
@@ -115,11 +115,17 @@ unsigned long long PayloadHandler::update(const void* data, unsigned long long s
             state = WAIT_SYNC;
         }
         switch (state) {
-        case WAIT_SYNC:
-            if (byte == kSyncByte) {
+        case WAIT_SYNC: {
+            // Noise up to the next sync byte is passed over in one step.
+            const auto* sync = static_cast<const unsigned char*>(std::memchr(bytes + i, kSyncByte, size - i));
+            if (sync == nullptr) {
+                i = size - 1;
+            } else {
+                i = static_cast<unsigned long long>(sync - bytes);
                 state = WAIT_LENGTH;
             }
             break;
+        }
         case WAIT_LENGTH:
             rxLength = static_cast<std::uint64_t>(byte) + 1;
             if (byte == 255) {
@@ -129,12 +135,17 @@ unsigned long long PayloadHandler::update(const void* data, unsigned long long s
                 state = READ_PAYLOAD;
             }
             break;
-        case READ_PAYLOAD:
-            rxBuffer[rxCount++] = byte;
+        case READ_PAYLOAD: {
+            // As much of the payload as this block holds, at once.
+            const auto count = std::min<unsigned long long>(rxLength - rxCount, size - i);
+            std::memcpy(rxBuffer.data() + rxCount, bytes + i, count);
+            rxCount += count;
+            i += count - 1;
             if (rxCount >= rxLength) {
                 state = CHECK_CRC;
             }
             break;
+        }
         case CHECK_CRC:
             state = FastCrc8::update(0, rxBuffer.data(), rxLength) == byte ? FRAME_READY : FRAME_BAD_CRC;
             if (state == FRAME_READY) {
@@ -142,7 +153,7 @@ unsigned long long PayloadHandler::update(const void* data, unsigned long long s
                 rxState.store(state, std::memory_order_relaxed);
                 process(rxBuffer.data(), rxLength);
             } else {
-                log("received message with wrong CRC", BaseLogger::ERROR);
+                log(BaseLogger::ERROR, "received message with wrong CRC");
             }
             break;
         default:
@@ -151,7 +162,7 @@ unsigned long long PayloadHandler::update(const void* data, unsigned long long s
     }
     rxState.store(state, std::memory_order_relaxed);
     if (state == WAIT_SYNC) {
-        log("received message is not Payload type", BaseLogger::WARNING);
+        log(BaseLogger::WARNING, "received message is not Payload type");
     }
     return frames;
 }
@@ -174,13 +185,12 @@ void PayloadHandler::process(const void* payload, unsigned long long size) {
     // The acceptance test.
     auto entry = messages.find(currentMessage);
     if (entry == messages.end() || p[0] != packNumber) {
-        log("received unexpected message (device " + num(p[1]) + ", message " + num(p[2]) + ", pack #" +
-                num(p[0]) + ")",
-            BaseLogger::WARNING);
+        log(BaseLogger::WARNING, "received unexpected message (device ", num(p[1]), ", message ", num(p[2]),
+            ", pack #", num(p[0]), ")");
         return;
     }
     if (deviceHandler.getDevice(p[1]) == nullptr && lastCommand != DEVICE_INFO_REQ) {
-        log("unknown device address " + num(p[1]) + ". Pack " + num(p[0]), BaseLogger::WARNING);
+        log(BaseLogger::WARNING, "unknown device address ", num(p[1]), ". Pack ", num(p[0]));
         return;
     }
     // currentMessage stays, so that a second answer fails the test above.
@@ -190,7 +200,7 @@ void PayloadHandler::process(const void* payload, unsigned long long size) {
     // The steps below may send the next request, which changes lastCommand.
     const std::uint8_t command = lastCommand;
     if (p[2] != 0) {
-        log("Message with problem - error code: " + num(p[2]), BaseLogger::WARNING);
+        log(BaseLogger::WARNING, "Message with problem - error code: ", num(p[2]));
         if (lastCommand == FILE_WRITE_REQ) {
             reportUnconfirmedFinish();
         }
@@ -217,7 +227,7 @@ void PayloadHandler::process(const void* payload, unsigned long long size) {
         processFileWrite(device, field);
         break;
     case FILE_READ_REQ:
-        log("Message type: FILE_READ_REQ", BaseLogger::DEBUG);
+        log(BaseLogger::DEBUG, "Message type: FILE_READ_REQ");
         break;
     default:
         break;
@@ -237,7 +247,7 @@ void PayloadHandler::notifyAnswer(std::uint8_t command, std::uint8_t status) {
 }
 
 void PayloadHandler::processDeviceInfo(const unsigned char* p) {
-    log("Message type: DEVICE_INFO_REQ", BaseLogger::DEBUG);
+    log(BaseLogger::DEBUG, "Message type: DEVICE_INFO_REQ");
     DeviceInfo info{};
     info.address = p[1];
     std::memcpy(reinterpret_cast<unsigned char*>(&info) + 1, p + 3, sizeof(DeviceInfo) - 1);
@@ -246,14 +256,13 @@ void PayloadHandler::processDeviceInfo(const unsigned char* p) {
     }
     info.name[info.nameLength] = '\0';
     std::string name = info.nameLength == 0 ? std::string("Unnamed") : std::string(info.name);
-    log("device info response (device " + num(p[1]) + ", " + name + ", " + num(p[3]) + "." + num(p[4]) + ")" +
-            " Pack #" + num(packNumber),
-        BaseLogger::INFO);
+    log(BaseLogger::INFO, "device info response (device ", num(p[1]), ", ", name, ", ", num(p[3]), ".",
+        num(p[4]), ") Pack #", num(packNumber));
     deviceHandler.addDevice(info);
 }
 
 void PayloadHandler::processSetField(std::uint8_t device, std::uint8_t field) {
-    log("Message type: SET_FIELD_REQ", BaseLogger::DEBUG);
+    log(BaseLogger::DEBUG, "Message type: SET_FIELD_REQ");
     App::Device* known = deviceHandler.getDevice(device);
     if (known != nullptr && known->getFieldIndexByName("erase") == static_cast<long long>(field)) {
         // The device has erased: the firmware may go now.
@@ -263,9 +272,9 @@ void PayloadHandler::processSetField(std::uint8_t device, std::uint8_t field) {
 }
 
 void PayloadHandler::processGetField(const unsigned char* p, std::uint8_t device, std::uint8_t field) {
-    log("Message type: GET_FIELD_REQ", BaseLogger::DEBUG);
+    log(BaseLogger::DEBUG, "Message type: GET_FIELD_REQ");
     deviceHandler.setDeviceFieldValue(device, field, p + 4);
-    log("field value response (device " + num(device) + ", field #" + num(field) + ")\n", BaseLogger::INFO);
+    log(BaseLogger::INFO, "field value response (device ", num(device), ", field #", num(field), ")\n");
     const auto next = static_cast<std::uint8_t>(field + 1);
     App::Device* known = deviceHandler.getDevice(device);
     if (known == nullptr || known->getInfo()->fieldCount <= next) {
@@ -275,7 +284,7 @@ void PayloadHandler::processGetField(const unsigned char* p, std::uint8_t device
 }
 
 void PayloadHandler::processFieldInfo(const unsigned char* p, std::uint8_t device, std::uint8_t field) {
-    log("Message type: FIELD_INFO_REQ", BaseLogger::DEBUG);
+    log(BaseLogger::DEBUG, "Message type: FIELD_INFO_REQ");
     FieldInfo info{};
     info.type = p[3];
     const std::uint8_t length = p[4];
@@ -291,9 +300,8 @@ void PayloadHandler::processFieldInfo(const unsigned char* p, std::uint8_t devic
         }
     }
     std::string name = info.nameLength == 0 ? std::string("Undefined") : std::string(info.name);
-    log("field info response (device " + num(device) + ", field #" + num(field) + " " + name + ", type #" +
-            num(info.type) + ") Pack #" + num(packNumber),
-        BaseLogger::INFO);
+    log(BaseLogger::INFO, "field info response (device ", num(device), ", field #", num(field), " ", name,
+        ", type #", num(info.type), ") Pack #", num(packNumber));
     deviceHandler.addDeviceField(device, field, info);
     const auto next = static_cast<std::uint8_t>(field + 1);
     App::Device* known = deviceHandler.getDevice(device);
@@ -305,9 +313,8 @@ void PayloadHandler::processFieldInfo(const unsigned char* p, std::uint8_t devic
 
 void PayloadHandler::processFileInfo(const unsigned char* p, std::uint8_t device, std::uint8_t field) {
     // The checksum is printed in decimal behind its "0x": the device's tools read it so.
-    log("file info response (device " + num(device) + ", file #" + num(field) + ", checksum 0x" +
-            num(readU32(p + 8)) + ", size " + num(readU32(p + 4)) + ")" + " Pack #" + num(packNumber),
-        BaseLogger::INFO);
+    log(BaseLogger::INFO, "file info response (device ", num(device), ", file #", num(field), ", checksum 0x",
+        num(readU32(p + 8)), ", size ", num(readU32(p + 4)), ") Pack #", num(packNumber));
 }
 
 void PayloadHandler::issue(MessageType type, std::uint8_t device, std::uint8_t field) {
@@ -322,7 +329,7 @@ void PayloadHandler::onMessage(MessageType type, void* args) {
     const auto* full = static_cast<const MessageArgs*>(args);
     auto needsArgs = [&]() {
         if (args == nullptr) {
-            log("message " + num(type) + " needs a device and was given none", BaseLogger::ERROR);
+            log(BaseLogger::ERROR, "message ", num(type), " needs a device and was given none");
             return false;
         }
         return true;
@@ -386,7 +393,7 @@ void PayloadHandler::generateResponse(MessageType type, void*) {
         packNumber = static_cast<std::uint8_t>(packNumber + 1);
     } else if (attempt >= 4) {
         messages.erase(entry);
-        log("Timeout!", BaseLogger::WARNING);
+        log(BaseLogger::WARNING, "Timeout!");
         currentMessage = kNoMessage;
         return;
     }
@@ -420,7 +427,7 @@ void PayloadHandler::enqueueMessage(MessageType type, unsigned char device, unsi
     std::lock_guard<std::recursive_mutex> lock(stateMutex());
     // A message of this type still waits for its answer.
     if (messages.count(type) != 0) {
-        log("Send queue is full!", BaseLogger::WARNING);
+        log(BaseLogger::WARNING, "Send queue is full!");
         return;
     }
     if (type == FILE_WRITE_MSG && !loadFile(path)) {
@@ -437,7 +444,7 @@ void PayloadHandler::enqueueMessage(MessageType type, unsigned char device, unsi
 
 void PayloadHandler::castCommand(const void* payload, unsigned char size, unsigned int timeout) {
     if (payload == nullptr) {
-        log("castCommand called without a payload", BaseLogger::ERROR);
+        log(BaseLogger::ERROR, "castCommand called without a payload");
         return;
     }
     const auto* bytes = static_cast<const unsigned char*>(payload);
@@ -449,7 +456,7 @@ void PayloadHandler::castCommand(const void* payload, unsigned char size, unsign
         return;
     }
     if (size < 3) {
-        log("castCommand: a request payload has at least 3 bytes, got " + num(size), BaseLogger::ERROR);
+        log(BaseLogger::ERROR, "castCommand: a request payload has at least 3 bytes, got ", num(size));
         return;
     }
     std::array<unsigned char, kMaxFrame> frame{};
@@ -476,9 +483,8 @@ void PayloadHandler::sendFieldInfoRequest(unsigned char device, unsigned char fi
 void PayloadHandler::sendGetFieldRequest(unsigned char device, unsigned char field) {
     std::lock_guard<std::recursive_mutex> lock(stateMutex());
     messages[GET_FIELD_MSG] = MessageDescriptor{device, field};
-    log("field value request (device " + num(device) + ", field " + num(field) + "). Pack #" +
-            num(packNumber) + ", attempt #" + num(attempt),
-        BaseLogger::INFO);
+    log(BaseLogger::INFO, "field value request (device ", num(device), ", field ", num(field), "). Pack #",
+        num(packNumber), ", attempt #", num(attempt));
     const unsigned char payload[4] = {packNumber, device, GET_FIELD_REQ, field};
     castCommand(payload, sizeof(payload), kGetFieldTimeout);
 }
@@ -488,9 +494,8 @@ void PayloadHandler::sendSetFieldRequest(unsigned char device, unsigned char fie
     App::Device* known = deviceHandler.getDevice(device);
     Field* target = known != nullptr ? known->getField(field) : nullptr;
     if (target == nullptr) {
-        log("field value set error - no field data! (device " + num(device) + ", field " + num(field) +
-                "). Pack #" + num(packNumber),
-            BaseLogger::ERROR);
+        log(BaseLogger::ERROR, "field value set error - no field data! (device ", num(device), ", field ",
+            num(field), "). Pack #", num(packNumber));
         messages.erase(SET_FIELD_MSG);
         currentMessage = kNoMessage;
         return;
@@ -498,9 +503,8 @@ void PayloadHandler::sendSetFieldRequest(unsigned char device, unsigned char fie
     const std::uint8_t valueSize = target->getTypeSize();
     unsigned char payload[5 + 8] = {packNumber, device, SET_FIELD_REQ, field, target->getType()};
     std::memcpy(payload + 5, target->getData(), valueSize);
-    log("field value set request (device " + num(device) + ", field " + num(field) + ", type #" +
-            num(target->getType()) + "). Pack #" + num(packNumber),
-        BaseLogger::INFO);
+    log(BaseLogger::INFO, "field value set request (device ", num(device), ", field ", num(field), ", type #",
+        num(target->getType()), "). Pack #", num(packNumber));
     // Any name that begins so gets the long wait of an erase.
     const bool erase = std::strncmp(target->getName(), "erase", 5) == 0;
     castCommand(payload, static_cast<unsigned char>(valueSize + 5), erase ? kEraseTimeout : kSetFieldTimeout);
@@ -546,30 +550,30 @@ bool PayloadHandler::loadFile(const std::string& path) {
     const std::filesystem::path filePath(std::u8string(path.begin(), path.end()));
     std::ifstream file(filePath, std::ios::binary | std::ios::ate);
     if (!file.is_open()) {
-        log("Can't open file.", BaseLogger::ERROR);
-        log("Can't open file: " + path, BaseLogger::ERROR);
+        log(BaseLogger::ERROR, "Can't open file.");
+        log(BaseLogger::ERROR, "Can't open file: ", path);
         return false;
     }
     fileData.clear();
     const std::streamoff size = file.tellg();
     if (size < 0) {
-        log("Can't get file size.", BaseLogger::ERROR);
-        log("Can't get file size: " + path, BaseLogger::ERROR);
+        log(BaseLogger::ERROR, "Can't get file size.");
+        log(BaseLogger::ERROR, "Can't get file size: ", path);
         return false;
     }
     if (static_cast<unsigned long long>(size) > 0xFFFFFFFFull) {
-        log("Can't get file size.", BaseLogger::ERROR);
-        log("Can't get file size: " + path + " is larger than 4 GiB", BaseLogger::ERROR);
+        log(BaseLogger::ERROR, "Can't get file size.");
+        log(BaseLogger::ERROR, "Can't get file size: ", path, " is larger than 4 GiB");
         return false;
     }
     fileData.resize(static_cast<std::size_t>(size));
     file.seekg(0, std::ios::beg);
     if (size != 0 && !file.read(reinterpret_cast<char*>(fileData.data()), size)) {
-        log("Can't read file.", BaseLogger::ERROR);
-        log("Can't read file: " + path, BaseLogger::ERROR);
+        log(BaseLogger::ERROR, "Can't read file.");
+        log(BaseLogger::ERROR, "Can't read file: ", path);
         return false;
     }
-    log("File size in bytes: " + num(static_cast<unsigned long long>(size)), BaseLogger::INFO);
+    log(BaseLogger::INFO, "File size in bytes: ", num(static_cast<unsigned long long>(size)));
     file.close();
     // fileDevice and fileIndex are set with the entry.
     fileSize = static_cast<std::uint32_t>(size);
@@ -591,22 +595,23 @@ void PayloadHandler::sendFileWriteReq() {
     std::lock_guard<std::recursive_mutex> lock(stateMutex());
     unsigned char payload[8 + kLargeChunk] = {packNumber, fileDevice, FILE_WRITE_REQ, fileIndex};
     writeU32(payload + 4, fileOffset);
-    const std::string where = "(device " + num(fileDevice) + ", file " + num(fileIndex);
-    const std::string which = "). Pack #" + num(packNumber) + ", attempt #" + num(attempt);
+    // The step's words, with what only a write step has in the middle.
+    const auto logStep = [this](const char* step, const auto&... middle) {
+        log(BaseLogger::INFO, step, " file request (device ", num(fileDevice), ", file ", num(fileIndex),
+            middle..., "). Pack #", num(packNumber), ", attempt #", num(attempt));
+    };
     unsigned int timeout = kFileStepTimeout;
     if (!fileErased) {
         chunkSize = 0;
-        log("erase file request " + where + which, BaseLogger::INFO);
+        logStep("erase");
         timeout = kEraseTimeout;
     } else {
         chunkSize = static_cast<std::uint8_t>(std::min<std::uint32_t>(chunkLimit(), fileRemaining));
         if (chunkSize > 0) {
             std::memcpy(payload + 8, fileData.data() + fileOffset, chunkSize);
-            log("write file request " + where + ", offset " + num(fileOffset) + ", chunk size " +
-                    num(chunkSize) + which,
-                BaseLogger::INFO);
+            logStep("write", ", offset ", num(fileOffset), ", chunk size ", num(chunkSize));
         } else {
-            log("finish file request " + where + which, BaseLogger::INFO);
+            logStep("finish");
             fileFinishing = true;
             finishAwaited = true;
             finishOverdue = false;
@@ -655,16 +660,14 @@ void PayloadHandler::reportUnconfirmedFinish() {
 }
 
 void PayloadHandler::processFileWrite(std::uint8_t device, std::uint8_t field) {
-    log("Message type: FILE_WRITE_REQ", BaseLogger::DEBUG);
+    log(BaseLogger::DEBUG, "Message type: FILE_WRITE_REQ");
     if (fileErased) {
-        log("write file response (device " + num(device) + ", file #" + num(field) + ")" + " Pack #" +
-                num(packNumber),
-            BaseLogger::INFO);
+        log(BaseLogger::INFO, "write file response (device ", num(device), ", file #", num(field), ") Pack #",
+            num(packNumber));
     } else {
         fileErased = true;
-        log("erase file response (device " + num(device) + ", file #" + num(field) + ")" + " Pack #" +
-                num(packNumber),
-            BaseLogger::INFO);
+        log(BaseLogger::INFO, "erase file response (device ", num(device), ", file #", num(field), ") Pack #",
+            num(packNumber));
     }
     // The step in flight is confirmed; the answer to the erase step moves nothing.
     if (fileRemaining != 0) {
@@ -676,7 +679,7 @@ void PayloadHandler::processFileWrite(std::uint8_t device, std::uint8_t field) {
     attempt = 0;
     if (fileFinishing && finishGivenUp) {
         // The load was reported unconfirmed; one outcome stands.
-        log("finish file response after the load was given up: not taken", BaseLogger::WARNING);
+        log(BaseLogger::WARNING, "finish file response after the load was given up: not taken");
         return;
     }
     if (!fileFinishing) {
@@ -697,9 +700,8 @@ void PayloadHandler::completeTransfer() {
         const double rate = static_cast<double>(fileSize) * 0.0009765625 / seconds;
         char rateText[64];
         std::snprintf(rateText, sizeof(rateText), "%f", rate);
-        log("Firmware transfer complete: " + num(fileSize) + " bytes in " +
-                num(static_cast<unsigned long long>(elapsed)) + " ms (" + rateText + " KiB/s)",
-            BaseLogger::WARNING);
+        log(BaseLogger::WARNING, "Firmware transfer complete: ", num(fileSize), " bytes in ",
+            num(static_cast<unsigned long long>(elapsed)), " ms (", rateText, " KiB/s)");
     }
     clearTransfer();
     GlobalHandlerEvents::getInstance()._executeHandler(UPDATE_LOADING_STATUS);

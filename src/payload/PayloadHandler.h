@@ -149,7 +149,16 @@ private:
     bool loadFile(const std::string& path);
     std::uint8_t chunkLimit() const;
     void clearTransfer();
-    void log(const std::string& message, BaseLogger::MessageType type);
+    // A report, put together from its parts only when a sink takes its type:
+    // most of the protocol's reports go nowhere.
+    template <typename... Parts> void log(BaseLogger::MessageType type, const Parts&... parts) {
+        if (logger.wants(type)) {
+            std::string message;
+            (message += ... += parts);
+            report(message, type);
+        }
+    }
+    void report(const std::string& message, BaseLogger::MessageType type);
 
     LoggerManager& logger;
     std::uint8_t attempt = 0;

@@ -42,6 +42,13 @@ void GlobalHandlerEvents::logLine(const std::string& message, BaseLogger::Messag
     LoggerManager::getInstance().log(message, type, kTag);
 }
 
+void GlobalHandlerEvents::logKey(BaseLogger::MessageType type, const char* before, HandlersFuncKeys key,
+                                 const char* after) {
+    if (LoggerManager::getInstance().wants(type)) {
+        logLine(before + keyName(key) + after, type);
+    }
+}
+
 std::string GlobalHandlerEvents::keyName(HandlersFuncKeys key) {
     // Subscript on purpose: a nameless key logs an empty name and leaves one behind.
     std::lock_guard<std::recursive_mutex> lock(mapsMutex);
@@ -52,15 +59,15 @@ void GlobalHandlerEvents::addHandler(HandlersFuncKeys key, std::function<Handler
     std::lock_guard<std::recursive_mutex> lock(mapsMutex);
     auto found = handlers.find(key);
     if (found != handlers.end() && found->second) {
-        logLine("Handler " + keyName(key) + " already exist!", BaseLogger::WARNING);
+        logKey(BaseLogger::WARNING, "Handler ", key, " already exist!");
         return;
     }
-    logLine("Add handler " + keyName(key), BaseLogger::DEBUG);
+    logKey(BaseLogger::DEBUG, "Add handler ", key);
     handlers.insert({key, std::move(handler)});
 }
 
 GlobalHandlerEvents::HandlerEventsStatus GlobalHandlerEvents::_executeHandler(HandlersFuncKeys key) {
-    logLine("Execute handler " + keyName(key), BaseLogger::DEBUG);
+    logKey(BaseLogger::DEBUG, "Execute handler ", key);
     std::function<HandlerEventsStatus()> handler;
     bool found = false;
     {
@@ -72,7 +79,7 @@ GlobalHandlerEvents::HandlerEventsStatus GlobalHandlerEvents::_executeHandler(Ha
         }
     }
     if (!found) {
-        logLine("Hanler " + keyName(key) + " did't find", BaseLogger::ERROR);
+        logKey(BaseLogger::ERROR, "Hanler ", key, " did't find");
         return Failure;
     }
     // An empty function throws std::bad_function_call, as a registered-but-empty entry should.

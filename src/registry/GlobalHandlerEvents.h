@@ -70,6 +70,9 @@ private:
     GlobalHandlerEvents();
 
     void logLine(const std::string& message, BaseLogger::MessageType type);
+    // A line about a key; the key's name is looked up only when a sink takes it.
+    void logKey(BaseLogger::MessageType type, const char* before, HandlersFuncKeys key,
+                const char* after = "");
     void clearArgumentHandlers();
 
     static std::map<HandlersFuncKeys, std::string> keysNamesDict;
@@ -104,17 +107,17 @@ void GlobalHandlerEvents::addHandlerWithArgs(
     auto& map = getHandlerMapWithArgs<Args...>();
     auto found = map.find(key);
     if (found != map.end() && found->second) {
-        logLine("Handler with args " + keyName(key) + " already exist!", BaseLogger::WARNING);
+        logKey(BaseLogger::WARNING, "Handler with args ", key, " already exist!");
         return;
     }
-    logLine("Add handler with args " + keyName(key), BaseLogger::DEBUG);
+    logKey(BaseLogger::DEBUG, "Add handler with args ", key);
     map.insert({key, std::move(handler)});
 }
 
 template <typename... Args>
 GlobalHandlerEvents::HandlerEventsStatus
 GlobalHandlerEvents::_executeHandlerWithArgs(HandlersFuncKeys key, std::type_identity_t<Args>... args) {
-    logLine("Execute handler with args " + keyName(key), BaseLogger::DEBUG);
+    logKey(BaseLogger::DEBUG, "Execute handler with args ", key);
     std::function<HandlerEventsStatus(Args...)> handler;
     bool found = false;
     {
@@ -127,7 +130,7 @@ GlobalHandlerEvents::_executeHandlerWithArgs(HandlersFuncKeys key, std::type_ide
         }
     }
     if (!found) {
-        logLine("Handler with args " + keyName(key) + " didn't find", BaseLogger::ERROR);
+        logKey(BaseLogger::ERROR, "Handler with args ", key, " didn't find");
         return Failure;
     }
     return handler(args...) != Success ? Failure : Success;

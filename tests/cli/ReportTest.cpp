@@ -9,6 +9,7 @@
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
+#include <cstdint>
 #include <cstdio>
 #include <string>
 
@@ -49,6 +50,29 @@ TEST(WorkerReport, EveryKindComesBackAsSent) {
     EXPECT_EQ(WorkerReport::parse(log)->text, "WARNING PayloadHandler: Message with problem - error code: 7");
     for (const char* noise : {"", "progress", "progress x 1", "done", "hello world"}) {
         EXPECT_FALSE(WorkerReport::parse(noise)) << noise;
+    }
+}
+
+// The numbers of a report: blanks of any kind between the words, a sign, a
+// minus wrapping an unsigned number, leading zeros; a number out of range
+// or with no digit makes no report.
+TEST(WorkerReport, NumbersReadAsAStreamReadsThem) {
+    const auto progress = WorkerReport::parse(" \tprogress\v+007 -1");
+    ASSERT_TRUE(progress);
+    EXPECT_EQ(progress->percent, 7u);
+    EXPECT_EQ(progress->bytes, UINT64_MAX);
+    EXPECT_EQ(WorkerReport::parse("progress -4294967295 0x10")->percent, 1u);
+    EXPECT_EQ(WorkerReport::parse("progress 1 0x10")->bytes, 0u);
+    EXPECT_EQ(WorkerReport::parse("progress 4294967295 18446744073709551615")->bytes, UINT64_MAX);
+    const auto done = WorkerReport::parse("done -2147483648 x");
+    ASSERT_TRUE(done);
+    EXPECT_FALSE(done->ok);
+    EXPECT_EQ(done->text, "147483648 x");
+    EXPECT_EQ(WorkerReport::parse("done +1")->ok, true);
+    for (const char* refused :
+         {"progress 4294967296 1", "progress 1 18446744073709551616", "progress + 1", "progress 1 -",
+          "progress 1x 2", "done 2147483648 x", "done -2147483649", "done x 1", "Progress 1 2"}) {
+        EXPECT_FALSE(WorkerReport::parse(refused)) << refused;
     }
 }
 

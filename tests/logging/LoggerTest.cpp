@@ -71,7 +71,8 @@ TEST(ConsoleLogger, LinesAreByteExact) {
 }
 
 TEST(LoggerManager, LevelFromEnvironmentFiltersByType) {
-    // Which of DEBUG, INFO, WARNING, ERROR and FATAL reach the console.
+    // Which of DEBUG, INFO, WARNING, ERROR and FATAL reach the console, and
+    // are wanted.
     const std::pair<const char*, const char*> table[] = {
         {"", "11111"}, {"verbose", "11111"}, {"important", "00111"}, {"MiNiMuM", "00010"}, {"oFf", "00000"}};
     auto& manager = LoggerManager::getInstance();
@@ -79,8 +80,11 @@ TEST(LoggerManager, LevelFromEnvironmentFiltersByType) {
         std::string got;
         for (int type = 0; type < 5; ++type) {
             Capture out(std::cout);
-            manager.log("probe", static_cast<BaseLogger::MessageType>(type), "T: ");
+            const auto messageType = static_cast<BaseLogger::MessageType>(type);
+            manager.log("probe", messageType, "T: ");
             got += std::to_string(out.lines());
+            // A report is asked for exactly when it would reach a sink.
+            EXPECT_EQ(manager.wants(messageType), out.lines() > 0) << type;
         }
         return got;
     };

@@ -73,6 +73,11 @@ TEST_F(FileTransferTest, EraseWritesInChunksByTheFileSizeAndFinish) {
         if (size == 100) {
             // 32 / 100 in single precision is a hair below 0.32: the cut gives 31.
             EXPECT_EQ(progress[2], 31);
+            for (const char* step : {"erase file request (device 2, file 1). Pack #",
+                                     "write file request (device 2, file 1, offset 96, chunk size 4). Pack #",
+                                     "finish file request (device 2, file 1). Pack #"}) {
+                EXPECT_TRUE(log.contains(step, BaseLogger::INFO)) << step;
+            }
         }
         EXPECT_EQ(handler.loadProgress.load(), 100);
         EXPECT_EQ(statusUpdates, static_cast<int>(chunks.size()) + 1);
