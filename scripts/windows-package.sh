@@ -80,7 +80,10 @@ cp /usr/share/icons/Adwaita/index.theme "$BUNDLE/share/icons/Adwaita/"
 for size in 16x16 22x22 24x24 32x32 48x48; do
     cp -r "/usr/share/icons/Adwaita/$size" "$BUNDLE/share/icons/Adwaita/"
 done
-cp -r /usr/share/icons/hicolor "$BUNDLE/share/icons/"
+# hicolor is the fallback theme: its index alone, not the icons other
+# packages on this machine have put into it.
+mkdir -p "$BUNDLE/share/icons/hicolor"
+cp /usr/share/icons/hicolor/index.theme "$BUNDLE/share/icons/hicolor/"
 for theme in Adwaita hicolor; do
     gtk-update-icon-cache --quiet --force --ignore-theme-index "$BUNDLE/share/icons/$theme"
 done
