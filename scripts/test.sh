@@ -40,8 +40,13 @@ xvfb-run -a -s "-screen 0 1280x1024x24" \
     ctest --test-dir "$BUILD/tsan" --output-on-failure -j "$JOBS" -L threaded --no-tests=ignore
 
 # The window for Windows needs the toolkit built from its archives, named by
-# MERID_WIN_SOURCES (for example ../shared/win-gtk-src); without them the
-# Windows build has the core, its tests and merid-flash.exe only.
+# MERID_WIN_SOURCES (../shared/win-gtk-src beside the checkout when it is
+# there); without them the Windows build has the core, its tests and
+# merid-flash.exe only.
+if [ -z "${MERID_WIN_SOURCES:-}" ] && [ -f ../shared/win-gtk-src/SHA256SUMS ]; then
+    MERID_WIN_SOURCES=$(realpath ../shared/win-gtk-src)
+    export MERID_WIN_SOURCES
+fi
 if [ -n "${MERID_WIN_SOURCES:-}" ]; then
     step "Windows cross-build (MinGW-w64) with the window, its zip and installer"
     bash scripts/windows.sh "$BUILD/mingw" "$BUILD/mingw/windows"
