@@ -125,6 +125,7 @@ if [ -n "$WINDOWS_DIR" ]; then
     source "$ROOT/scripts/wine-ui-fonts.sh"
     "$WINE" wineboot -i >/dev/null 2>&1
     wine_ui_fonts
+    wine_plain_desktop
     "$WINE" "$WINDOWS_DIR/MeridKestalUtility.exe" >"$SCRATCH/wine-program.log" 2>&1 &
     PIDS+=($!)
     WINDOWS_MAIN=$(window_of MeridKestalUtility)
@@ -133,8 +134,11 @@ if [ -n "$WINDOWS_DIR" ]; then
         cat "$SCRATCH/wine-program.log" >&2
         exit 1
     fi
-    # Wine maps the window before the toolkit has drawn it.
-    sleep 2
-    shoot "$WINDOWS_MAIN" "$OUT/windows-main-window.png"
+    # Wine maps the window before the toolkit has drawn it, and its window
+    # alone reads back partly unpainted: the picture is cut from the screen.
+    sleep 3
+    eval "$(xdotool getwindowgeometry --shell "$WINDOWS_MAIN")"
+    import -window root -crop "${WIDTH}x${HEIGHT}+${X}+${Y}" +repage "$OUT/windows-main-window.png"
+    echo "screenshots.sh: wrote $OUT/windows-main-window.png"
     "$WINESERVER" -k
 fi

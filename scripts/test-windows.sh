@@ -274,7 +274,7 @@ window_scenarios() {
     unzip -q "$window_zip" -d "$folder"
     cp "$window_scenario" "$folder/MeridKestalUtility/"
     "$WINESERVER" -k
-    plain_desktop
+    wine_plain_desktop
     wine_ui_fonts
     window_board window_wine
     local wine_pid=${started[-1]}
@@ -297,18 +297,6 @@ window_scenarios() {
     fi
     echo "both windows: STM32 image and ESP32 flash byte-exact;" \
         "$(wc -l <"$work/window_wine/from-erase.txt") journal lines equal from the erase frame on"
-}
-
-# Wine links the user's Desktop to the home folder; the toolkit's file
-# chooser, which opens on the Desktop, cannot read that link's information
-# and stops in an error dialog. A plain folder, as on Windows.
-plain_desktop() {
-    local desktop
-    desktop="$WINEPREFIX/drive_c/users/$(id -un)/Desktop"
-    if [ -L "$desktop" ]; then
-        rm "$desktop"
-        mkdir -p "$desktop"
-    fi
 }
 
 # Milliseconds since the epoch.

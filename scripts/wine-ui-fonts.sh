@@ -15,3 +15,15 @@ wine_ui_fonts() {
             >/dev/null 2>&1
     done
 }
+
+# Wine links the user's Desktop to the home folder; the toolkit's file
+# chooser, which the window opens on the Desktop, cannot read that link's
+# information and stops in an error dialog. A plain folder, as on Windows.
+wine_plain_desktop() {
+    local desktop
+    desktop="$WINEPREFIX/drive_c/users/$(id -un)/Desktop"
+    if [ -L "$desktop" ]; then
+        rm "$desktop"
+        mkdir -p "$desktop"
+    fi
+}
