@@ -220,6 +220,26 @@ int main(int argc, char** argv) {
     EspRomSimulator::Config espConfig;
     EspRomSimulator::Faults espFaults;
 
+    // The options that set one count of the board's or the chip's faults.
+    struct CountOption {
+        const char* name;
+        long long low;
+        long long high;
+        unsigned* count;
+    };
+    const CountOption countOptions[] = {
+        {"--garbage", 0, 4096, &faults.garbageBytes},
+        {"--unplug-after", 1, 1'000'000'000, &faults.unplugAfterFrames},
+        {"--esp-silent-syncs", 0, 1'000'000, &espFaults.silentSyncs},
+        {"--esp-fail-block", 1, 1'000'000'000, &espFaults.failDataBlock},
+        {"--esp-fail-count", 1, 1'000'000'000, &espFaults.failDataCount},
+        {"--esp-garbage", 0, 4096, &espFaults.garbageBytes},
+        {"--esp-spi-busy", 0, 1000, &espFaults.spiBusyPolls},
+        {"--esp-lose-request", 1, 1'000'000'000, &espFaults.lostRequest},
+        {"--esp-lose-answer", 1, 1'000'000'000, &espFaults.lostAnswer},
+        {"--esp-late-answer", 1, 1'000'000'000, &espFaults.lateAnswer},
+    };
+
     for (std::size_t i = 0; i < args.size(); ++i) {
         const std::string& arg = args[i];
         auto value = [&](long long low, long long high, long long& out) {
@@ -238,7 +258,12 @@ int main(int argc, char** argv) {
             return args[++i];
         };
         long long number = 0;
-        if (arg == "--help" || arg == "-h") {
+        const auto* counted = std::find_if(std::begin(countOptions), std::end(countOptions),
+                                           [&](const CountOption& option) { return arg == option.name; });
+        if (counted != std::end(countOptions)) {
+            value(counted->low, counted->high, number);
+            *counted->count = static_cast<unsigned>(number);
+        } else if (arg == "--help" || arg == "-h") {
             usage(std::cout);
             return 0;
         } else if (arg == "--port-link") {
@@ -267,9 +292,6 @@ int main(int argc, char** argv) {
         } else if (arg == "--error-command") {
             value(0, 255, number);
             faults.errorCommand = static_cast<int>(number);
-        } else if (arg == "--garbage") {
-            value(0, 4096, number);
-            faults.garbageBytes = static_cast<unsigned>(number);
         } else if (arg == "--split") {
             value(1, 255, number);
             faults.splitWrites = true;
@@ -280,9 +302,6 @@ int main(int argc, char** argv) {
         } else if (arg == "--delay-ms") {
             value(0, 600'000, number);
             faults.answerDelay = std::chrono::milliseconds(number);
-        } else if (arg == "--unplug-after") {
-            value(1, 1'000'000'000, number);
-            faults.unplugAfterFrames = static_cast<unsigned>(number);
         } else if (arg == "--image-dir") {
             imageDir = text();
         } else if (arg == "--journal") {
@@ -300,35 +319,11 @@ int main(int argc, char** argv) {
             espConfig.answerSecurityInfo = true;
         } else if (arg == "--esp-no-banner") {
             espConfig.bootBanner = false;
-        } else if (arg == "--esp-silent-syncs") {
-            value(0, 1'000'000, number);
-            espFaults.silentSyncs = static_cast<unsigned>(number);
-        } else if (arg == "--esp-fail-block") {
-            value(1, 1'000'000'000, number);
-            espFaults.failDataBlock = static_cast<unsigned>(number);
-        } else if (arg == "--esp-fail-count") {
-            value(1, 1'000'000'000, number);
-            espFaults.failDataCount = static_cast<unsigned>(number);
         } else if (arg == "--esp-fail-error") {
             value(1, 255, number);
             espFaults.failError = static_cast<std::uint8_t>(number);
-        } else if (arg == "--esp-garbage") {
-            value(0, 4096, number);
-            espFaults.garbageBytes = static_cast<unsigned>(number);
-        } else if (arg == "--esp-spi-busy") {
-            value(0, 1000, number);
-            espFaults.spiBusyPolls = static_cast<unsigned>(number);
         } else if (arg == "--esp-corrupt-flash") {
             espFaults.corruptFlash = true;
-        } else if (arg == "--esp-lose-request") {
-            value(1, 1'000'000'000, number);
-            espFaults.lostRequest = static_cast<unsigned>(number);
-        } else if (arg == "--esp-lose-answer") {
-            value(1, 1'000'000'000, number);
-            espFaults.lostAnswer = static_cast<unsigned>(number);
-        } else if (arg == "--esp-late-answer") {
-            value(1, 1'000'000'000, number);
-            espFaults.lateAnswer = static_cast<unsigned>(number);
         } else if (arg == "--esp-late-ms") {
             value(0, 60'000, number);
             espFaults.lateBy = std::chrono::milliseconds(number);
