@@ -9,6 +9,7 @@
 
 #include <algorithm>
 #include <cctype>
+#include <cstdio>
 #include <filesystem>
 #include <fstream>
 #include <vector>
@@ -82,6 +83,19 @@ std::string sentDigest(const std::vector<uint8_t>& image, uint32_t paddedSize) {
     return text;
 }
 
+// The chip's MD5 of a flash region in lower-case hexadecimal. The ROM reads
+// the region back to digest it, so the time limit grows with the size.
+esp_loader_error_t regionDigest(uint32_t address, uint32_t size, std::string& reported) {
+    loader_port_start_timer(
+        std::max(kMd5LeastMs, static_cast<uint32_t>(uint64_t{size} * kMd5MsPerMiB / (1u << 20))));
+    uint8_t answer[kMd5HexDigits] = {};
+    const esp_loader_error_t result = loader_md5_cmd(address, size, answer);
+    reported.assign(reinterpret_cast<const char*>(answer), kMd5HexDigits);
+    std::transform(reported.begin(), reported.end(), reported.begin(),
+                   [](char c) { return static_cast<char>(std::tolower(static_cast<unsigned char>(c))); });
+    return result;
+}
+
 // Asks the ROM for the MD5 of the written region; its 32 hexadecimal digits
 // must match the image's, which goes to `digest`.
 // `paddedSize` covers the 0xFF behind a plain flash's last block; a
@@ -89,18 +103,13 @@ std::string sentDigest(const std::vector<uint8_t>& image, uint32_t paddedSize) {
 bool verifyFlash(uint32_t address, const std::vector<uint8_t>& image, uint32_t paddedSize,
                  std::string& digest, std::string* error) {
     digest = sentDigest(image, paddedSize);
-    loader_port_start_timer(
-        std::max(kMd5LeastMs, static_cast<uint32_t>(uint64_t{paddedSize} * kMd5MsPerMiB / (1u << 20))));
-    uint8_t answer[kMd5HexDigits] = {};
-    const esp_loader_error_t result = loader_md5_cmd(address, paddedSize, answer);
+    std::string reported;
+    const esp_loader_error_t result = regionDigest(address, paddedSize, reported);
     if (result != ESP_LOADER_SUCCESS) {
         return fail(error, "flash MD5 check failed: image MD5 " + digest +
                                ", no MD5 from the chip (loader_md5_cmd failed: " + std::to_string(result) +
                                ")");
     }
-    std::string reported(reinterpret_cast<const char*>(answer), kMd5HexDigits);
-    std::transform(reported.begin(), reported.end(), reported.begin(),
-                   [](char c) { return static_cast<char>(std::tolower(static_cast<unsigned char>(c))); });
     if (reported != digest) {
         return fail(error, "flash MD5 mismatch: image MD5 " + digest + ", flash MD5 " + reported);
     }
@@ -123,6 +132,21 @@ std::string failedWith(const char* operation, esp_loader_error_t result) {
     return std::string(operation) + " failed: " + std::to_string(result);
 }
 
+std::string hexAddress(uint32_t address) {
+    char text[16];
+    std::snprintf(text, sizeof(text), "0x%X", static_cast<unsigned>(address));
+    return text;
+}
+
+// A flash size as the chip's data sheet gives it: "4 MiB", "512 KiB".
+std::string sizeText(uint32_t bytes) {
+    constexpr uint32_t kMiB = 1u << 20;
+    if (bytes % kMiB == 0) {
+        return std::to_string(bytes / kMiB) + " MiB";
+    }
+    return std::to_string(bytes / 1024) + " KiB";
+}
+
 } // namespace
 
 bool MeridEspSerialFlasher::flashBinary(UsbCommunication& usb, const std::string& path,
@@ -130,17 +154,119 @@ bool MeridEspSerialFlasher::flashBinary(UsbCommunication& usb, const std::string
                                         const std::function<void(unsigned char)>& progress,
                                         std::string* error) {
     std::vector<uint8_t> image;
-    if (!readImage(path, image, error)) {
+    if (!readImage(path, image, error) || !connect(usb, error) ||
+        !writeImage(image, options, progress, error)) {
         return false;
     }
-    meridEspSerialFlasherPortSetUsb(&usb);
+    finishWrite(options);
+    return true;
+}
 
+bool MeridEspSerialFlasher::flashParts(UsbCommunication& usb, const std::vector<FlashPart>& parts,
+                                       const FlashOptions& options,
+                                       const std::function<void(unsigned char)>& progress,
+                                       std::vector<PartOutcome>* outcomes, std::string* error) {
+    std::vector<FlashPart> ordered = parts;
+    std::stable_sort(ordered.begin(), ordered.end(),
+                     [](const FlashPart& a, const FlashPart& b) { return a.address < b.address; });
+    std::vector<std::vector<uint8_t>> images(ordered.size());
+    uint64_t total = 0;
+    for (size_t i = 0; i < ordered.size(); ++i) {
+        if (!readImage(ordered[i].path, images[i], error)) {
+            return false;
+        }
+        total += images[i].size();
+    }
+    if (!connect(usb, error) || !partsFit(ordered, images, error)) {
+        return false;
+    }
+    uint64_t done = 0;
+    bool wroteAny = false;
+    for (size_t i = 0; i < ordered.size(); ++i) {
+        FlashOptions partOptions = options;
+        partOptions.address = ordered[i].address;
+        const uint64_t size = images[i].size();
+        const auto partProgress = [&progress, done, size, total](unsigned char percent) {
+            if (progress) {
+                progress(static_cast<unsigned char>((done + size * percent / 100) * 100 / total));
+            }
+        };
+        bool unchanged = false;
+        if (options.skipUnchanged && !regionHolds(partOptions.address, images[i], unchanged, error)) {
+            return false;
+        }
+        if (!unchanged && !writeImage(images[i], partOptions, partProgress, error)) {
+            return false;
+        }
+        wroteAny = wroteAny || !unchanged;
+        done += size;
+        partProgress(100);
+        if (outcomes != nullptr) {
+            outcomes->push_back({partOptions.address, size, !unchanged});
+        }
+    }
+    // A chip that was sent nothing needs no end, unless it is to leave its loader.
+    if (wroteAny || options.reboot) {
+        finishWrite(options);
+    }
+    return true;
+}
+
+bool MeridEspSerialFlasher::connect(UsbCommunication& usb, std::string* error) {
+    meridEspSerialFlasherPortSetUsb(&usb);
     esp_loader_connect_args_t args = kConnectArgs;
-    esp_loader_error_t result = esp_loader_connect(&args);
+    const esp_loader_error_t result = esp_loader_connect(&args);
     if (result != ESP_LOADER_SUCCESS) {
         return fail(error, "esp_loader_connect failed: " + std::to_string(result));
     }
+    return true;
+}
 
+// The flash size the chip reports bounds every part; the loader keeps it for
+// the writes that follow.
+bool MeridEspSerialFlasher::partsFit(const std::vector<FlashPart>& parts,
+                                     const std::vector<std::vector<uint8_t>>& images, std::string* error) {
+    uint32_t flashSize = 0;
+    const esp_loader_error_t result = esp_loader_flash_detect_size(&flashSize);
+    if (result != ESP_LOADER_SUCCESS) {
+        return fail(error, "the chip's flash size is unknown: " +
+                               failedWith("esp_loader_flash_detect_size", result));
+    }
+    loader_set_target_flash_size(flashSize);
+    for (size_t i = 0; i < parts.size(); ++i) {
+        if (uint64_t{parts[i].address} + images[i].size() > flashSize) {
+            return fail(error, "part at " + hexAddress(parts[i].address) + " (" +
+                                   std::to_string(images[i].size()) + " bytes) ends past the end of the " +
+                                   sizeText(flashSize) + " flash");
+        }
+    }
+    return true;
+}
+
+// True with `unchanged` set when the chip's MD5 of the part's region (the
+// part's bytes, no padding) equals the part's.
+bool MeridEspSerialFlasher::regionHolds(uint32_t address, const std::vector<uint8_t>& image, bool& unchanged,
+                                        std::string* error) {
+    const std::string digest = sentDigest(image, static_cast<uint32_t>(image.size()));
+    std::string reported;
+    const esp_loader_error_t result = regionDigest(address, static_cast<uint32_t>(image.size()), reported);
+    if (result != ESP_LOADER_SUCCESS) {
+        return fail(error, "no MD5 from the chip for the region at " + hexAddress(address) +
+                               " (loader_md5_cmd failed: " + std::to_string(result) + ")");
+    }
+    unchanged = reported == digest;
+    if (unchanged) {
+        loggerManager->log("Flash at " + hexAddress(address) + " already holds the image: " + digest,
+                           BaseLogger::INFO, kTag);
+    }
+    return true;
+}
+
+// One image at `options.address`: written plain or compressed and, with
+// `verify`, checked by the chip's MD5.
+bool MeridEspSerialFlasher::writeImage(const std::vector<uint8_t>& image, const FlashOptions& options,
+                                       const std::function<void(unsigned char)>& progress,
+                                       std::string* error) {
     const uint32_t block = std::max(options.blockSize, kSmallestBlock);
     const bool written = options.compress ? writeCompressed(image, options, block, progress, error)
                                           : writePlain(image, options, block, progress, error);
@@ -157,12 +283,15 @@ bool MeridEspSerialFlasher::flashBinary(UsbCommunication& usb, const std::string
         }
         loggerManager->log("Flash MD5 matches the image: " + digest, BaseLogger::INFO, kTag);
     }
+    return true;
+}
+
+void MeridEspSerialFlasher::finishWrite(const FlashOptions& options) {
     if (options.compress) {
         finish(esp_loader_flash_deflate_finish(options.reboot), "esp_loader_flash_deflate_finish");
     } else {
         finish(esp_loader_flash_finish(options.reboot), "esp_loader_flash_finish");
     }
-    return true;
 }
 
 bool MeridEspSerialFlasher::writePlain(const std::vector<uint8_t>& image, const FlashOptions& options,

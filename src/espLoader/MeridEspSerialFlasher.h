@@ -10,16 +10,30 @@
 class LoggerManager;
 class UsbCommunication;
 
+// One region of a multi-part ESP32 image.
+struct FlashPart {
+    uint32_t address = 0; // flash offset, a multiple of the 4 KiB sector (the caller checked it)
+    std::string path;     // UTF-8 path of the part's bytes
+};
+
+// What became of one part of a multi-part flash.
+struct PartOutcome {
+    uint32_t address = 0;
+    uint64_t size = 0;    // bytes of the part
+    bool written = false; // false: the region already held these bytes (same MD5), nothing was sent
+};
+
 // Writes one binary file into the ESP32's flash through its ROM loader, over
 // the program's one serial link.
 class MeridEspSerialFlasher {
 public:
     struct FlashOptions {
-        uint32_t address = 0;      // flash offset of the image
-        uint32_t blockSize = 1024; // bytes of one data block; below 256 counts as 256
-        bool reboot = false;       // leave the loader when done
-        bool verify = true;        // compare the MD5 of the written region with the image's
-        bool compress = false;     // send the image as one zlib stream, which the ROM inflates
+        uint32_t address = 0;       // flash offset of the image
+        uint32_t blockSize = 1024;  // bytes of one data block; below 256 counts as 256
+        bool reboot = false;        // leave the loader when done
+        bool verify = true;         // compare the MD5 of the written region with the image's
+        bool compress = false;      // send the image as one zlib stream, which the ROM inflates
+        bool skipUnchanged = false; // flashParts: a region whose MD5 equals the part's is not written
     };
 
     // True when the image is written and, with `verify`, the chip reports
@@ -29,7 +43,25 @@ public:
     static bool flashBinary(UsbCommunication& usb, const std::string& path, const FlashOptions& options,
                             const std::function<void(unsigned char)>& progress, std::string* error);
 
+    // Connects once and writes each part at its own address, in address
+    // order, each written and checked as flashBinary writes one image
+    // (`options.address` is not used). Nothing is written when a part ends
+    // past the flash the chip reports. `progress` receives the percentage of
+    // all parts' bytes. `outcomes`, when not null, receives one entry per
+    // part done, in address order, also on a failure.
+    static bool flashParts(UsbCommunication& usb, const std::vector<FlashPart>& parts,
+                           const FlashOptions& options, const std::function<void(unsigned char)>& progress,
+                           std::vector<PartOutcome>* outcomes, std::string* error);
+
 private:
+    static bool connect(UsbCommunication& usb, std::string* error);
+    static bool partsFit(const std::vector<FlashPart>& parts, const std::vector<std::vector<uint8_t>>& images,
+                         std::string* error);
+    static bool regionHolds(uint32_t address, const std::vector<uint8_t>& image, bool& unchanged,
+                            std::string* error);
+    static bool writeImage(const std::vector<uint8_t>& image, const FlashOptions& options,
+                           const std::function<void(unsigned char)>& progress, std::string* error);
+    static void finishWrite(const FlashOptions& options);
     static bool writePlain(const std::vector<uint8_t>& image, const FlashOptions& options, uint32_t block,
                            const std::function<void(unsigned char)>& progress, std::string* error);
     static bool writeCompressed(const std::vector<uint8_t>& image, const FlashOptions& options,

@@ -6,6 +6,14 @@ namespace {
 
 constexpr std::uint32_t kBlockSize = 1024;
 
+// A failure must never read as success, even one without words.
+bool withReason(bool flashed, std::string& error) {
+    if (!flashed && error.empty()) {
+        error = "the loader gave no reason";
+    }
+    return flashed;
+}
+
 } // namespace
 
 Esp32Flash::Options Esp32Flash::defaults() {
@@ -20,12 +28,14 @@ Esp32Flash::Options Esp32Flash::defaults() {
 
 bool Esp32Flash::run(UsbCommunication& usb, const std::string& path, const Options& options,
                      const Progress& progress, std::string& error) {
-    const bool flashed = MeridEspSerialFlasher::flashBinary(usb, path, options, progress, &error);
-    // A failure must never read as success, even one without words.
-    if (!flashed && error.empty()) {
-        error = "the loader gave no reason";
-    }
-    return flashed;
+    return withReason(MeridEspSerialFlasher::flashBinary(usb, path, options, progress, &error), error);
+}
+
+bool Esp32Flash::runParts(UsbCommunication& usb, const std::vector<FlashPart>& parts, const Options& options,
+                          const Progress& progress, std::vector<PartOutcome>& outcomes, std::string& error) {
+    outcomes.clear();
+    return withReason(MeridEspSerialFlasher::flashParts(usb, parts, options, progress, &outcomes, &error),
+                      error);
 }
 
 Esp32Flash::Esp32Flash(UsbCommunication& usb, std::function<void()> changed)

@@ -9,6 +9,7 @@
 #include <optional>
 #include <string>
 #include <thread>
+#include <vector>
 
 // The ESP32 flash: the switch frame, the ROM loader, the image compressed
 // (the ROM inflates it) and the flash's MD5 checked against the image. A
@@ -25,6 +26,9 @@ public:
     // The flash on the calling thread; the loader's words in `error` on a failure.
     static bool run(UsbCommunication& usb, const std::string& path, const Options& options,
                     const Progress& progress, std::string& error);
+    // A multi-part flash on the calling thread (MeridEspSerialFlasher::flashParts).
+    static bool runParts(UsbCommunication& usb, const std::vector<FlashPart>& parts, const Options& options,
+                         const Progress& progress, std::vector<PartOutcome>& outcomes, std::string& error);
 
     Esp32Flash(UsbCommunication& usb, std::function<void()> changed);
     ~Esp32Flash();
