@@ -1,40 +1,89 @@
 #include "BoardGang.h"
 
+#include "Formatted.h"
+
 #include <algorithm>
+#include <cctype>
 
 namespace {
 
 constexpr auto kRedraw = std::chrono::milliseconds(200);
 
+std::string upper(std::string text) {
+    std::transform(text.begin(), text.end(), text.begin(), [](unsigned char c) { return std::toupper(c); });
+    return text;
+}
+
 } // namespace
 
-BoardGang::BoardGang(const CliSettings& settings, Image image, std::ofstream* logFile)
-    : settings(settings), image(std::move(image)), logFile(logFile), boards(settings.ports.size()) {
+std::uint64_t BoardGang::Target::bytes() const {
+    std::uint64_t sum = 0;
+    for (const Image& image : images) {
+        sum += image.bytes;
+    }
+    return sum;
+}
+
+BoardGang::BoardGang(const CliSettings& settings, std::vector<Target> targets, std::ofstream* logFile)
+    : settings(settings), targets(std::move(targets)), logFile(logFile), boards(settings.ports.size()) {
+    for (const Target& target : this->targets) {
+        totalBytes += target.bytes();
+    }
     for (std::size_t i = 0; i < boards.size(); ++i) {
         boards[i].port = settings.ports[i];
+        boards[i].stages.resize(this->targets.size());
     }
 }
 
 BoardGang::~BoardGang() = default;
 
-// The same load for one port, in a process that reports to this one.
+// The same load for one port, in a process that reports to this one: the
+// images as the copies, the ESP32's parts as address and file.
 std::vector<std::string> BoardGang::workerArguments(const std::string& port) const {
-    std::vector<std::string> arguments{settings.targetName(),        "--worker", "-p", port, "-b",
+    const bool both = targets.size() > 1;
+    std::vector<std::string> arguments{both ? "board" : targets.front().name, "--worker", "-p", port, "-b",
                                        std::to_string(settings.baud)};
-    if (!settings.compress) {
-        arguments.push_back("--no-compress");
+    if (settings.loadsEsp32()) {
+        for (const auto& [off, flag] :
+             {std::pair{!settings.compress, "--no-compress"}, std::pair{!settings.verify, "--no-verify"},
+              std::pair{settings.force, "--force"}}) {
+            if (off) {
+                arguments.push_back(flag);
+            }
+        }
     }
-    if (!settings.verify) {
-        arguments.push_back("--no-verify");
+    for (const Target& target : targets) {
+        arguments.push_back(both ? "--" + target.name : "--");
+        for (const Image& image : target.images) {
+            if (target.name == "esp32") {
+                arguments.push_back(formatted("0x%x", static_cast<unsigned>(image.address)));
+            }
+            arguments.push_back(image.path);
+        }
     }
-    arguments.push_back("--");
-    arguments.push_back(image.path);
     return arguments;
 }
 
 void BoardGang::writeLog(const std::string& port, const std::string& line) {
     std::lock_guard<std::mutex> lock(logMutex);
     *logFile << port << " " << line << '\n';
+}
+
+void BoardGang::onDone(Board& board, const BoardEvent& event) {
+    if (board.current == board.stages.size()) {
+        return;
+    }
+    Stage& stage = board.stages[board.current];
+    stage.reported = true;
+    stage.ok = event.ok;
+    stage.reason = event.text;
+    stage.end = Clock::now();
+    if (++board.current == board.stages.size()) {
+        board.ended = true;
+        board.end = stage.end;
+    } else {
+        board.stages[board.current].start = stage.end;
+    }
 }
 
 void BoardGang::onEvent(std::size_t index, const BoardEvent& event) {
@@ -46,23 +95,31 @@ void BoardGang::onEvent(std::size_t index, const BoardEvent& event) {
     }
     std::lock_guard<std::mutex> lock(mutex);
     Board& board = boards[index];
+    const bool under = board.current < board.stages.size();
     switch (event.kind) {
     case BoardEvent::Kind::Progress:
-        board.percent = event.percent;
-        board.bytes = event.bytes;
-        board.progressed = true;
+        if (under) {
+            board.stages[board.current].bytes = event.bytes;
+            board.progressed = true;
+        }
+        break;
+    case BoardEvent::Kind::Part:
+        if (under) {
+            board.stages[board.current].parts.push_back(
+                {event.address, event.bytes, {}, event.ok ? "written" : "unchanged"});
+        }
+        return;
+    case BoardEvent::Kind::Done:
+        onDone(board, event);
+        break;
+    case BoardEvent::Kind::End:
+        if (!board.ended) {
+            board.ended = true;
+            board.end = Clock::now();
+        }
         break;
     case BoardEvent::Kind::Log:
         return;
-    case BoardEvent::Kind::Done:
-        if (board.reported) {
-            return;
-        }
-        board.reported = true;
-        board.ok = event.ok;
-        board.reason = event.text;
-        board.end = Clock::now();
-        break;
     }
     changed.notify_all();
 }
@@ -72,38 +129,51 @@ void BoardGang::startBoards() {
         Board& board = boards[i];
         board.process = std::make_unique<BoardProcess>(
             workerArguments(board.port), [this, i](const BoardEvent& event) { onEvent(i, event); });
-        board.start = Clock::now();
+        board.stages.front().start = Clock::now();
         if (!board.process->start()) {
             std::lock_guard<std::mutex> lock(mutex);
-            board.reported = true;
-            board.reason = "the board's process could not be started";
-            board.end = Clock::now();
+            board.stages.front().reported = true;
+            board.stages.front().reason = "the board's process could not be started";
+            board.stages.front().end = Clock::now();
+            board.ended = true;
             board.process.reset();
         }
     }
 }
 
+// The bytes of the board's whole load done: the targets it finished and
+// the one under way.
+std::uint64_t BoardGang::bytesDone(const Board& board) const {
+    std::uint64_t done = 0;
+    for (std::size_t i = 0; i < board.stages.size() && i <= board.current; ++i) {
+        done += i < board.current ? targets[i].bytes() : board.stages[i].bytes;
+    }
+    return done;
+}
+
 // The boards that moved since the last look; true once every board has
-// reported its result.
+// ended.
 bool BoardGang::takeMoves(std::vector<Moved>& moved) {
     std::unique_lock<std::mutex> lock(mutex);
     // A wake-up lost between two looks costs one redraw period at most.
     changed.wait_for(lock, kRedraw, [this] {
-        return std::all_of(boards.begin(), boards.end(), [](const Board& board) { return board.reported; });
+        return std::all_of(boards.begin(), boards.end(), [](const Board& board) { return board.ended; });
     });
     moved.clear();
     bool all = true;
     for (std::size_t i = 0; i < boards.size(); ++i) {
         if (boards[i].progressed) {
             boards[i].progressed = false;
-            moved.push_back({i, boards[i].percent, boards[i].bytes});
+            const std::uint64_t bytes = bytesDone(boards[i]);
+            const auto percent = static_cast<unsigned>(totalBytes > 0 ? bytes * 100 / totalBytes : 0);
+            moved.push_back({i, percent, bytes});
         }
-        all = all && boards[i].reported;
+        all = all && boards[i].ended;
     }
     return all;
 }
 
-// Redraws the view until every board has reported its result.
+// Redraws the view until every board has ended.
 void BoardGang::watch(ProgressView* view) {
     std::vector<Moved> moved;
     for (;;) {
@@ -120,23 +190,45 @@ void BoardGang::watch(ProgressView* view) {
     }
 }
 
-BoardResult BoardGang::resultOf(Board& board, int exitCode) {
+// Every part of the target, with what the board made of it.
+std::vector<PartResult> BoardGang::partsOf(const Stage& stage, const Target& target) const {
+    std::vector<PartResult> parts;
+    for (const Image& image : target.images) {
+        PartResult part{image.address, image.bytes, image.sha256, "not written"};
+        for (const PartResult& done : stage.parts) {
+            if (done.address == image.address) {
+                part.result = done.result;
+            }
+        }
+        parts.push_back(part);
+    }
+    std::sort(parts.begin(), parts.end(),
+              [](const PartResult& a, const PartResult& b) { return a.address < b.address; });
+    return parts;
+}
+
+BoardResult BoardGang::resultOf(const Board& board, std::size_t index, int exitCode) const {
+    const Target& target = targets[index];
+    const Stage& stage = board.stages[index];
     BoardResult result;
     result.port = board.port;
-    result.target = settings.targetName();
-    // A failed board counts what it got through.
-    result.bytes = board.reported && board.ok ? image.bytes : board.bytes;
-    result.sha256 = image.sha256;
-    const Clock::time_point end = board.reported ? board.end : Clock::now();
-    result.seconds = std::chrono::duration<double>(end - board.start).count();
-    result.ok = board.reported && board.ok && exitCode == 0;
-    if (result.ok) {
-        result.result = board.reason;
-    } else if (board.reported && !board.reason.empty()) {
-        result.result = board.reason;
-    } else {
-        result.result = "the board's process ended with code " + std::to_string(exitCode);
+    result.target = target.name;
+    result.sha256 = target.images.size() == 1 ? target.images.front().sha256 : std::string();
+    if (target.name == "esp32") {
+        result.parts = partsOf(stage, target);
     }
+    const Stage* before = index > 0 ? &board.stages[index - 1] : nullptr;
+    if (!stage.reported && before != nullptr && !(before->reported && before->ok)) {
+        result.result = "not attempted: the " + upper(targets[index - 1].name) + " load failed";
+        return result;
+    }
+    // A failed target counts what it got through.
+    result.bytes = stage.reported && stage.ok ? target.bytes() : stage.bytes;
+    result.seconds =
+        std::chrono::duration<double>((stage.reported ? stage.end : board.end) - stage.start).count();
+    result.ok = stage.reported && stage.ok;
+    const bool worded = stage.reported && !stage.reason.empty();
+    result.result = worded ? stage.reason : "the board's process ended with code " + std::to_string(exitCode);
     return result;
 }
 
@@ -147,7 +239,15 @@ std::vector<BoardResult> BoardGang::run(ProgressView* view) {
     for (Board& board : boards) {
         const int exitCode = board.process ? board.process->join() : -1;
         std::lock_guard<std::mutex> lock(mutex);
-        results.push_back(resultOf(board, exitCode));
+        for (std::size_t i = 0; i < targets.size(); ++i) {
+            results.push_back(resultOf(board, i, exitCode));
+        }
+        // A board whose every target succeeded ends well, or its last fails.
+        BoardResult& last = results.back();
+        if (last.ok && exitCode != 0) {
+            last.ok = false;
+            last.result = "the board's process ended with code " + std::to_string(exitCode);
+        }
     }
     return results;
 }

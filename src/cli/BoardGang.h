@@ -16,22 +16,35 @@
 
 // Loads every board of the command line at once, each in a process of its
 // own, and gathers what they report: progress for the view, log lines for
-// the log file, and each board's result.
+// the log file, and each board's result for each of its targets.
 class BoardGang {
 public:
-    // What every board loads: the one copy of the image, its digest and size.
+    // One image every board loads: the one copy of it, its digest and size,
+    // and where a part of an ESP32 image goes.
     struct Image {
+        std::uint32_t address = 0;
         std::string path;
         std::string sha256;
         std::uint64_t bytes = 0;
     };
+    // What a board loads into one processor: "stm32" with its image, or
+    // "esp32" with the parts of its image.
+    struct Target {
+        std::string name;
+        std::vector<Image> images;
 
-    BoardGang(const CliSettings& settings, Image image, std::ofstream* logFile);
+        std::uint64_t bytes() const;
+    };
+
+    // `targets` in the order each board loads them; a board whose load of
+    // one fails goes on to no other.
+    BoardGang(const CliSettings& settings, std::vector<Target> targets, std::ofstream* logFile);
     ~BoardGang();
     BoardGang(const BoardGang&) = delete;
     BoardGang& operator=(const BoardGang&) = delete;
 
-    // Runs until every board has ended; `view` may be null.
+    // Runs until every board has ended; `view` may be null. One result per
+    // board and target, the board's targets together in their order.
     std::vector<BoardResult> run(ProgressView* view);
 
 private:
@@ -41,29 +54,40 @@ private:
         unsigned percent;
         std::uint64_t bytes;
     };
+    // One target on one board.
+    struct Stage {
+        bool reported = false;
+        bool ok = false;
+        std::string reason;
+        std::uint64_t bytes = 0;
+        std::vector<PartResult> parts; // as reported, in the order done
+        Clock::time_point start;
+        Clock::time_point end;
+    };
     struct Board {
         std::string port;
         std::unique_ptr<BoardProcess> process;
-        bool reported = false; // its result came, or its output ended
-        bool ok = false;
-        std::string reason;
-        unsigned percent = 0;
-        std::uint64_t bytes = 0;
+        std::vector<Stage> stages;
+        std::size_t current = 0; // the stage under way
+        bool ended = false;      // every stage reported, or the output ended
         bool progressed = false;
-        Clock::time_point start;
         Clock::time_point end;
     };
 
     std::vector<std::string> workerArguments(const std::string& port) const;
     void onEvent(std::size_t index, const BoardEvent& event);
+    void onDone(Board& board, const BoardEvent& event);
     void startBoards();
     void watch(ProgressView* view);
     bool takeMoves(std::vector<Moved>& moved);
+    std::uint64_t bytesDone(const Board& board) const;
     void writeLog(const std::string& port, const std::string& line);
-    BoardResult resultOf(Board& board, int exitCode);
+    BoardResult resultOf(const Board& board, std::size_t stage, int exitCode) const;
+    std::vector<PartResult> partsOf(const Stage& stage, const Target& target) const;
 
     const CliSettings& settings;
-    Image image;
+    std::vector<Target> targets;
+    std::uint64_t totalBytes = 0;
     std::ofstream* logFile;
     std::mutex logMutex;
     std::vector<Board> boards;

@@ -24,9 +24,8 @@ void BoardProcess::readReports() {
     for (;;) {
         const std::size_t got = Platform::readChildOutput(child, buffer, sizeof(buffer));
         if (got == 0) {
-            // The end of its output: a result, if none came, that says nothing.
             BoardEvent end;
-            end.kind = BoardEvent::Kind::Done;
+            end.kind = BoardEvent::Kind::End;
             listener(end);
             return;
         }

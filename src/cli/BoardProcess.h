@@ -10,8 +10,8 @@
 
 // The process that loads one board: this program started again for one
 // port. A thread of this process reads its reports and hands each to
-// `listener`, and a failed result without words when its output ends; a
-// board that fails or crashes stays in its process.
+// `listener`, and the end of its output last; a board that fails or crashes
+// stays in its process.
 class BoardProcess {
 public:
     using Listener = std::function<void(const BoardEvent& event)>;

@@ -1,8 +1,6 @@
 #include "BoardSession.h"
 
-#include "Esp32Flash.h"
 #include "Utf8Path.h"
-#include "esp_loader.h"
 
 #include <thread>
 
@@ -120,28 +118,23 @@ BoardSession::Outcome BoardSession::waitForTransfer(std::uint64_t size, const Pr
     }
 }
 
-// The chip's flash, as the loader measured it, against the image: a refused
-// start names both sizes rather than the loader's code.
-std::optional<std::string> BoardSession::tooLargeForChip(std::uint64_t size) {
-    const std::uint32_t flash = esp_loader_target_flash_size();
-    if (flash == 0 || size <= flash) {
-        return std::nullopt;
-    }
-    return "the image has " + std::to_string(size) + " bytes, more than the chip's flash of " +
-           std::to_string(flash) + " bytes";
+BoardSession::Outcome BoardSession::leavePayloadProtocol() {
+    link.suspend();
+    return open();
 }
 
-BoardSession::Outcome BoardSession::flashEsp32(const std::string& path, bool compress, bool verify,
-                                               const Progress& progress) {
-    std::error_code sizeError;
-    const std::uint64_t size = std::filesystem::file_size(pathFromUtf8(path), sizeError);
-    Esp32Flash::Options options = Esp32Flash::defaults();
-    options.verify = verify;
-    options.compress = compress;
+BoardSession::Outcome BoardSession::flashEsp32(const std::vector<FlashPart>& parts,
+                                               const Esp32Flash::Options& options, const Progress& progress,
+                                               std::vector<PartOutcome>& outcomes) {
+    std::uint64_t size = 0;
+    for (const FlashPart& part : parts) {
+        std::error_code sizeError;
+        size += std::filesystem::file_size(pathFromUtf8(part.path), sizeError);
+    }
     std::string error;
     const auto report = [&progress, size](unsigned char percent) { progress(percent, size * percent / 100); };
-    if (!Esp32Flash::run(link.usb(), path, options, report, error)) {
-        return {false, tooLargeForChip(size).value_or(error)};
+    if (!Esp32Flash::runParts(link.usb(), parts, options, report, outcomes, error)) {
+        return {false, error};
     }
     return {true, {}};
 }

@@ -3,6 +3,7 @@
 #include "BoardLink.h"
 #include "BoardLog.h"
 #include "DeviceSearch.h"
+#include "Esp32Flash.h"
 #include "FlowKeys.h"
 #include "Stm32LoadFlow.h"
 
@@ -42,15 +43,21 @@ public:
     // The erase command, the chunked transfer, and success only on the
     // device's answer to the finish step.
     Outcome loadStm32(const std::string& path, const Progress& progress);
-    // The switch frame, the ROM loader, and with `verify` the MD5 check.
-    Outcome flashEsp32(const std::string& path, bool compress, bool verify, const Progress& progress);
+    // The payload threads of a load end and the port opens again, so that
+    // nothing but the ROM loader reads the link after the switch frame.
+    Outcome leavePayloadProtocol();
+    // The switch frame, the ROM loader, each part in address order (one
+    // the flash holds already left alone with `skipUnchanged`), and with
+    // `verify` the MD5 check. `outcomes` gets the parts done, also on a
+    // failure.
+    Outcome flashEsp32(const std::vector<FlashPart>& parts, const Esp32Flash::Options& options,
+                       const Progress& progress, std::vector<PartOutcome>& outcomes);
 
 private:
     Stm32LoadFlow::Events loadEvents();
     Outcome waitForErase();
     Outcome waitForTransfer(std::uint64_t size, const Progress& progress);
     Outcome failure(const std::string& fallback);
-    static std::optional<std::string> tooLargeForChip(std::uint64_t size);
 
     BoardLog& log;
     BoardLink link;

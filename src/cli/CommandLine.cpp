@@ -4,7 +4,10 @@
 
 #include <CLI/CLI.hpp>
 
+#include <cstdint>
 #include <iostream>
+#include <optional>
+#include <vector>
 
 namespace {
 
@@ -39,12 +42,57 @@ CLI::App* addLoadCommand(CLI::App& app, const char* name, const char* help, CliS
         ->required()
         ->allow_extra_args(false);
     addBaudOption(*load, settings);
-    load->add_option("FILE", settings.file, "The firmware image")->required();
     addCommonOptions(*load, settings);
     // The process that runs one board for a parent: not for people.
     load->add_flag("--worker", settings.worker)->group("");
     load->callback([&settings, command] { settings.command = command; });
     return load;
+}
+
+void addEsp32Options(CLI::App& command, CliSettings& settings, bool& plain, bool& unchecked) {
+    command.add_flag("--no-compress", plain, "Send the image as it is, not compressed");
+    command.add_flag("--no-verify", unchecked, "Skip the MD5 check of the written flash");
+    command.add_flag("--force", settings.force, "Write every part, even one the flash already holds");
+}
+
+// A flash address: hexadecimal after 0x, otherwise decimal, 32 bits at most.
+std::optional<std::uint32_t> flashAddress(const std::string& text) {
+    const bool hex = text.size() > 2 && text[0] == '0' && (text[1] == 'x' || text[1] == 'X');
+    const std::string digits = hex ? text.substr(2) : text;
+    const char* allowed = hex ? "0123456789abcdefABCDEF" : "0123456789";
+    if (digits.empty() || digits.find_first_not_of(allowed) != std::string::npos) {
+        return std::nullopt;
+    }
+    const std::size_t first = digits.find_first_not_of('0');
+    const std::size_t significant = first == std::string::npos ? 0 : digits.size() - first;
+    if (significant > (hex ? 8u : 10u)) {
+        return std::nullopt;
+    }
+    const unsigned long long value = std::stoull(digits, nullptr, hex ? 16 : 10);
+    if (value > 0xFFFFFFFFull) {
+        return std::nullopt;
+    }
+    return static_cast<std::uint32_t>(value);
+}
+
+// FILE alone is one part at offset 0; otherwise ADDR FILE pairs.
+std::optional<std::string> readParts(const std::vector<std::string>& words, std::vector<FlashPart>& parts) {
+    if (words.size() == 1) {
+        parts.push_back(FlashPart{0, words.front()});
+        return std::nullopt;
+    }
+    if (words.size() % 2 != 0) {
+        return "the ESP32 image is FILE alone or ADDR FILE pairs; " + words.back() + " has no address";
+    }
+    for (std::size_t i = 0; i < words.size(); i += 2) {
+        const auto at = flashAddress(words[i]);
+        if (!at) {
+            return words[i] + " " + words[i + 1] +
+                   ": not a flash address (hexadecimal after 0x, or decimal, up to 32 bits)";
+        }
+        parts.push_back(FlashPart{*at, words[i + 1]});
+    }
+    return std::nullopt;
 }
 
 } // namespace
@@ -66,14 +114,25 @@ std::variant<CliSettings, int> CommandLine::parse(int argc, char** argv) {
     addCommonOptions(*search, settings);
     search->callback([&settings] { settings.command = CliSettings::Command::Search; });
 
-    addLoadCommand(app, "stm32", "Load FILE into the STM32 of each board", settings,
-                   CliSettings::Command::Stm32);
-    CLI::App* esp32 = addLoadCommand(app, "esp32", "Flash FILE into the ESP32 of each board", settings,
-                                     CliSettings::Command::Esp32);
+    CLI::App* stm32 = addLoadCommand(app, "stm32", "Load FILE into the STM32 of each board", settings,
+                                     CliSettings::Command::Stm32);
+    stm32->add_option("FILE", settings.file, "The firmware image")->required();
+
+    std::vector<std::string> partWords;
     bool plain = false;
     bool unchecked = false;
-    esp32->add_flag("--no-compress", plain, "Send the image as it is, not compressed");
-    esp32->add_flag("--no-verify", unchecked, "Skip the MD5 check of the written flash");
+    CLI::App* esp32 = addLoadCommand(app, "esp32", "Flash the image into the ESP32 of each board", settings,
+                                     CliSettings::Command::Esp32);
+    esp32->add_option("PARTS", partWords, "FILE alone (at offset 0), or ADDR FILE [ADDR FILE ...]")
+        ->required();
+    addEsp32Options(*esp32, settings, plain, unchecked);
+
+    CLI::App* board = addLoadCommand(app, "board", "Load the STM32, then flash the ESP32, of each board",
+                                     settings, CliSettings::Command::Board);
+    board->add_option("--stm32", settings.file, "The STM32 image")->required();
+    board->add_option("--esp32", partWords, "The ESP32 image: FILE alone, or ADDR FILE [ADDR FILE ...]")
+        ->required();
+    addEsp32Options(*board, settings, plain, unchecked);
 
     try {
         app.parse(argc, argv);
@@ -82,6 +141,10 @@ std::variant<CliSettings, int> CommandLine::parse(int argc, char** argv) {
             return app.exit(error); // the help
         }
         std::cerr << "merid-flash: " << error.what() << " (see merid-flash --help)" << std::endl;
+        return kUsageError;
+    }
+    if (auto problem = readParts(partWords, settings.parts)) {
+        std::cerr << "merid-flash: " << *problem << " (see merid-flash --help)" << std::endl;
         return kUsageError;
     }
     settings.compress = !plain;

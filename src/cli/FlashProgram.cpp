@@ -5,6 +5,7 @@
 #include "BoardSession.h"
 #include "CommandLine.h"
 #include "DeviceText.h"
+#include "Esp32Flash.h"
 #include "ImageCopy.h"
 #include "InputCheck.h"
 #include "Platform.h"
@@ -53,11 +54,11 @@ int FlashProgram::badInput(const std::string& line) {
 }
 
 // After the input checks, so that a refused run leaves every file as it was.
-std::optional<std::string> FlashProgram::openLogFile(const std::string& image) {
+std::optional<std::string> FlashProgram::openLogFile(const std::vector<std::string>& images) {
     if (settings.logPath.empty()) {
         return std::nullopt;
     }
-    if (auto problem = InputCheck::logFile(settings.logPath, image)) {
+    if (auto problem = InputCheck::logFile(settings.logPath, images)) {
         return problem;
     }
     logFile.open(pathFromUtf8(settings.logPath), std::ios::out | std::ios::trunc);
@@ -150,10 +151,10 @@ int FlashProgram::searchPort() {
 }
 
 // One board for a parent: every report goes to the standard output as one
-// line, the result last.
+// line, a result for each target last; a target that fails ends the board.
 int FlashProgram::runWorker() {
     std::mutex outputMutex;
-    const auto emit = [&outputMutex](const std::string& text) {
+    const Emit emit = [&outputMutex](const std::string& text) {
         std::lock_guard<std::mutex> lock(outputMutex);
         std::fwrite(text.data(), 1, text.size(), stdout);
         std::fflush(stdout);
@@ -161,27 +162,59 @@ int FlashProgram::runWorker() {
     BoardLog log([&emit](const std::string& line) { emit(WorkerReport::log(line)); });
     BoardSession session(settings.ports.front(), settings.baud, log);
     BoardSession::Outcome outcome = session.open();
-    if (outcome.ok) {
-        const auto progress = [&emit](unsigned percent, std::uint64_t bytes) {
-            emit(WorkerReport::progress(percent, bytes));
-        };
-        outcome = settings.command == CliSettings::Command::Esp32
-                      ? session.flashEsp32(settings.file, settings.compress, settings.verify, progress)
-                      : session.loadStm32(settings.file, progress);
+    if (outcome.ok && settings.loadsStm32()) {
+        outcome = session.loadStm32(settings.file, progressReport(emit));
+        if (outcome.ok) {
+            emit(WorkerReport::done(true, "confirmed"));
+            outcome = settings.loadsEsp32() ? session.leavePayloadProtocol() : outcome;
+        }
     }
-    std::string words = outcome.reason;
-    if (outcome.ok) {
-        const bool checked = settings.command == CliSettings::Command::Stm32 || settings.verify;
-        words = settings.command == CliSettings::Command::Stm32 ? "confirmed"
-                                                                : (checked ? "verified" : "written");
+    if (outcome.ok && settings.loadsEsp32()) {
+        outcome = flashEsp32(session, emit);
     }
-    emit(WorkerReport::done(outcome.ok, words));
+    if (!outcome.ok) {
+        emit(WorkerReport::done(false, outcome.reason));
+    }
     return outcome.ok ? kSuccess : kFailure;
 }
 
-std::optional<std::string> FlashProgram::checkLoadInput(std::uint64_t& imageBytes) {
-    if (auto problem =
-            InputCheck::image(settings.file, settings.command == CliSettings::Command::Esp32, imageBytes)) {
+BoardSession::Progress FlashProgram::progressReport(const Emit& emit) {
+    return [emit](unsigned percent, std::uint64_t bytes) { emit(WorkerReport::progress(percent, bytes)); };
+}
+
+// The parts done are told whatever the end; a success is told here, in the
+// words of what was done.
+BoardSession::Outcome FlashProgram::flashEsp32(BoardSession& session, const Emit& emit) {
+    Esp32Flash::Options options = Esp32Flash::defaults();
+    options.compress = settings.compress;
+    options.verify = settings.verify;
+    options.skipUnchanged = !settings.force;
+    std::vector<PartOutcome> outcomes;
+    const BoardSession::Outcome outcome =
+        session.flashEsp32(settings.parts, options, progressReport(emit), outcomes);
+    bool written = false;
+    for (const PartOutcome& part : outcomes) {
+        emit(WorkerReport::part(part.address, part.size, part.written));
+        written = written || part.written;
+    }
+    if (outcome.ok) {
+        emit(WorkerReport::done(true, !written ? "unchanged" : settings.verify ? "verified" : "written"));
+    }
+    return outcome;
+}
+
+// The images and the ports, before anything is sent; each image then read
+// once into `copies`.
+std::optional<std::string> FlashProgram::checkLoadInput(ImageCopy& copies,
+                                                        std::vector<BoardGang::Target>& targets) {
+    std::vector<std::uint64_t> sizes;
+    if (settings.loadsStm32()) {
+        sizes.emplace_back();
+        if (auto problem = InputCheck::image(settings.file, false, sizes.back())) {
+            return problem;
+        }
+    }
+    if (auto problem = checkParts(sizes)) {
         return problem;
     }
     if (auto problem = InputCheck::distinctPorts(settings.ports)) {
@@ -192,26 +225,83 @@ std::optional<std::string> FlashProgram::checkLoadInput(std::uint64_t& imageByte
             return problem;
         }
     }
+    return copyImages(sizes, copies, targets);
+}
+
+// Each part a plain binary image for the ESP32, and the parts a layout the
+// flash can hold; their sizes go after those in `sizes`.
+std::optional<std::string> FlashProgram::checkParts(std::vector<std::uint64_t>& sizes) {
+    std::vector<std::uint64_t> partSizes;
+    for (const FlashPart& part : settings.parts) {
+        partSizes.emplace_back();
+        if (auto problem = InputCheck::image(part.path, true, partSizes.back())) {
+            return problem;
+        }
+        if (auto problem = InputCheck::plainBinary(part.path)) {
+            return problem;
+        }
+    }
+    if (auto problem = InputCheck::layout(settings.parts, partSizes)) {
+        return problem;
+    }
+    sizes.insert(sizes.end(), partSizes.begin(), partSizes.end());
     return std::nullopt;
 }
 
+std::optional<std::string> FlashProgram::copyImages(const std::vector<std::uint64_t>& sizes,
+                                                    ImageCopy& copies,
+                                                    std::vector<BoardGang::Target>& targets) {
+    std::vector<std::pair<std::string, std::uint32_t>> sources;
+    if (settings.loadsStm32()) {
+        targets.push_back({"stm32", {}});
+        sources.emplace_back(settings.file, 0);
+    }
+    if (settings.loadsEsp32()) {
+        targets.push_back({"esp32", {}});
+        for (const FlashPart& part : settings.parts) {
+            sources.emplace_back(part.path, part.address);
+        }
+    }
+    for (std::size_t i = 0; i < sources.size(); ++i) {
+        if (auto problem = copies.add(sources[i].first, sizes[i])) {
+            return problem;
+        }
+        const ImageCopy::Copy& copy = copies.copies().back();
+        // The STM32's image comes first when there is one.
+        BoardGang::Target& target = settings.loadsStm32() && i == 0 ? targets.front() : targets.back();
+        target.images.push_back({sources[i].second, copy.path, copy.sha256, copy.bytes});
+    }
+    return std::nullopt;
+}
+
+std::vector<std::string> FlashProgram::inputFiles() const {
+    std::vector<std::string> files;
+    if (settings.loadsStm32()) {
+        files.push_back(settings.file);
+    }
+    for (const FlashPart& part : settings.parts) {
+        files.push_back(part.path);
+    }
+    return files;
+}
+
 int FlashProgram::runLoads() {
-    std::uint64_t imageBytes = 0;
-    ImageCopy image;
-    if (auto problem = checkLoadInput(imageBytes)) {
+    ImageCopy copies;
+    std::vector<BoardGang::Target> targets;
+    if (auto problem = checkLoadInput(copies, targets)) {
         return badInput(*problem);
     }
-    if (auto problem = image.make(settings.file, imageBytes)) {
+    if (auto problem = openLogFile(inputFiles())) {
         return badInput(*problem);
     }
-    if (auto problem = openLogFile(settings.file)) {
-        return badInput(*problem);
+    std::uint64_t totalBytes = 0;
+    for (const BoardGang::Target& target : targets) {
+        totalBytes += target.bytes();
     }
     const bool showProgress = !settings.quiet;
     std::FILE* out = humanOutput();
-    ProgressView view(out, Platform::isTerminal(out == stdout ? 1 : 2), settings.ports, imageBytes);
-    BoardGang gang(settings, {image.path(), image.sha256(), imageBytes},
-                   logFile.is_open() ? &logFile : nullptr);
+    ProgressView view(out, Platform::isTerminal(out == stdout ? 1 : 2), settings.ports, totalBytes);
+    BoardGang gang(settings, std::move(targets), logFile.is_open() ? &logFile : nullptr);
     const std::vector<BoardResult> results = gang.run(showProgress ? &view : nullptr);
     printResults(results);
     const bool allOk = std::all_of(results.begin(), results.end(), [](const BoardResult& r) { return r.ok; });
@@ -222,7 +312,10 @@ void FlashProgram::printResults(const std::vector<BoardResult>& results) {
     if (settings.quiet) {
         for (const auto& result : results) {
             if (!result.ok) {
-                std::cerr << "merid-flash: " << DeviceText::forTerminal(result.port) << ": "
+                // A board's two targets are told apart by name.
+                const std::string target =
+                    settings.command == CliSettings::Command::Board ? result.target + ": " : "";
+                std::cerr << "merid-flash: " << DeviceText::forTerminal(result.port) << ": " << target
                           << DeviceText::forTerminal(result.result) << std::endl;
             }
         }
@@ -231,8 +324,12 @@ void FlashProgram::printResults(const std::vector<BoardResult>& results) {
         std::fflush(humanOutput());
     }
     if (settings.json) {
-        for (const auto& result : results) {
-            std::cout << Summary::json(result) << '\n';
+        // One object per board: a board's targets come together.
+        const std::size_t perBoard = results.size() / std::max<std::size_t>(settings.ports.size(), 1);
+        for (std::size_t i = 0; i + perBoard <= results.size() && perBoard > 0; i += perBoard) {
+            const std::vector<BoardResult> board(results.begin() + static_cast<std::ptrdiff_t>(i),
+                                                 results.begin() + static_cast<std::ptrdiff_t>(i + perBoard));
+            std::cout << (perBoard == 1 ? Summary::json(board.front()) : Summary::boardJson(board)) << '\n';
         }
         std::cout.flush();
     }

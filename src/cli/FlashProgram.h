@@ -1,11 +1,15 @@
 #pragma once
 
+#include "BoardGang.h"
 #include "BoardResult.h"
+#include "BoardSession.h"
 #include "CliSettings.h"
+#include "ImageCopy.h"
 
 #include <cstdint>
 #include <cstdio>
 #include <fstream>
+#include <functional>
 #include <optional>
 #include <string>
 #include <vector>
@@ -20,12 +24,24 @@ public:
 private:
     int listPorts();
     int searchPort();
+    // A line to the parent of a board's process.
+    using Emit = std::function<void(const std::string& text)>;
+
     int runWorker();
+    static BoardSession::Progress progressReport(const Emit& emit);
+    BoardSession::Outcome flashEsp32(BoardSession& session, const Emit& emit);
     int runLoads();
-    std::optional<std::string> checkLoadInput(std::uint64_t& imageBytes);
-    // The log file opened; the reason when it may not be. `image` is the
-    // input it must not be.
-    std::optional<std::string> openLogFile(const std::string& image);
+    // What every board loads, in `targets`; the one line that says what
+    // is wrong, before anything is sent.
+    std::optional<std::string> checkLoadInput(ImageCopy& copies, std::vector<BoardGang::Target>& targets);
+    std::optional<std::string> checkParts(std::vector<std::uint64_t>& sizes);
+    std::optional<std::string> copyImages(const std::vector<std::uint64_t>& sizes, ImageCopy& copies,
+                                          std::vector<BoardGang::Target>& targets);
+    // The images the command line names.
+    std::vector<std::string> inputFiles() const;
+    // The log file opened; the reason when it may not be. `images` are the
+    // inputs it must not be.
+    std::optional<std::string> openLogFile(const std::vector<std::string>& images);
     void printResults(const std::vector<BoardResult>& results);
     // Where people read: the standard output, or the standard error when the
     // standard output carries JSON.

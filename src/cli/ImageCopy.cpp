@@ -47,28 +47,43 @@ std::string hex(const unsigned char* bytes, std::size_t size) {
 
 ImageCopy::~ImageCopy() {
     std::error_code ignored;
-    if (!copyPath.empty()) {
-        std::filesystem::remove(pathFromUtf8(copyPath), ignored);
+    for (const Copy& copy : made) {
+        std::filesystem::remove(pathFromUtf8(copy.path), ignored);
     }
     if (!folder.empty()) {
         std::filesystem::remove(pathFromUtf8(folder), ignored);
     }
 }
 
-std::optional<std::string> ImageCopy::make(const std::string& source, std::uint64_t size) {
-    // Only this user can write in the folder, so nobody can plant a link
-    // or swap the copy between its writing and the boards' reading.
+// Only this user can write in the folder, so nobody can plant a link or
+// swap a copy between its writing and the boards' reading.
+std::optional<std::string> ImageCopy::makeFolder() {
     folder = Platform::tempDirectory() + "/" + privateFolderName();
     if (!Platform::ensurePrivateDirectory(folder)) {
         const std::string failed = folder;
         folder.clear();
         return "no private folder for the copy of the image in " + failed;
     }
-    copyPath = folder + "/image.bin";
-    return copy(source, size);
+    return std::nullopt;
 }
 
-std::optional<std::string> ImageCopy::copy(const std::string& source, std::uint64_t size) {
+std::optional<std::string> ImageCopy::add(const std::string& source, std::uint64_t size) {
+    if (folder.empty()) {
+        if (auto problem = makeFolder()) {
+            return problem;
+        }
+    }
+    Copy next;
+    next.path = folder + "/image" + std::to_string(made.size()) + ".bin";
+    next.bytes = size;
+    auto problem = copy(source, next);
+    made.push_back(next); // a half-written copy goes with the others
+    return problem;
+}
+
+std::optional<std::string> ImageCopy::copy(const std::string& source, Copy& into) {
+    const std::string& copyPath = into.path;
+    const std::uint64_t size = into.bytes;
     std::ifstream in(pathFromUtf8(source), std::ios::binary);
     std::ofstream out(pathFromUtf8(copyPath), std::ios::binary | std::ios::trunc);
     if (!in.is_open()) {
@@ -100,6 +115,6 @@ std::optional<std::string> ImageCopy::copy(const std::string& source, std::uint6
     if (!out) {
         return "the copy of the image cannot be written to " + copyPath;
     }
-    digest = hex(gcry_md_read(sha.get(), GCRY_MD_SHA256), gcry_md_get_algo_dlen(GCRY_MD_SHA256));
+    into.sha256 = hex(gcry_md_read(sha.get(), GCRY_MD_SHA256), gcry_md_get_algo_dlen(GCRY_MD_SHA256));
     return std::nullopt;
 }

@@ -1,11 +1,13 @@
 #include "InputCheck.h"
 
 #include "BoardLog.h"
+#include "Formatted.h"
 #include "UsbCommunication.h"
 
 #include "Utf8Path.h"
 
 #include <algorithm>
+#include <cinttypes>
 #include <fstream>
 
 namespace {
@@ -14,6 +16,47 @@ namespace {
 // flash the loader takes for an ESP32, 16 MiB.
 constexpr std::uint64_t kStm32Largest = 0xFFFFFFFFu;
 constexpr std::uint64_t kEsp32Largest = 16u << 20;
+constexpr std::uint32_t kSector = 4096;
+// Enough of a file's start to see the first record of a text format.
+constexpr std::size_t kHead = 512;
+
+bool allHex(const std::string& text) {
+    return !text.empty() && text.find_first_not_of("0123456789abcdefABCDEF") == std::string::npos;
+}
+
+// The first line of the file, without its line end.
+std::string firstLine(const std::string& head) {
+    std::string line = head.substr(0, head.find('\n'));
+    if (!line.empty() && line.back() == '\r') {
+        line.pop_back();
+    }
+    return line;
+}
+
+// What a file whose start is `head` is, when it is no plain binary image.
+std::optional<std::string> textOrElf(const std::string& head) {
+    if (head.rfind("\x7f"
+                   "ELF",
+                   0) == 0) {
+        return "an ELF file";
+    }
+    const std::string line = firstLine(head);
+    if (line.size() >= 11 && line[0] == ':' && allHex(line.substr(1))) {
+        return "Intel HEX text";
+    }
+    if (line.size() >= 10 && line[0] == 'S' && line[1] >= '0' && line[1] <= '9' && allHex(line.substr(2))) {
+        return "Motorola S-record text";
+    }
+    return std::nullopt;
+}
+
+std::string hexAddress(std::uint64_t address) {
+    return formatted("0x%" PRIx64, address);
+}
+
+std::string named(const FlashPart& part) {
+    return part.path + " at " + hexAddress(part.address);
+}
 
 } // namespace
 
@@ -44,6 +87,42 @@ std::optional<std::string> InputCheck::image(const std::string& path, bool esp32
     if (esp32 && size % 4 != 0) {
         return path + ": an ESP32 image must be a multiple of 4 bytes long; this one has " +
                std::to_string(size) + " bytes";
+    }
+    return std::nullopt;
+}
+
+std::optional<std::string> InputCheck::plainBinary(const std::string& path) {
+    std::ifstream stream(pathFromUtf8(path), std::ios::binary);
+    std::string head(kHead, '\0');
+    stream.read(head.data(), static_cast<std::streamsize>(head.size()));
+    head.resize(static_cast<std::size_t>(stream.gcount()));
+    if (const auto kind = textOrElf(head)) {
+        return path + ": the file is " + *kind + ", not a binary image; convert it to a binary image first";
+    }
+    return std::nullopt;
+}
+
+std::optional<std::string> InputCheck::layout(const std::vector<FlashPart>& parts,
+                                              const std::vector<std::uint64_t>& sizes) {
+    std::vector<std::size_t> order(parts.size());
+    for (std::size_t i = 0; i < parts.size(); ++i) {
+        order[i] = i;
+        if (parts[i].address % kSector != 0) {
+            return named(parts[i]) + ": the address is not a multiple of the 4 KiB flash sector";
+        }
+        if (parts[i].address + sizes[i] > kEsp32Largest) {
+            return named(parts[i]) + ": the part ends at " + hexAddress(parts[i].address + sizes[i]) +
+                   ", past 16 MiB, the largest flash the loader writes";
+        }
+    }
+    std::sort(order.begin(), order.end(),
+              [&parts](std::size_t a, std::size_t b) { return parts[a].address < parts[b].address; });
+    for (std::size_t i = 1; i < order.size(); ++i) {
+        const std::size_t before = order[i - 1], after = order[i];
+        if (parts[before].address + sizes[before] > parts[after].address) {
+            return named(parts[before]) + " (" + std::to_string(sizes[before]) + " bytes, to " +
+                   hexAddress(parts[before].address + sizes[before]) + ") overlaps " + named(parts[after]);
+        }
     }
     return std::nullopt;
 }
@@ -86,7 +165,8 @@ std::optional<std::string> InputCheck::distinctPorts(const std::vector<std::stri
     return std::nullopt;
 }
 
-std::optional<std::string> InputCheck::logFile(const std::string& path, const std::string& image) {
+std::optional<std::string> InputCheck::logFile(const std::string& path,
+                                               const std::vector<std::string>& images) {
     const std::filesystem::path log = pathFromUtf8(path);
     std::error_code error;
     if (!std::filesystem::exists(log, error)) {
@@ -95,8 +175,10 @@ std::optional<std::string> InputCheck::logFile(const std::string& path, const st
     if (!std::filesystem::is_regular_file(log, error)) {
         return path + ": the log file is not a regular file";
     }
-    if (!image.empty() && std::filesystem::equivalent(log, pathFromUtf8(image), error)) {
-        return path + ": the log file is the image itself";
+    for (const auto& image : images) {
+        if (std::filesystem::equivalent(log, pathFromUtf8(image), error)) {
+            return path + ": the log file is the image itself";
+        }
     }
     return std::nullopt;
 }

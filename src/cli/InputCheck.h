@@ -1,5 +1,7 @@
 #pragma once
 
+#include "MeridEspSerialFlasher.h"
+
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -15,6 +17,17 @@ public:
     // read.
     static std::optional<std::string> image(const std::string& path, bool esp32, std::uint64_t& size);
 
+    // The file is plainly a binary image: not ELF, and not the text of an
+    // Intel HEX or Motorola S-record file, which would go to the flash as
+    // their letters. The line names what the file is.
+    static std::optional<std::string> plainBinary(const std::string& path);
+
+    // The parts of an ESP32 image, `sizes` their lengths: each at a 4 KiB
+    // sector boundary, none overlapping another, in whatever order given,
+    // and all inside the largest flash the loader writes.
+    static std::optional<std::string> layout(const std::vector<FlashPart>& parts,
+                                             const std::vector<std::uint64_t>& sizes);
+
     // The port opens, and is closed again at once: nothing goes on the line.
     // When it does not open, the words of the port's log with its hint.
     static std::optional<std::string> port(const std::string& name);
@@ -22,7 +35,8 @@ public:
     // The ports are all different, also through links: each line once.
     static std::optional<std::string> distinctPorts(const std::vector<std::string>& names);
 
-    // The log file may be written: it is none of the inputs, and a regular
+    // The log file may be written: it is none of the images, and a regular
     // file when it exists (never a FIFO that would hold the run).
-    static std::optional<std::string> logFile(const std::string& path, const std::string& image);
+    static std::optional<std::string> logFile(const std::string& path,
+                                              const std::vector<std::string>& images);
 };

@@ -107,6 +107,10 @@ std::string WorkerReport::log(const std::string& line) {
     return "log " + line + "\n";
 }
 
+std::string WorkerReport::part(std::uint32_t address, std::uint64_t size, bool written) {
+    return "part " + std::to_string(address) + " " + std::to_string(size) + (written ? " 1\n" : " 0\n");
+}
+
 std::string WorkerReport::done(bool ok, const std::string& reason) {
     return std::string("done ") + (ok ? "1 " : "0 ") + oneLine(reason) + "\n";
 }
@@ -132,6 +136,14 @@ std::optional<BoardEvent> WorkerReport::parse(const std::string& line) {
         return event;
     }
     int ok = 0;
+    if (in.word("part")) {
+        if (!in.number(event.address) || !in.number(event.bytes) || !in.number(ok)) {
+            return std::nullopt;
+        }
+        event.kind = BoardEvent::Kind::Part;
+        event.ok = ok == 1;
+        return event;
+    }
     if (in.word("done") && in.number(ok)) {
         event.kind = BoardEvent::Kind::Done;
         event.ok = ok == 1;

@@ -5,20 +5,24 @@
 #include <string>
 
 // What the process of one board tells its parent, one line each on its
-// standard output: progress, the lines of its log, and its result last.
+// standard output: progress, the lines of its log, what became of each part
+// of an ESP32 image, and the result of each target in the order loaded. The
+// end of its output is an event of its own.
 struct BoardEvent {
-    enum class Kind { Progress, Log, Done };
+    enum class Kind { Progress, Log, Part, Done, End };
     Kind kind = Kind::Log;
     unsigned percent = 0;
-    std::uint64_t bytes = 0;
-    bool ok = false;
-    std::string text; // the log line, or the reason of a failure
+    std::uint64_t bytes = 0;   // of the target's image; a part's size
+    std::uint32_t address = 0; // a part's
+    bool ok = false;           // a target's success; a part written
+    std::string text;          // the log line, or the reason of a failure
 };
 
 class WorkerReport {
 public:
     static std::string progress(unsigned percent, std::uint64_t bytes);
     static std::string log(const std::string& line);
+    static std::string part(std::uint32_t address, std::uint64_t size, bool written);
     static std::string done(bool ok, const std::string& reason);
     // Nothing for a line that is none of these.
     static std::optional<BoardEvent> parse(const std::string& line);

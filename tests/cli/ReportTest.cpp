@@ -79,8 +79,8 @@ TEST(WorkerReport, NumbersReadAsAStreamReadsThem) {
 // Port names and reasons with quotes, backslashes and control characters
 // still make valid JSON that reads back as the same text.
 TEST(Summary, JsonAndTableCarryEveryBoard) {
-    BoardResult windows{"\\\\.\\COM10", "esp32", 65536, 2.0, true, "verified", ""};
-    BoardResult odd{"/tmp/a \"b\"", "stm32", 1000, 0.5, false, "line\tone\nline two \x01", ""};
+    BoardResult windows{"\\\\.\\COM10", "esp32", 65536, 2.0, true, "verified", "", {}};
+    BoardResult odd{"/tmp/a \"b\"", "stm32", 1000, 0.5, false, "line\tone\nline two \x01", "", {}};
     for (const BoardResult& result : {windows, odd}) {
         const auto object = nlohmann::json::parse(Summary::json(result));
         EXPECT_EQ(object["port"], result.port);
@@ -150,7 +150,7 @@ TEST(DeviceText, ControlsAndBadBytesAreEscapedForTerminalAndJson) {
         EXPECT_TRUE(nlohmann::json::accept(c.json));
     }
     BoardResult forged{
-        "/dev/ttyUSB0", "esp32", 4, 1.0, false, "flash MD5 mismatch: flash MD5 \x1b[2J\nOK", ""};
+        "/dev/ttyUSB0", "esp32", 4, 1.0, false, "flash MD5 mismatch: flash MD5 \x1b[2J\nOK", "", {}};
     const std::string table = Summary::table({forged});
     EXPECT_EQ(std::count(table.begin(), table.end(), '\n'), 2) << table;
     EXPECT_NE(table.find("flash MD5 \\x1b[2J\\x0aOK\n"), std::string::npos) << table;
@@ -161,7 +161,7 @@ TEST(ProgressView, LongPortNamesMakeWholeLines) {
     const std::string port = "/dev/serial/by-id/" + std::string(400, 'x');
     const std::string line = ProgressView::line(port, 42, 1u << 20, 4u << 20, 2.0);
     EXPECT_EQ(line, port + "  42%   1048576/4194304 bytes    512.0 KiB/s      6 s left");
-    BoardResult result{port, "stm32", 4u << 20, 8.0, true, "confirmed", std::string(64, 'a')};
+    BoardResult result{port, "stm32", 4u << 20, 8.0, true, "confirmed", std::string(64, 'a'), {}};
     const std::string table = Summary::table({result});
     EXPECT_EQ(table, "image SHA-256 " + std::string(64, 'a') + "\nPORT" + std::string(port.size() - 4, ' ') +
                          "  TARGET      BYTES  SECONDS     KIB/S  RESULT\n" + port +
