@@ -82,7 +82,8 @@ std::optional<std::string> readParts(const std::vector<std::string>& words, std:
         return std::nullopt;
     }
     if (words.size() % 2 != 0) {
-        return "the ESP32 image is FILE alone or ADDR FILE pairs; " + words.back() + " has no address";
+        return "the ESP32 image is FILE alone or ADDR FILE pairs; the last, " + words.back() +
+               ", has no pair";
     }
     for (std::size_t i = 0; i < words.size(); i += 2) {
         const auto at = flashAddress(words[i]);

@@ -237,9 +237,6 @@ std::optional<std::string> FlashProgram::checkParts(std::vector<std::uint64_t>& 
         if (auto problem = InputCheck::image(part.path, true, partSizes.back())) {
             return problem;
         }
-        if (auto problem = InputCheck::plainBinary(part.path)) {
-            return problem;
-        }
     }
     if (auto problem = InputCheck::layout(settings.parts, partSizes)) {
         return problem;

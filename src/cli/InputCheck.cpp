@@ -50,6 +50,18 @@ std::optional<std::string> textOrElf(const std::string& head) {
     return std::nullopt;
 }
 
+// The line for a file that is plainly no binary image, read from its start.
+std::optional<std::string> notBinary(const std::string& path) {
+    std::ifstream stream(pathFromUtf8(path), std::ios::binary);
+    std::string head(kHead, '\0');
+    stream.read(head.data(), static_cast<std::streamsize>(head.size()));
+    head.resize(static_cast<std::size_t>(stream.gcount()));
+    if (const auto kind = textOrElf(head)) {
+        return path + ": the file is " + *kind + ", not a binary image; convert it to a binary image first";
+    }
+    return std::nullopt;
+}
+
 std::string hexAddress(std::uint64_t address) {
     return formatted("0x%" PRIx64, address);
 }
@@ -78,6 +90,9 @@ std::optional<std::string> InputCheck::image(const std::string& path, bool esp32
     if (error || size == 0) {
         return path + ": the file is empty";
     }
+    if (auto problem = esp32 ? notBinary(path) : std::nullopt) {
+        return problem;
+    }
     const std::uint64_t largest = esp32 ? kEsp32Largest : kStm32Largest;
     if (size > largest) {
         return path + ": the file has " + std::to_string(size) + " bytes; an " + (esp32 ? "ESP32" : "STM32") +
@@ -87,17 +102,6 @@ std::optional<std::string> InputCheck::image(const std::string& path, bool esp32
     if (esp32 && size % 4 != 0) {
         return path + ": an ESP32 image must be a multiple of 4 bytes long; this one has " +
                std::to_string(size) + " bytes";
-    }
-    return std::nullopt;
-}
-
-std::optional<std::string> InputCheck::plainBinary(const std::string& path) {
-    std::ifstream stream(pathFromUtf8(path), std::ios::binary);
-    std::string head(kHead, '\0');
-    stream.read(head.data(), static_cast<std::streamsize>(head.size()));
-    head.resize(static_cast<std::size_t>(stream.gcount()));
-    if (const auto kind = textOrElf(head)) {
-        return path + ": the file is " + *kind + ", not a binary image; convert it to a binary image first";
     }
     return std::nullopt;
 }

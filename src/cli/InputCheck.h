@@ -13,14 +13,11 @@ class InputCheck {
 public:
     // The image can be read and is not empty, and fits its target: an
     // STM32 image its 32-bit offsets, an ESP32 image 16 MiB and a whole
-    // number of 32-bit words, as the ROM loader takes them. Measured, not
-    // read.
+    // number of 32-bit words, as the ROM loader takes them. An ESP32 image
+    // is plainly binary: not ELF, and not the text of an Intel HEX or
+    // Motorola S-record file, which would reach the flash as its letters;
+    // the line then says what the file is.
     static std::optional<std::string> image(const std::string& path, bool esp32, std::uint64_t& size);
-
-    // The file is plainly a binary image: not ELF, and not the text of an
-    // Intel HEX or Motorola S-record file, which would go to the flash as
-    // their letters. The line names what the file is.
-    static std::optional<std::string> plainBinary(const std::string& path);
 
     // The parts of an ESP32 image, `sizes` their lengths: each at a 4 KiB
     // sector boundary, none overlapping another, in whatever order given,

@@ -79,6 +79,12 @@ protected:
         return result;
     }
 
+    // The line of `text` that begins with `start`, without its end.
+    static std::string lineOf(const std::string& text, const std::string& start) {
+        const std::size_t at = text.find(start);
+        return at == std::string::npos ? std::string() : text.substr(at, text.find('\n', at) - at);
+    }
+
     static std::vector<nlohmann::json> jsonLines(const std::string& text) {
         std::vector<nlohmann::json> objects;
         std::istringstream lines(text);
@@ -177,9 +183,11 @@ TEST_F(FlashProgram, EspFlashOutlivesALostOrLateMessage) {
         F faults;
         faults.*c.which = 3;
         board->chip->setFaults(faults);
-        Outcome load = run(std::string(c.arguments) + " -b 921600 -p " + board->port() + " " + imagePath);
+        Outcome load =
+            run(std::string(c.arguments) + " --force -b 921600 -p " + board->port() + " " + imagePath);
         EXPECT_EQ(load.exitCode, 0) << load.out << load.err;
-        EXPECT_EQ(load.out.substr(load.out.rfind("  ") + 2), std::string(c.result) + "\n") << load.out;
+        const std::string row = lineOf(load.out, board->port() + "  esp32");
+        EXPECT_EQ(row.substr(row.rfind("  ") + 2), c.result) << load.out;
         EXPECT_EQ(board->chip->flash(0, static_cast<std::uint32_t>(image.size())), image);
         const auto opcodes = board->chip->opcodes();
         const auto data =
@@ -189,6 +197,80 @@ TEST_F(FlashProgram, EspFlashOutlivesALostOrLateMessage) {
         EXPECT_EQ(std::count(opcodes.begin(), opcodes.end(), 0x11) > 0, compressed);
         EXPECT_EQ(std::count(opcodes.begin(), opcodes.end(), 0x13) > 0, std::string(c.result) == "verified");
     }
+}
+
+// An image of three parts, given in any order, lands at their addresses; a
+// second load finds them all in the flash and writes nothing, a changed part
+// alone is written again, and --force writes them all.
+TEST_F(FlashProgram, PartsAreWrittenOnlyWhereTheFlashDiffers) {
+    const Bytes boot(image.begin(), image.begin() + 0x7000);
+    Bytes table(image.begin() + 0x7000, image.begin() + 0x7C00);
+    const std::string bootPath = dir.path() + "/boot.bin", tablePath = dir.path() + "/table.bin";
+    ASSERT_TRUE(testsupport::writeFile(bootPath, boot) && testsupport::writeFile(tablePath, table));
+    const std::string load = "esp32 --json -b 921600 -p " + boards[0]->port() + " 0x10000 " + imagePath +
+                             " 0x1000 " + bootPath + " 32768 " + tablePath;
+    EspRomSimulator& chip = *boards[0]->chip;
+    // The target's result, then each part's address and result.
+    const auto outcome = [&](const std::string& arguments) {
+        const Outcome flashed = run(arguments);
+        EXPECT_EQ(flashed.exitCode, 0) << flashed.err;
+        const auto result = nlohmann::json::parse(flashed.out);
+        std::string words = result["result"];
+        for (const auto& part : result["parts"]) {
+            words += " " + std::to_string(part["address"].get<unsigned>()) + ":" +
+                     part["result"].get<std::string>();
+        }
+        return words;
+    };
+    EXPECT_EQ(outcome(load), "verified 4096:written 32768:written 65536:written");
+    EXPECT_EQ(chip.flash(0x1000, 0x7000), boot);
+    EXPECT_EQ(chip.flash(0x8000, 0xC00), table);
+    EXPECT_EQ(chip.flash(0x10000, static_cast<std::uint32_t>(image.size())), image);
+
+    const unsigned blocks = chip.counters().dataBlocks;
+    EXPECT_EQ(outcome(load), "unchanged 4096:unchanged 32768:unchanged 65536:unchanged");
+    EXPECT_EQ(chip.counters().dataBlocks, blocks);
+
+    table[5] ^= 0xFF;
+    ASSERT_TRUE(testsupport::writeFile(tablePath, table));
+    EXPECT_EQ(outcome(load), "verified 4096:unchanged 32768:written 65536:unchanged");
+    EXPECT_EQ(chip.flash(0x8000, 0xC00), table);
+    EXPECT_GT(chip.counters().dataBlocks, blocks);
+    EXPECT_LE(chip.counters().dataBlocks, blocks + 3); // 3 KiB, compressed
+
+    EXPECT_EQ(outcome(load + " --force"), "verified 4096:written 32768:written 65536:written");
+    EXPECT_GT(chip.counters().dataBlocks, blocks + 3 + image.size() / 4096);
+}
+
+// A board run loads the STM32, then the ESP32, of every board; a board whose
+// STM32 load fails leaves its ESP32 alone, and the others go on.
+TEST_F(FlashProgram, BoardRunLoadsBothProcessorsOfEachBoard) {
+    DeviceSimulator::Faults unplug;
+    unplug.unplugAfterFrames = 40;
+    boards[2]->simulator.setFaults(unplug);
+    Outcome gang =
+        run("board --json -b 921600 -p " + boards[0]->port() + " -p " + boards[1]->port() + " -p " +
+            boards[2]->port() + " --stm32 " + imagePath + " --esp32 0x10000 " + imagePath);
+    EXPECT_EQ(gang.exitCode, 1);
+    const auto results = jsonLines(gang.out);
+    ASSERT_EQ(results.size(), 3u) << gang.out;
+    for (std::size_t i = 0; i < 2; ++i) {
+        SCOPED_TRACE(i);
+        EXPECT_EQ(results[i]["port"], boards[i]->port());
+        EXPECT_EQ(results[i]["ok"], true);
+        const auto& targets = results[i]["targets"];
+        ASSERT_EQ(targets.size(), 2u);
+        EXPECT_EQ(targets[0]["result"], "confirmed");
+        EXPECT_EQ(targets[1]["result"], "verified");
+        EXPECT_EQ(targets[1]["parts"][0]["result"], "written");
+        EXPECT_EQ(boards[i]->simulator.finishedImage(2, 0), image);
+        EXPECT_EQ(boards[i]->chip->flash(0x10000, static_cast<std::uint32_t>(image.size())), image);
+    }
+    EXPECT_EQ(results[2]["ok"], false);
+    EXPECT_EQ(results[2]["targets"][1]["result"], "not attempted: the STM32 load failed");
+    EXPECT_EQ(boards[2]->chip->counters().frames, 0u);
+    const std::string row = lineOf(gang.err, boards[2]->port() + "  esp32");
+    EXPECT_EQ(row.substr(row.rfind("  ") + 2), "not attempted: the STM32 load failed") << gang.err;
 }
 
 // A board pulled out in the middle fails alone; quiet, the run names it in
@@ -231,6 +313,17 @@ TEST_F(FlashProgram, BadInputEndsTheRunBeforeAnythingIsSent) {
     std::filesystem::create_symlink(boards[0]->port(), link);
     ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0);
     const int fifoReader = ::open(fifo.c_str(), O_RDONLY | O_NONBLOCK);
+    // Files an ESP32 must not get as they are: text of the two formats, and ELF.
+    const std::string hex = dir.path() + "/app.hex", srec = dir.path() + "/app.s19",
+                      elf = dir.path() + "/app.elf";
+    const auto writeText = [](const std::string& path, const std::string& text) {
+        return testsupport::writeFile(path, Bytes(text.begin(), text.end()));
+    };
+    ASSERT_TRUE(writeText(hex, ":10000000E9030220EC0E0840EE000000000000003F\r\n:00000001FF\r\n"));
+    ASSERT_TRUE(writeText(srec, "S00600004844521B\nS1130000E9030220EC0E0840EE0000000000000030\n"));
+    const std::string self = testsupport::readFile("/proc/self/exe");
+    ASSERT_TRUE(testsupport::writeFile(elf, Bytes(self.begin(), self.begin() + 4096)));
+    const std::string app = " " + imagePath;
     struct Case {
         std::string arguments;
         std::string line;
@@ -257,6 +350,19 @@ TEST_F(FlashProgram, BadInputEndsTheRunBeforeAnythingIsSent) {
         {"stm32 --log " + imagePath + " -p " + good + imagePath,
          imagePath + ": the log file is the image itself"},
         {"stm32 --log " + fifo + " -p " + good + imagePath, fifo + ": the log file is not a regular file"},
+        {"esp32 -p " + good + "0x1001" + app,
+         imagePath + " at 0x1001: the address is not a multiple of the 4 KiB"},
+        {"esp32 -p " + good + "0x10000" + app + " 4096" + app,
+         imagePath + " at 0x1000 (69632 bytes, to 0x12000) overlaps " + imagePath + " at 0x10000"},
+        {"esp32 -p " + good + "0xff0000" + app, "at 0xff0000: the part ends at 0x1001000, past 16 MiB"},
+        {"esp32 -p " + good + "0x1000" + app + " 0x20000 " + hex,
+         hex + ": the file is Intel HEX text, not a"},
+        {"board -p " + good + "--stm32" + app + " --esp32 " + srec,
+         srec + ": the file is Motorola S-record text"},
+        {"esp32 -p " + good + elf, elf + ": the file is an ELF file, not a binary image"},
+        {"esp32 -p " + good + "0x1000" + app + " 0x20000", "pairs; the last, 0x20000, has no pair"},
+        {"esp32 -p " + good + "4k" + app, "4k " + imagePath + ": not a flash address"},
+        {"board -p " + good + "--esp32" + app, "--stm32 is required"},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.arguments);
@@ -292,7 +398,8 @@ std::string sha256Of(const std::string& path) {
 
 // The image is read once, before anything is sent: a file replaced during the
 // run reaches no board, and the digest of what every board got is printed.
-// An image larger than the flash the chip reports is refused in those words.
+// An image that ends past the flash the chip reports is refused in those
+// words, with nothing written.
 TEST_F(FlashProgram, EveryBoardGetsTheImageAsItWasAtTheStart) {
     const std::string digest = sha256Of(imagePath);
     ASSERT_EQ(digest.size(), 64u);
@@ -321,10 +428,11 @@ TEST_F(FlashProgram, EveryBoardGetsTheImageAsItWasAtTheStart) {
     ASSERT_TRUE(tiny.started);
     const std::string big = dir.path() + "/big.bin";
     ASSERT_TRUE(testsupport::writeFile(big, Bytes(512u << 10, 0x11)));
-    Outcome refused = run("esp32 -q -p " + tiny.port() + " " + big);
+    Outcome refused = run("esp32 -q -p " + tiny.port() + " 0x1000 " + imagePath + " 0x30000 " + big);
     EXPECT_EQ(refused.exitCode, 1);
     EXPECT_EQ(refused.err, "merid-flash: " + tiny.port() +
-                               ": the image has 524288 bytes, more than the chip's flash of 262144 bytes\n");
+                               ": part at 0x30000 (524288 bytes) ends past the end of the 256 KiB flash\n");
+    EXPECT_EQ(tiny.chip->counters().dataBlocks, 0u); // not even the part that fits
 }
 
 // Nobody reading the output holds or ends a load: neither an output closed

@@ -48,7 +48,16 @@ TEST(WorkerReport, EveryKindComesBackAsSent) {
     std::string log = WorkerReport::log("WARNING PayloadHandler: Message with problem - error code: 7");
     log.pop_back();
     EXPECT_EQ(WorkerReport::parse(log)->text, "WARNING PayloadHandler: Message with problem - error code: 7");
-    for (const char* noise : {"", "progress", "progress x 1", "done", "hello world"}) {
+    std::string part = WorkerReport::part(0x10000, 1u << 20, false);
+    part.pop_back();
+    const auto parsed = WorkerReport::parse(part);
+    ASSERT_TRUE(parsed);
+    EXPECT_EQ(parsed->kind, BoardEvent::Kind::Part);
+    EXPECT_EQ(parsed->address, 0x10000u);
+    EXPECT_EQ(parsed->bytes, 1u << 20);
+    EXPECT_FALSE(parsed->ok);
+    for (const char* noise :
+         {"", "progress", "part 1 2", "part 4294967296 1 1", "progress x 1", "done", "hello world"}) {
         EXPECT_FALSE(WorkerReport::parse(noise)) << noise;
     }
 }
@@ -95,6 +104,30 @@ TEST(Summary, JsonAndTableCarryEveryBoard) {
     EXPECT_NE(table.find("\n\\\\.\\COM10   esp32       65536     2.00      32.0  verified\n"),
               std::string::npos)
         << table;
+}
+
+// Each image's digest above the table, each part of an ESP32 image under
+// its board's row; a board run is one JSON object holding its targets.
+TEST(Summary, PartsStandUnderTheirBoard) {
+    BoardResult stm32{"/dev/a", "stm32", 1024, 1.0, true, "confirmed", "aa", {}};
+    BoardResult esp32{
+        "/dev/a", "esp32",    8192, 2.0,
+        true,     "verified", "",   {{0x1000, 4096, "bb", "unchanged"}, {0x10000, 4096, "cc", "written"}}};
+    EXPECT_EQ(Summary::table({stm32, esp32}), "image SHA-256 aa  stm32\n"
+                                              "image SHA-256 bb  esp32 0x1000\n"
+                                              "image SHA-256 cc  esp32 0x10000\n"
+                                              "PORT    TARGET      BYTES  SECONDS     KIB/S  RESULT\n"
+                                              "/dev/a  stm32        1024     1.00       1.0  confirmed\n"
+                                              "/dev/a  esp32        8192     2.00       4.0  verified\n"
+                                              "        0x1000       4096                     unchanged\n"
+                                              "        0x10000      4096                     written\n");
+    const auto board = nlohmann::json::parse(Summary::boardJson({stm32, esp32}));
+    EXPECT_EQ(board["port"], "/dev/a");
+    EXPECT_EQ(board["ok"], true);
+    ASSERT_EQ(board["targets"].size(), 2u);
+    EXPECT_EQ(board["targets"][0]["sha256"], "aa");
+    EXPECT_EQ(board["targets"][1]["parts"][1],
+              nlohmann::json::parse(R"({"address":65536,"bytes":4096,"result":"written","sha256":"cc"})"));
 }
 
 // Without a terminal a board gets one line per tenth reached, however the
