@@ -166,6 +166,9 @@ bool MeridEspSerialFlasher::flashParts(UsbCommunication& usb, const std::vector<
                                        const FlashOptions& options,
                                        const std::function<void(unsigned char)>& progress,
                                        std::vector<PartOutcome>* outcomes, std::string* error) {
+    if (parts.empty()) {
+        return fail(error, "no part to flash");
+    }
     std::vector<FlashPart> ordered = parts;
     std::stable_sort(ordered.begin(), ordered.end(),
                      [](const FlashPart& a, const FlashPart& b) { return a.address < b.address; });
@@ -198,9 +201,11 @@ bool MeridEspSerialFlasher::flashParts(UsbCommunication& usb, const std::vector<
         if (!unchanged && !writeImage(images[i], partOptions, partProgress, error)) {
             return false;
         }
+        if (unchanged) {
+            partProgress(100);
+        }
         wroteAny = wroteAny || !unchanged;
         done += size;
-        partProgress(100);
         if (outcomes != nullptr) {
             outcomes->push_back({partOptions.address, size, !unchanged});
         }
