@@ -105,8 +105,8 @@ TEST_F(EspParts, EachPartLandsAtItsAddressAndOnlyChangedPartsAreWrittenAgain) {
     EXPECT_EQ(chip->flash(0x8C00, 0x7400), Bytes(0x7400, 0xFF));
 }
 
-// A part that does not fit the flash the chip reports, or a part that can't
-// be read, fails the load before anything is written.
+// A part that does not fit the flash the chip reports, a part that can't be
+// read, or no part at all fails the load before anything is written.
 TEST_F(EspParts, APartPastTheFlashEndOrUnreadableFailsWithNothingWritten) {
     struct Case {
         std::vector<FlashPart> parts;
@@ -120,6 +120,7 @@ TEST_F(EspParts, APartPastTheFlashEndOrUnreadableFailsWithNothingWritten) {
         {{part(0x1000, Bytes(64, 1)), {0x8000, dir.path() + "/missing.bin"}},
          "Can't open file: " + dir.path() + "/missing.bin",
          1},
+        {{}, "no part to flash", 1},
     };
     for (const Case& c : cases) {
         EXPECT_FALSE(run(c.parts, Esp32Flash::defaults()));

@@ -1,11 +1,9 @@
 #include "DeviceSimulator.h"
 #include "EspRomBridge.h"
 #include "EspRomSimulator.h"
-#include "EspSerialFlasherPort.h"
 #include "MeridEspSerialFlasher.h"
 #include "TestSupport.h"
 #include "UsbCommunication.h"
-#include "esp_loader.h"
 
 #include <gtest/gtest.h>
 
@@ -14,15 +12,14 @@ namespace {
 // The window's ESP32 flash, MeridEspSerialFlasher over the program's
 // transport, against the simulated board's ROM loader on a pseudo-terminal.
 struct EspBoard {
-    explicit EspBoard(unsigned silentSyncs, EspRomSimulator::Config config = {})
-        : chip(std::make_shared<EspRomSimulator>(config)) {
+    explicit EspBoard(unsigned silentSyncs) {
         EspRomBridge::install(simulator, chip);
         chip->setFaults(EspRomSimulator::Faults{.silentSyncs = silentSyncs});
     }
     ~EspBoard() { simulator.stop(); }
 
     DeviceSimulator simulator;
-    std::shared_ptr<EspRomSimulator> chip;
+    std::shared_ptr<EspRomSimulator> chip = std::make_shared<EspRomSimulator>();
 };
 
 } // namespace
@@ -59,29 +56,5 @@ TEST(EspLinkTest, SyncIsTriedTwentyTimes) {
             EXPECT_EQ(board.chip->counters().syncs, 0u);
             EXPECT_EQ(board.chip->counters().flashBegins, 0u);
         }
-    }
-}
-
-// What a production line reads from the chip once connected: its type, its
-// MAC from the efuses and the size of its flash.
-TEST(EspLinkTest, TheChipReportsItsTypeMacAndFlashSize) {
-    for (const std::uint32_t flashSize : {256u << 10, 4u << 20, 16u << 20}) {
-        SCOPED_TRACE(flashSize);
-        EspBoard board(0, {.flashSize = flashSize, .macLow = 0x11223344, .macHigh = 0x5566});
-        ASSERT_TRUE(board.simulator.start()) << board.simulator.lastError();
-        UsbCommunication usb;
-        usb.portName = board.simulator.slavePath();
-        ASSERT_EQ(usb.connect(UsbCommunication::MethodCom), UsbTypes::Ok);
-        meridEspSerialFlasherPortSetUsb(&usb);
-        esp_loader_connect_args_t args = {500, 1};
-        ASSERT_EQ(esp_loader_connect(&args), ESP_LOADER_SUCCESS);
-        EXPECT_EQ(esp_loader_get_target(), ESP32_CHIP);
-        std::uint8_t mac[6] = {};
-        ASSERT_EQ(esp_loader_read_mac(mac), ESP_LOADER_SUCCESS);
-        EXPECT_EQ(testsupport::Bytes(mac, mac + 6), (testsupport::Bytes{0x55, 0x66, 0x11, 0x22, 0x33, 0x44}));
-        std::uint32_t size = 0;
-        ASSERT_EQ(esp_loader_flash_detect_size(&size), ESP_LOADER_SUCCESS);
-        EXPECT_EQ(size, flashSize);
-        usb.disconnect();
     }
 }
