@@ -11,6 +11,9 @@
 // machine code (a slice of this program), once through the window and once
 // through the loader alone with the image compressed, as merid-flash sends
 // it: the window's flash set against merid-flash's on the same image and link.
+// The same image as one part of a multi-part flash through the flows, on links
+// paced at 115200 and 921600 baud, is loaded twice on one chip: the first load
+// writes it, the repeat finds the region's MD5 equal and writes nothing.
 //
 // The STM32 cases run unpaced and over links paced at 115200 and 921600 baud
 // with a 1 ms turnaround, as a USB serial bridge answers. The idle case keeps
@@ -26,6 +29,7 @@
 // is off unless MERID_LOG_LEVEL says otherwise, as in the protocol benchmarks.
 #include "BoardLink.h"
 #include "DeviceSimulator.h"
+#include "Esp32Flash.h"
 #include "EspRomBridge.h"
 #include "GlobalHandlerEvents.h"
 #include "MainWindow.h"
@@ -411,6 +415,48 @@ void BM_Esp32Protocol(benchmark::State& state) {
     }
 }
 
+// A first and a repeat load of the machine-code image at offset 0 through
+// the flows, as merid-flash runs them (compressed, verified, unchanged parts
+// left alone), on one chip behind a link paced at the argument's baud rate.
+void BM_Esp32PartsFirstAndRepeat(benchmark::State& state) {
+    const auto baud = static_cast<std::uint32_t>(state.range(0));
+    const std::string name = "esp32-parts-" + std::to_string(baud);
+    for (auto _ : state) {
+        Board board(baud);
+        const Bytes bytes = codeImage(kEsp32Image);
+        ImageFile image(bytes);
+        UsbCommunication usb;
+        usb.portName = board.simulator.slavePath();
+        usb.baudrate = baud == 115200 ? UsbTypes::Baud115200 : UsbTypes::Baud921600;
+        if (!board.started || usb.connect(UsbCommunication::MethodCom) != UsbTypes::Ok) {
+            state.SkipWithError("cannot open the simulated board's port");
+            break;
+        }
+        Esp32Flash::Options options = Esp32Flash::defaults();
+        options.skipUnchanged = true;
+        double seconds[2] = {};
+        std::vector<PartOutcome> outcomes[2];
+        std::string error;
+        for (int load = 0; load < 2 && error.empty(); ++load) {
+            const auto start = Clock::now();
+            Esp32Flash::runParts(usb, {{0, image.path}}, options, {}, outcomes[load], error);
+            seconds[load] = std::chrono::duration<double>(Clock::now() - start).count();
+        }
+        usb.disconnect();
+        const bool written = outcomes[0].size() == 1 && outcomes[0][0].written;
+        const bool skipped = outcomes[1].size() == 1 && !outcomes[1][0].written;
+        if (!error.empty() || !written || !skipped || board.chip->flash(0, kEsp32Image) != bytes) {
+            state.SkipWithError(error.empty() ? "the first load did not write or the repeat did"
+                                              : error.c_str());
+            break;
+        }
+        record(state, name + "-first", seconds[0], bytes.size());
+        record(state, name + "-repeat", seconds[1], bytes.size());
+        state.SetIterationTime(seconds[0] + seconds[1]);
+        state.counters["repeat_ms"] = seconds[1] * 1000.0;
+    }
+}
+
 // The same two images through the window.
 void BM_Esp32ThroughTheWindow(benchmark::State& state) {
     const auto baud = static_cast<std::uint32_t>(state.range(0));
@@ -568,6 +614,20 @@ void printComparison(const char* what, std::size_t bytes, const char* link, cons
                 (w->second - p->second) * 1000.0);
 }
 
+// The first and the repeat load of one multi-part flash case.
+void printRepeat(std::uint32_t baud) {
+    const std::string name = "esp32-parts-" + std::to_string(baud);
+    const auto first = gSeconds.find(name + "-first");
+    const auto repeat = gSeconds.find(name + "-repeat");
+    if (first == gSeconds.end() || repeat == gSeconds.end()) {
+        std::printf("ESP32 first and repeat load, paced %u baud: not measured\n", baud);
+        return;
+    }
+    std::printf("ESP32 load of %zu bytes of machine code at 0 through the flows, paced %u baud, best of %d: "
+                "first %.1f ms, repeat (unchanged, nothing written) %.1f ms\n",
+                kEsp32Image, baud, kRuns, first->second * 1000.0, repeat->second * 1000.0);
+}
+
 } // namespace
 
 BENCHMARK(BM_Stm32Protocol)
@@ -596,6 +656,12 @@ BENCHMARK(BM_Esp32ThroughTheWindow)
     ->Iterations(kRuns)
     ->UseManualTime()
     ->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_Esp32PartsFirstAndRepeat)
+    ->Arg(115200)
+    ->Arg(921600)
+    ->Iterations(kRuns)
+    ->UseManualTime()
+    ->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_QuitDuringReconnect)->Iterations(kRuns)->UseManualTime()->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_IdleConnected)->Iterations(1)->UseManualTime()->Unit(benchmark::kSecond);
 
@@ -618,5 +684,7 @@ int main(int argc, char** argv) {
     printComparison("ESP32 flash", kEsp32Image, "pty unpaced", "esp32-protocol-0", "esp32-window-0");
     printComparison("ESP32 flash of machine code, protocol compressed", kEsp32Image, "paced 921600 baud",
                     "esp32-protocol-921600", "esp32-window-921600");
+    printRepeat(115200);
+    printRepeat(921600);
     return 0;
 }

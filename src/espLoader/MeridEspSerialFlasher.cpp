@@ -162,47 +162,41 @@ bool MeridEspSerialFlasher::flashBinary(UsbCommunication& usb, const std::string
     return true;
 }
 
+// A part with its bytes, read before anything goes over the line.
+struct MeridEspSerialFlasher::LoadedPart {
+    uint32_t address = 0;
+    std::vector<uint8_t> image;
+};
+
 bool MeridEspSerialFlasher::flashParts(UsbCommunication& usb, const std::vector<FlashPart>& parts,
                                        const FlashOptions& options,
                                        const std::function<void(unsigned char)>& progress,
                                        std::vector<PartOutcome>* outcomes, std::string* error) {
-    std::vector<FlashPart> ordered = parts;
-    std::stable_sort(ordered.begin(), ordered.end(),
-                     [](const FlashPart& a, const FlashPart& b) { return a.address < b.address; });
-    std::vector<std::vector<uint8_t>> images(ordered.size());
-    uint64_t total = 0;
-    for (size_t i = 0; i < ordered.size(); ++i) {
-        if (!readImage(ordered[i].path, images[i], error)) {
-            return false;
-        }
-        total += images[i].size();
-    }
-    if (!connect(usb, error) || !partsFit(ordered, images, error)) {
+    std::vector<LoadedPart> loaded;
+    if (!readParts(parts, loaded, error) || !connect(usb, error) || !partsFit(loaded, error)) {
         return false;
+    }
+    uint64_t total = 0;
+    for (const LoadedPart& part : loaded) {
+        total += part.image.size();
     }
     uint64_t done = 0;
     bool wroteAny = false;
-    for (size_t i = 0; i < ordered.size(); ++i) {
-        FlashOptions partOptions = options;
-        partOptions.address = ordered[i].address;
-        const uint64_t size = images[i].size();
+    for (const LoadedPart& part : loaded) {
+        const uint64_t size = part.image.size();
         const auto partProgress = [&progress, done, size, total](unsigned char percent) {
             if (progress) {
                 progress(static_cast<unsigned char>((done + size * percent / 100) * 100 / total));
             }
         };
-        bool unchanged = false;
-        if (options.skipUnchanged && !regionHolds(partOptions.address, images[i], unchanged, error)) {
+        bool written = false;
+        if (!flashPart(part, options, partProgress, written, error)) {
             return false;
         }
-        if (!unchanged && !writeImage(images[i], partOptions, partProgress, error)) {
-            return false;
-        }
-        wroteAny = wroteAny || !unchanged;
+        wroteAny = wroteAny || written;
         done += size;
-        partProgress(100);
         if (outcomes != nullptr) {
-            outcomes->push_back({partOptions.address, size, !unchanged});
+            outcomes->push_back({part.address, size, written});
         }
     }
     // A chip that was sent nothing needs no end, unless it is to leave its loader.
@@ -210,6 +204,43 @@ bool MeridEspSerialFlasher::flashParts(UsbCommunication& usb, const std::vector<
         finishWrite(options);
     }
     return true;
+}
+
+// Every part's bytes, in address order.
+bool MeridEspSerialFlasher::readParts(const std::vector<FlashPart>& parts, std::vector<LoadedPart>& loaded,
+                                      std::string* error) {
+    if (parts.empty()) {
+        return fail(error, "no part to flash");
+    }
+    loaded.resize(parts.size());
+    for (size_t i = 0; i < parts.size(); ++i) {
+        loaded[i].address = parts[i].address;
+        if (!readImage(parts[i].path, loaded[i].image, error)) {
+            return false;
+        }
+    }
+    std::stable_sort(loaded.begin(), loaded.end(),
+                     [](const LoadedPart& a, const LoadedPart& b) { return a.address < b.address; });
+    return true;
+}
+
+// One part: left alone when its region already holds it (with
+// `skipUnchanged`), else written as one image.
+bool MeridEspSerialFlasher::flashPart(const LoadedPart& part, const FlashOptions& options,
+                                      const std::function<void(unsigned char)>& progress, bool& written,
+                                      std::string* error) {
+    bool unchanged = false;
+    if (options.skipUnchanged && !regionHolds(part, unchanged, error)) {
+        return false;
+    }
+    if (unchanged) {
+        progress(100);
+        return true;
+    }
+    FlashOptions partOptions = options;
+    partOptions.address = part.address;
+    written = writeImage(part.image, partOptions, progress, error);
+    return written;
 }
 
 bool MeridEspSerialFlasher::connect(UsbCommunication& usb, std::string* error) {
@@ -224,8 +255,7 @@ bool MeridEspSerialFlasher::connect(UsbCommunication& usb, std::string* error) {
 
 // The flash size the chip reports bounds every part; the loader keeps it for
 // the writes that follow.
-bool MeridEspSerialFlasher::partsFit(const std::vector<FlashPart>& parts,
-                                     const std::vector<std::vector<uint8_t>>& images, std::string* error) {
+bool MeridEspSerialFlasher::partsFit(const std::vector<LoadedPart>& parts, std::string* error) {
     uint32_t flashSize = 0;
     const esp_loader_error_t result = esp_loader_flash_detect_size(&flashSize);
     if (result != ESP_LOADER_SUCCESS) {
@@ -233,10 +263,10 @@ bool MeridEspSerialFlasher::partsFit(const std::vector<FlashPart>& parts,
                                failedWith("esp_loader_flash_detect_size", result));
     }
     loader_set_target_flash_size(flashSize);
-    for (size_t i = 0; i < parts.size(); ++i) {
-        if (uint64_t{parts[i].address} + images[i].size() > flashSize) {
-            return fail(error, "part at " + hexAddress(parts[i].address) + " (" +
-                                   std::to_string(images[i].size()) + " bytes) ends past the end of the " +
+    for (const LoadedPart& part : parts) {
+        if (uint64_t{part.address} + part.image.size() > flashSize) {
+            return fail(error, "part at " + hexAddress(part.address) + " (" +
+                                   std::to_string(part.image.size()) + " bytes) ends past the end of the " +
                                    sizeText(flashSize) + " flash");
         }
     }
@@ -245,8 +275,9 @@ bool MeridEspSerialFlasher::partsFit(const std::vector<FlashPart>& parts,
 
 // True with `unchanged` set when the chip's MD5 of the part's region (the
 // part's bytes, no padding) equals the part's.
-bool MeridEspSerialFlasher::regionHolds(uint32_t address, const std::vector<uint8_t>& image, bool& unchanged,
-                                        std::string* error) {
+bool MeridEspSerialFlasher::regionHolds(const LoadedPart& part, bool& unchanged, std::string* error) {
+    const uint32_t address = part.address;
+    const std::vector<uint8_t>& image = part.image;
     const std::string digest = sentDigest(image, static_cast<uint32_t>(image.size()));
     std::string reported;
     const esp_loader_error_t result = regionDigest(address, static_cast<uint32_t>(image.size()), reported);

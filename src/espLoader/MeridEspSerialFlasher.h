@@ -54,11 +54,16 @@ public:
                            std::vector<PartOutcome>* outcomes, std::string* error);
 
 private:
+    struct LoadedPart;
+
     static bool connect(UsbCommunication& usb, std::string* error);
-    static bool partsFit(const std::vector<FlashPart>& parts, const std::vector<std::vector<uint8_t>>& images,
-                         std::string* error);
-    static bool regionHolds(uint32_t address, const std::vector<uint8_t>& image, bool& unchanged,
-                            std::string* error);
+    static bool readParts(const std::vector<FlashPart>& parts, std::vector<LoadedPart>& loaded,
+                          std::string* error);
+    static bool partsFit(const std::vector<LoadedPart>& parts, std::string* error);
+    static bool flashPart(const LoadedPart& part, const FlashOptions& options,
+                          const std::function<void(unsigned char)>& progress, bool& written,
+                          std::string* error);
+    static bool regionHolds(const LoadedPart& part, bool& unchanged, std::string* error);
     static bool writeImage(const std::vector<uint8_t>& image, const FlashOptions& options,
                            const std::function<void(unsigned char)>& progress, std::string* error);
     static void finishWrite(const FlashOptions& options);

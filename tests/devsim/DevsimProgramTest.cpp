@@ -91,6 +91,20 @@ TEST(DevsimProgram, ServesTheBoardAndWritesWhatItReceivedAtExit) {
     EXPECT_EQ(progress, (std::vector<int>{10, 20, 30, 40, 51, 61, 71, 81, 92, 100}));
     usb.disconnect();
 
+    // A later run of the program finds the chip holding the image already.
+    UsbCommunication again;
+    again.portName = link;
+    ASSERT_EQ(again.connect(UsbCommunication::MethodCom), UsbTypes::Ok);
+    MeridEspSerialFlasher::FlashOptions skip;
+    skip.skipUnchanged = true;
+    std::vector<PartOutcome> outcomes;
+    ASSERT_TRUE(
+        MeridEspSerialFlasher::flashParts(again, {{0, dir.path() + "/app.bin"}}, skip, {}, &outcomes, &error))
+        << error;
+    ASSERT_EQ(outcomes.size(), 1u);
+    EXPECT_FALSE(outcomes[0].written);
+    again.disconnect();
+
     ASSERT_EQ(devsim.stop(), 0);
     EXPECT_FALSE(std::filesystem::exists(std::filesystem::symlink_status(link)));
     EXPECT_EQ(testsupport::readFile(dir.path() + "/device2_file0.bin"), "hi");
