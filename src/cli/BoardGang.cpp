@@ -141,12 +141,13 @@ void BoardGang::startBoards() {
     }
 }
 
-// The bytes of the board's whole load done: the targets it finished and
-// the one under way.
+// The bytes of the board's whole load done: the targets it finished, and
+// what the one under way or a failed one got through.
 std::uint64_t BoardGang::bytesDone(const Board& board) const {
     std::uint64_t done = 0;
     for (std::size_t i = 0; i < board.stages.size() && i <= board.current; ++i) {
-        done += i < board.current ? targets[i].bytes() : board.stages[i].bytes;
+        const Stage& stage = board.stages[i];
+        done += stage.reported && stage.ok ? targets[i].bytes() : stage.bytes;
     }
     return done;
 }
