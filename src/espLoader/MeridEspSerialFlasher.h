@@ -23,7 +23,7 @@ struct PartOutcome {
     bool written = false; // false: the region already held these bytes (same MD5), nothing was sent
 };
 
-// Writes one binary file into the ESP32's flash through its ROM loader, over
+// Writes binary images into the ESP32's flash through its ROM loader, over
 // the program's one serial link.
 class MeridEspSerialFlasher {
 public:
