@@ -79,6 +79,15 @@ protected:
         return result;
     }
 
+    // A -p for every board.
+    std::string everyPort() const {
+        std::string words;
+        for (const auto& board : boards) {
+            words += " -p " + board->port();
+        }
+        return words;
+    }
+
     // The line of `text` that begins with `start`, without its end.
     static std::string lineOf(const std::string& text, const std::string& start) {
         const std::size_t at = text.find(start);
@@ -132,8 +141,7 @@ TEST_F(FlashProgram, GangReportsTheFailingBoardAlone) {
     refuse.failDataBlock = 3;
     refuse.failDataCount = 3;
     boards[1]->chip->setFaults(refuse);
-    Outcome gang = run("esp32 --json -b 921600 -p " + boards[0]->port() + " -p " + boards[1]->port() +
-                       " -p " + boards[2]->port() + " " + imagePath);
+    Outcome gang = run("esp32 --json -b 921600" + everyPort() + " " + imagePath);
     EXPECT_EQ(gang.exitCode, 1);
     const auto results = jsonLines(gang.out);
     ASSERT_EQ(results.size(), 3u) << gang.out;
@@ -248,9 +256,8 @@ TEST_F(FlashProgram, BoardRunLoadsBothProcessorsOfEachBoard) {
     DeviceSimulator::Faults unplug;
     unplug.unplugAfterFrames = 40;
     boards[2]->simulator.setFaults(unplug);
-    Outcome gang =
-        run("board --json -b 921600 -p " + boards[0]->port() + " -p " + boards[1]->port() + " -p " +
-            boards[2]->port() + " --stm32 " + imagePath + " --esp32 0x10000 " + imagePath);
+    Outcome gang = run("board --json -b 921600" + everyPort() + " --stm32 " + imagePath +
+                       " --esp32 0x10000 " + imagePath);
     EXPECT_EQ(gang.exitCode, 1);
     const auto results = jsonLines(gang.out);
     ASSERT_EQ(results.size(), 3u) << gang.out;
