@@ -103,6 +103,7 @@ std::variant<CliSettings, int> CommandLine::parse(int argc, char** argv) {
     CLI::App app{"Loads firmware into MeridKestal boards, several at once, without a window"};
     app.name("merid-flash");
     app.require_subcommand(1);
+    app.set_version_flag("--version", std::string("merid-flash ") + MERID_VERSION);
 
     CLI::App* ports = app.add_subcommand("ports", "List the serial ports, as the connection dialog does");
     addCommonOptions(*ports, settings);

@@ -9,6 +9,7 @@
 #include "ImageCopy.h"
 #include "InputCheck.h"
 #include "Platform.h"
+#include "PortListing.h"
 #include "ProgressView.h"
 #include "Summary.h"
 #include "UsbCommunication.h"
@@ -83,17 +84,11 @@ int FlashProgram::listPorts() {
     });
     UsbCommunication usb;
     usb.toDetermineDevices(UsbCommunication::MethodCom);
+    const auto entries = PortListing::of(usb.availablePorts);
     if (settings.json) {
-        std::string list;
-        for (const auto& port : usb.availablePorts) {
-            list += list.empty() ? "" : ",";
-            list += Summary::jsonString(port);
-        }
-        std::cout << "{\"ports\":[" << list << "]}" << std::endl;
-        return kSuccess;
-    }
-    for (const auto& port : usb.availablePorts) {
-        std::cout << port << '\n';
+        std::cout << PortListing::json(entries) << std::endl;
+    } else {
+        std::cout << PortListing::table(entries) << std::flush;
     }
     return kSuccess;
 }

@@ -114,4 +114,9 @@ std::vector<std::string> commandLineArguments(int argc, char** argv);
 // Ends the process at once: no static destructors, no atexit handlers.
 [[noreturn]] void exitImmediately(int code);
 
+#ifdef _WIN32
+// UTF-8 from the system's wide text; empty for null.
+std::string narrow(const wchar_t* text);
+#endif
+
 } // namespace Platform

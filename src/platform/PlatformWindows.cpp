@@ -17,7 +17,6 @@
 #include <vector>
 
 namespace Platform {
-namespace {
 
 std::string narrow(const wchar_t* text) {
     if (text == nullptr) {
@@ -31,6 +30,8 @@ std::string narrow(const wchar_t* text) {
     WideCharToMultiByte(CP_UTF8, 0, text, -1, result.data(), size, nullptr, nullptr);
     return result;
 }
+
+namespace {
 
 std::wstring widen(const std::string& text) {
     int size = MultiByteToWideChar(CP_UTF8, 0, text.c_str(), -1, nullptr, 0);

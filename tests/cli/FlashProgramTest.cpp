@@ -21,6 +21,8 @@
 #include <algorithm>
 #include <atomic>
 #include <cstdlib>
+#include <cstring>
+#include <filesystem>
 #include <memory>
 #include <sstream>
 #include <thread>
@@ -111,12 +113,47 @@ protected:
 
 } // namespace
 
-TEST_F(FlashProgram, ListsPortsAndSearchesTheBoard) {
-    testsupport::ScopedEnv extra("MERID_EXTRA_PORTS", boards[0]->port() + ":" + boards[1]->port());
+// The first board's port stands behind a by-id link, its tty below a USB
+// adapter in a sysfs tree of the test's; the second has no adapter.
+TEST_F(FlashProgram, ListsPortsWithTheirAdaptersAndSearchesTheBoard) {
+    namespace fs = std::filesystem;
+    const fs::path usb = dir.path() + "/sys/devices/usb1/1-2";
+    fs::create_directories(usb / "1-2:1.0/ttyUSB0");
+    fs::create_directories(dir.path() + "/sys/class/tty/" + fs::path(boards[0]->port()).filename().string());
+    fs::create_directory_symlink(usb / "1-2:1.0/ttyUSB0",
+                                 dir.path() + "/sys/class/tty/" +
+                                     fs::path(boards[0]->port()).filename().string() + "/device");
+    for (const auto& [name, text] : {std::pair{"idVendor", "0403"},
+                                     {"idProduct", "6001"},
+                                     {"serial", "A50285BI"},
+                                     {"product", "FT232R\x1b]0;owned\x07 UART"}}) {
+        Bytes line(text, text + std::strlen(text));
+        line.push_back('\n');
+        ASSERT_TRUE(testsupport::writeFile(usb / name, line));
+    }
+    const std::string byId = dir.path() + "/usb-FTDI_FT232R_A50285BI-if00-port0";
+    fs::create_symlink(boards[0]->port(), byId);
+    testsupport::ScopedEnv sysfs("MERID_SYSFS_ROOT", dir.path() + "/sys");
+    testsupport::ScopedEnv extra("MERID_EXTRA_PORTS", byId + ":" + boards[1]->port());
+    EXPECT_EQ(run("--version").out, "merid-flash " MERID_VERSION "\n");
     Outcome ports = run("ports");
     EXPECT_EQ(ports.exitCode, 0);
-    EXPECT_NE(ports.out.find(boards[0]->port() + "\n"), std::string::npos) << ports.out;
+    EXPECT_NE(ports.out.find(byId + "  0403:6001  A50285BI  FT232R\\x1b]0;owned\\x07 UART\n"),
+              std::string::npos)
+        << ports.out;
     EXPECT_NE(ports.out.find(boards[1]->port() + "\n"), std::string::npos) << ports.out;
+    const auto listed = nlohmann::json::parse(run("ports --json").out)["ports"];
+    const auto adapter =
+        std::find_if(listed.begin(), listed.end(), [&](auto& p) { return p["name"] == byId; });
+    ASSERT_NE(adapter, listed.end());
+    EXPECT_EQ(*adapter, (nlohmann::json{{"name", byId},
+                                        {"vendorId", "0403"},
+                                        {"productId", "6001"},
+                                        {"serialNumber", "A50285BI"},
+                                        {"product", "FT232R\x1b]0;owned\x07 UART"}}));
+    EXPECT_TRUE(std::any_of(listed.begin(), listed.end(), [&](auto& p) {
+        return p == nlohmann::json{{"name", boards[1]->port()}};
+    }));
 
     Outcome search = run("search --json -p " + boards[0]->port());
     ASSERT_EQ(search.exitCode, 0) << search.err;
