@@ -8,20 +8,16 @@
 // here and the two journals of what the boards received with each other.
 //
 // MERID_LINK_PORT names the port, MERID_LINK_DIR the directory for the
-// images (UTF-8, created when missing). The times from each request written
-// to its answer read go to standard output, one line for the STM32 session
-// and one for the ESP32 flash, and one line per exchange to
-// stm32-exchanges.txt and esp32-exchanges.txt in that directory.
-#include "ExchangeTimingPort.h"
+// images (UTF-8, created when missing).
 #include "LinkSession.h"
 #include "MeridEspSerialFlasher.h"
 #include "Platform.h"
+#include "ReadCountingPort.h"
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <filesystem>
-#include <fstream>
 #include <iostream>
 
 #ifdef _WIN32
@@ -42,15 +38,9 @@ std::string writeImage(const std::string& dir, const char* name, std::size_t siz
     return path;
 }
 
-// The port the program would use, with its exchanges timed.
-std::unique_ptr<ExchangeTimingPort> timedPort() {
-    return std::make_unique<ExchangeTimingPort>(std::make_unique<PlatformPort>());
-}
-
-void report(const ExchangeTimingPort& port, const std::string& dir, const char* what) {
-    std::cout << what << ": " << port.summary() << std::endl;
-    std::ofstream trace(std::filesystem::u8path(dir + "/" + what + "-exchanges.txt"));
-    port.writeTrace(trace);
+// The port the program would use, its reads counted.
+std::unique_ptr<ReadCountingPort> countedPort() {
+    return std::make_unique<ReadCountingPort>(std::make_unique<PlatformPort>());
 }
 
 } // namespace
@@ -64,9 +54,9 @@ TEST(LinkScenario, ListSearchLoadTheStm32AndFlashTheEsp32) {
     std::filesystem::create_directories(std::filesystem::u8path(dir), ignored);
     testsupport::CapturingLogger log;
     {
-        auto timed = timedPort();
-        const ExchangeTimingPort& stm32Link = *timed;
-        LinkSession session(port, std::move(timed));
+        auto counted = countedPort();
+        const ReadCountingPort& stm32Link = *counted;
+        LinkSession session(port, std::move(counted));
         ASSERT_EQ(session.usb().toDetermineDevices(UsbCommunication::MethodCom), UsbTypes::Ok);
         const auto& ports = session.usb().availablePorts;
         EXPECT_NE(std::find(ports.begin(), ports.end(), port), ports.end()) << ports.size() << " ports";
@@ -76,7 +66,6 @@ TEST(LinkScenario, ListSearchLoadTheStm32AndFlashTheEsp32) {
         ASSERT_TRUE(session.loadStm32(writeImage(dir, "stm32.bin", 37312, 2463534242u), 180s));
         EXPECT_TRUE(
             testsupport::waitUntil([&] { return log.contains("Firmware transfer complete: 37312 bytes"); }));
-        report(stm32Link, dir, "stm32");
         // An answer comes in one write of the board; a port that took the
         // first byte apart would show two reads for every answer.
         EXPECT_LT(stm32Link.readsPerAnswer(), 1.5);
@@ -84,9 +73,7 @@ TEST(LinkScenario, ListSearchLoadTheStm32AndFlashTheEsp32) {
 
     // The upload button's ESP32 branch: the enter frame, the port closed and
     // opened again, the image in blocks of 1024 bytes at offset 0.
-    auto timed = timedPort();
-    const ExchangeTimingPort& espLink = *timed;
-    UsbCommunication usb(std::move(timed));
+    UsbCommunication usb(countedPort());
     usb.portName = port;
     usb.baudrate = UsbTypes::Baud921600;
     ASSERT_EQ(usb.connect(UsbCommunication::MethodCom), UsbTypes::Ok);
@@ -97,7 +84,6 @@ TEST(LinkScenario, ListSearchLoadTheStm32AndFlashTheEsp32) {
         [&](unsigned char percent) { progress.push_back(percent); }, &error))
         << error;
     EXPECT_EQ(progress.size(), 64u);
-    report(espLink, dir, "esp32");
     EXPECT_TRUE(usb.isConnected());
     EXPECT_EQ(log.count("UsbCommunication: Port " + port + " is opened!"), 3u);
     if (HasFailure()) {
