@@ -23,8 +23,6 @@ namespace {
 constexpr auto kLoadBudget = std::chrono::minutes(3);
 constexpr auto kLineBudget = std::chrono::seconds(90);
 
-// What the user saw of a load: the level bar's values in order, and whether
-// the window ever lost its sensitivity meanwhile.
 struct LoadWatch {
     std::vector<double> barValues;
     bool everInsensitive = false;
@@ -49,8 +47,6 @@ protected:
         captured = std::make_unique<testsupport::CapturingLogger>();
     }
 
-    // The board on a fresh pseudo-terminal under the same port name; after
-    // an unplug the devices, their images and the ESP32's flash stay.
     void plugBoard() {
         board.stop();
         ASSERT_TRUE(board.start()) << board.lastError();
@@ -60,7 +56,6 @@ protected:
     }
     std::string portName() const { return files.path() + "/ttyMerid0"; }
 
-    // Connection > Connect, the board's port, 921600 baud, the connect button.
     void connect() {
         ui->get<Gtk::MenuItem>("ConnectImageMenuItem")->activate();
         auto* ports = ui->get<Gtk::ComboBoxText>("PortsListComboTextBox");
@@ -75,7 +70,6 @@ protected:
         ASSERT_TRUE(windowSensitive());
     }
 
-    // The file button the user can reach, answered in the file dialog.
     void pickFile(const Bytes& bytes) {
         const std::string path = files.path() + "/image.bin";
         ASSERT_TRUE(testsupport::writeFile(path, bytes));
@@ -83,7 +77,6 @@ protected:
         ui->answerFileDialog(esp32 ? "SelectFirmwareEsp32Button" : "SelectFirmwareStm32Button", path);
     }
 
-    // The preinstalled switch on; the bundled image it takes, of `size` bytes.
     Bytes usePreinstalled(const char* name, std::size_t size) {
         gsize length = 0;
         const auto data =
@@ -96,9 +89,6 @@ protected:
 
     void pressUpload() { ui->get<Gtk::Button>("UploadButton")->clicked(); }
 
-    // Runs the window's events until `done`, watching the bar and the
-    // window's sensitivity; by default until the label shows the success
-    // text and the window is sensitive.
     LoadWatch watch(std::function<bool()> done = {}) {
         if (!done) {
             done = [&] { return statusText() == kFlashedText && windowSensitive(); };
@@ -116,13 +106,10 @@ protected:
         return seen;
     }
 
-    // Runs the window's events until the program has logged `text`.
     bool logged(const std::string& text, std::chrono::milliseconds timeout = kLineBudget) {
         return ToolkitLoop::runUntil([&] { return captured->contains(text); }, timeout);
     }
 
-    // An ESP32 flash that ends with the success text, the window insensitive
-    // while it runs, and the bytes in the chip's flash.
     void expectFlashOf(const Bytes& bytes) {
         const LoadWatch seen = watch();
         ASSERT_TRUE(seen.finished) << "label: " << statusText() << ", bar: " << barValue();
@@ -131,7 +118,6 @@ protected:
         EXPECT_TRUE(chip->flash(0, static_cast<std::uint32_t>(bytes.size())) == bytes);
     }
 
-    // Waits for the window to come back after an ESP32 flash that failed with `why`.
     void expectFlashFailure(const std::string& why) {
         ASSERT_TRUE(logged("MainWindow: ESP32 flashing failed: ", kLoadBudget));
         EXPECT_TRUE(captured->contains("MainWindow: ESP32 flashing failed: " + why, BaseLogger::ERROR))
@@ -158,7 +144,6 @@ protected:
     DeviceSimulator board;
     std::shared_ptr<EspRomSimulator> chip;
     std::unique_ptr<testsupport::ScopedEnv> extraPorts;
-    // Every line the program logs while the test runs; it goes after the window.
     std::unique_ptr<testsupport::CapturingLogger> captured;
     std::unique_ptr<WindowUnderTest> ui;
 };
@@ -174,10 +159,7 @@ std::string sentMd5(const Bytes& bytes) {
 
 class Stm32Load : public BoardLoadTest {
 protected:
-    // A load that reaches the success text with the window sensitive all
-    // along, the bar climbing and never going back, the erase word in the
-    // board's field, and the bytes on the board once it has answered the
-    // finish step.
+    // The window stays sensitive all along; the bytes count once the board answered the finish.
     void expectLoadOf(const Bytes& bytes) {
         const LoadWatch seen = watch();
         EXPECT_TRUE(seen.finished) << "label: " << statusText() << ", bar: " << barValue();
@@ -194,7 +176,6 @@ protected:
                                           std::chrono::seconds(30)));
     }
 
-    // The device info requests the board has had: a frame's fifth byte is its command.
     std::size_t polls() {
         const auto journal = board.journal();
         return std::count_if(journal.begin(), journal.end(), [&](const DeviceSimulator::JournalEntry& entry) {
@@ -339,7 +320,6 @@ TEST_F(BoardLoadTest, Esp32FailuresLeaveNoSuccessTextAndThePreinstalledImageLand
     board.unplug();
     expectFlashFailure("");
 
-    // Plugged in again and connected in the dialog.
     plugBoard();
     connect();
     const Bytes image = usePreinstalled("merid_firmware.bin", 1803184);
