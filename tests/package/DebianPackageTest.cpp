@@ -1,15 +1,62 @@
 // The Debian package that `make package` builds, as a user gets it: its
 // control fields and files, and the program unpacked from it started the way
 // its menu entry starts it, outside the build tree.
-#include "PackageTestSupport.h"
 #include "ProgramRun.h"
+#include "TestSupport.h"
 #include "X11Windows.h"
 
 #include <gtest/gtest.h>
 
+#include <sys/stat.h>
+#include <sys/wait.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <filesystem>
 #include <regex>
 
-using namespace packagetest;
+namespace {
+
+// Every file that an installation puts under its prefix.
+inline const std::vector<std::string> kInstalledFiles = {
+    "bin/MeridKestalUtility",
+    "bin/merid-flash",
+    "share/applications/meridkestalutility.desktop",
+    "share/doc/meridkestalutility/README.md",
+    "share/doc/meridkestalutility/examples/70-meridkestalutility.rules",
+    "share/icons/hicolor/256x256/apps/meridkestalutility.png",
+    "share/icons/hicolor/scalable/apps/meridkestalutility.svg",
+    "share/man/man1/MeridKestalUtility.1.gz",
+    "share/man/man1/merid-flash.1.gz",
+    "share/metainfo/org.meridkestal.meridkestalutility.metainfo.xml",
+};
+
+// Runs `command` through the shell: its exit code (-1 when it did not end
+// normally) and what it printed on both streams.
+inline std::pair<int, std::string> run(const std::string& command) {
+    std::string output;
+    FILE* pipe = popen((command + " 2>&1").c_str(), "r");
+    char buffer[4096];
+    for (std::size_t n = 0; pipe != nullptr && (n = fread(buffer, 1, sizeof(buffer), pipe)) > 0;) {
+        output.append(buffer, n);
+    }
+    const int status = pipe != nullptr ? pclose(pipe) : -1;
+    return {status != -1 && WIFEXITED(status) ? WEXITSTATUS(status) : -1, output};
+}
+
+// Regular files and symbolic links under `root`, relative to it, sorted.
+inline std::vector<std::string> filesUnder(const std::string& root) {
+    std::vector<std::string> files;
+    for (const auto& entry : std::filesystem::recursive_directory_iterator(root)) {
+        if (entry.is_symlink() || entry.is_regular_file()) {
+            files.push_back(std::filesystem::relative(entry.path(), root).string());
+        }
+    }
+    std::sort(files.begin(), files.end());
+    return files;
+}
+
+} // namespace
 
 TEST(DebianPackage, ControlFilesAndTheUnpackedProgramStartingFromItsMenuEntry) {
     std::vector<std::string> debs;
@@ -39,6 +86,21 @@ TEST(DebianPackage, ControlFilesAndTheUnpackedProgramStartingFromItsMenuEntry) {
         expected.push_back("usr/" + file);
     }
     EXPECT_EQ(filesUnder(root), expected);
+    for (const auto& file : expected) {
+        struct stat info {};
+        ASSERT_EQ(stat((root + "/" + file).c_str(), &info), 0) << file;
+        EXPECT_EQ(info.st_mode & 0777, file.rfind("usr/bin/", 0) == 0 ? 0755u : 0644u) << file;
+    }
+    const std::string icons = root + "/usr/share/icons/hicolor/";
+    EXPECT_EQ(programtest::pngSize(icons + "256x256/apps/meridkestalutility.png"), std::make_pair(256, 256));
+    // The menu entry starts the program by name along PATH, under the icon's
+    // name and the window's class.
+    const std::string entry =
+        testsupport::readFile(root + "/usr/share/applications/meridkestalutility.desktop");
+    for (const char* line : {"\nExec=MeridKestalUtility\n", "\nIcon=meridkestalutility\n",
+                             "\nStartupWMClass=MeridKestalUtility\n", "\nTerminal=false\n"}) {
+        EXPECT_NE(entry.find(line), std::string::npos) << line << entry;
+    }
     EXPECT_NE(run("file -b '" + bin + "/MeridKestalUtility'").second.find(", stripped"), std::string::npos);
     EXPECT_EQ(run("readelf -d '" + bin + "/MeridKestalUtility' | grep -E 'RPATH|RUNPATH'").second, "");
     // Hardened: the stack protector and the checked C library calls, so that
