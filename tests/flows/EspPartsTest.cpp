@@ -1,6 +1,6 @@
-// A multi-part ESP32 flash through the flows against the simulated ROM
-// loader: each part at its own address, a region that already holds its
-// part left alone, and nothing written when a part does not fit.
+// The ESP32 flash through the flows against the simulated ROM loader: a
+// slow chip's sync, each part at its own address, a region that already
+// holds its part left alone, and nothing written when a part does not fit.
 #include "DeviceSimulator.h"
 #include "Esp32Flash.h"
 #include "EspRomBridge.h"
@@ -129,5 +129,22 @@ TEST_F(EspParts, APartPastTheFlashEndOrUnreadableFailsWithNothingWritten) {
         EXPECT_EQ(chip->counters().syncs, c.syncsSoFar);
         EXPECT_EQ(chip->counters().flashBegins, 0u);
         EXPECT_EQ(chip->counters().dataBlocks, 0u);
+    }
+}
+
+// A slow chip: the ROM loader is asked to sync twenty times, so a chip that
+// answers the twentieth request is flashed, and one that would answer only a
+// twenty-first is given up with a time-out.
+TEST_F(EspParts, SyncIsTriedTwentyTimes) {
+    for (const auto& [silentSyncs, flashed] : {std::pair{19u, true}, {20u, false}}) {
+        SCOPED_TRACE(silentSyncs);
+        chip->setFaults(EspRomSimulator::Faults{.silentSyncs = silentSyncs});
+        const auto before = chip->counters();
+        EXPECT_EQ(run({part(0x1000, Bytes(3000, 0x3C))}, Esp32Flash::defaults()), flashed) << error;
+        EXPECT_EQ(chip->counters().syncs - before.syncs, flashed ? 1u : 0u);
+        EXPECT_EQ(chip->counters().flashBegins > before.flashBegins, flashed);
+        if (!flashed) {
+            EXPECT_EQ(error, "esp_loader_connect failed: 2");
+        }
     }
 }
