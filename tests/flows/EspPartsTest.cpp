@@ -1,11 +1,10 @@
 // The ESP32 flash through the flows against the simulated ROM loader: a
 // slow chip's sync, each part at its own address, a region that already
 // holds its part left alone, and nothing written when a part does not fit.
-#include "DeviceSimulator.h"
 #include "Esp32Flash.h"
 #include "EspRomBridge.h"
 #include "EspRomSimulator.h"
-#include "TestSupport.h"
+#include "SimulatedBoardTest.h"
 
 #include <gtest/gtest.h>
 
@@ -15,7 +14,7 @@ namespace {
 
 constexpr std::uint32_t kAddresses[] = {0x1000, 0x8000, 0x10000};
 
-class EspParts : public ::testing::Test {
+class EspParts : public testsupport::SimulatedBoardTest {
 protected:
     void SetUp() override {
         EspRomBridge::install(simulator, chip);
@@ -26,14 +25,12 @@ protected:
     }
     void TearDown() override {
         usb.disconnect();
-        simulator.stop();
+        SimulatedBoardTest::TearDown();
     }
 
     // The part at `address` with `bytes`, in a file of its own.
     FlashPart part(std::uint32_t address, const Bytes& bytes) {
-        const std::string path = dir.path() + "/part" + std::to_string(address) + ".bin";
-        EXPECT_TRUE(testsupport::writeFile(path, bytes));
-        return {address, path};
+        return {address, writeImage(bytes, "part" + std::to_string(address) + ".bin")};
     }
 
     bool run(const std::vector<FlashPart>& parts, const Esp32Flash::Options& options) {
@@ -42,9 +39,6 @@ protected:
         return Esp32Flash::runParts(usb, parts, options, report, outcomes, error);
     }
 
-    testsupport::CapturingLogger log;
-    testsupport::TempDir dir;
-    DeviceSimulator simulator;
     std::shared_ptr<EspRomSimulator> chip =
         std::make_shared<EspRomSimulator>(EspRomSimulator::Config{.flashSize = 1u << 20});
     UsbCommunication usb;

@@ -1,7 +1,6 @@
 // The board flows against the simulated board on a pseudo-terminal: what
 // the window and merid-flash both rely on, tested once, without either.
-#include "DeviceSimulator.h"
-#include "LinkSession.h"
+#include "LinkedBoardTest.h"
 
 #include <gtest/gtest.h>
 
@@ -13,39 +12,8 @@ namespace {
 
 constexpr std::uint8_t kAddress = 2;
 
-class Flows : public ::testing::Test {
+class Flows : public testsupport::LinkedBoardTest {
 protected:
-    // The board with `device` on it, connected.
-    void plug(SimDevice device) {
-        simulator.addDevice(std::move(device));
-        ASSERT_TRUE(simulator.start()) << simulator.lastError();
-        session = std::make_unique<LinkSession>(simulator.slavePath());
-        ASSERT_EQ(session->usb().connect(UsbCommunication::MethodCom), UsbTypes::Ok);
-    }
-
-    void TearDown() override {
-        session.reset();
-        simulator.stop();
-    }
-
-    std::string writeImage(const Bytes& data) {
-        const std::string path = dir.path() + "/image.bin";
-        EXPECT_TRUE(testsupport::writeFile(path, data));
-        return path;
-    }
-
-    // The frames of the request `command` that the board received.
-    std::vector<Bytes> frames(std::uint8_t command) {
-        std::vector<Bytes> found;
-        for (auto& entry : simulator.journal()) {
-            if (entry.kind == DeviceSimulator::JournalEntry::Frame && entry.raw.size() > 4 &&
-                entry.raw[4] == command) {
-                found.push_back(entry.raw);
-            }
-        }
-        return found;
-    }
-
     // Ticks `first` to `last` of the wait's clock, each of which must keep
     // the wait going.
     bool ticks(int first, int last) {
@@ -59,11 +27,6 @@ protected:
     }
 
     void answer(DeviceSimulator::Faults faults) { simulator.setFaults(faults); }
-
-    testsupport::CapturingLogger log;
-    testsupport::TempDir dir;
-    DeviceSimulator simulator;
-    std::unique_ptr<LinkSession> session;
 };
 
 } // namespace

@@ -1,5 +1,4 @@
-#include "DeviceSimulator.h"
-#include "LinkSession.h"
+#include "LinkedBoardTest.h"
 
 #include <gtest/gtest.h>
 
@@ -10,42 +9,9 @@ namespace {
 
 // The program's real threads and transport against a simulated board on a
 // pseudo-terminal, on a line that misbehaves.
-class PayloadLinkTest : public ::testing::Test {
+class PayloadLinkTest : public testsupport::LinkedBoardTest {
 protected:
-    void SetUp() override {
-        simulator.addDevice(SimDevice::standard(2, "MeridKestal STM32"));
-        ASSERT_TRUE(simulator.start()) << simulator.lastError();
-        session = std::make_unique<LinkSession>(simulator.slavePath());
-        ASSERT_EQ(session->usb().connect(UsbCommunication::MethodCom), UsbTypes::Ok);
-    }
-
-    void TearDown() override {
-        if (HasFailure()) {
-            for (const auto& line : log.lines()) {
-                std::cerr << "  log: " << line.tag << line.message << "\n";
-            }
-        }
-        session.reset();
-        simulator.stop();
-    }
-
-    std::string writeImage(const testsupport::Bytes& data) {
-        const std::string path = dir.path() + "/image.bin";
-        EXPECT_TRUE(testsupport::writeFile(path, data));
-        return path;
-    }
-
-    // The file write steps the board received: erase, chunks, finish.
-    std::vector<testsupport::Bytes> writeSteps() {
-        std::vector<testsupport::Bytes> steps;
-        for (auto& entry : simulator.journal()) {
-            if (entry.kind == DeviceSimulator::JournalEntry::Frame && entry.raw.size() > 4 &&
-                entry.raw[4] == FILE_WRITE_REQ) {
-                steps.push_back(entry.raw);
-            }
-        }
-        return steps;
-    }
+    void SetUp() override { plug(SimDevice::standard(2, "MeridKestal STM32")); }
 
     // `steps`: how many write steps the board must have seen in all.
     void expectDelivered(const testsupport::Bytes& data, std::uint8_t file, std::size_t steps) {
@@ -55,14 +21,9 @@ protected:
             return log.contains("Firmware transfer complete: " + std::to_string(data.size()) + " bytes in ",
                                 BaseLogger::WARNING);
         }));
-        EXPECT_EQ(writeSteps().size(), steps);
+        EXPECT_EQ(frames(FILE_WRITE_REQ).size(), steps);
         EXPECT_EQ(simulator.counters(2)->writesWithoutErase, 0u);
     }
-
-    testsupport::CapturingLogger log;
-    testsupport::TempDir dir;
-    DeviceSimulator simulator;
-    std::unique_ptr<LinkSession> session;
 };
 
 } // namespace
