@@ -585,17 +585,18 @@ EspRomSimulator::Bytes EspRomSimulator::deflateData(const Request& request) {
     z.next_in = const_cast<Bytef*>(request.data());
     z.avail_in = static_cast<uInt>(request.dataSize());
     while (z.avail_in > 0) {
+        // A full region still takes the end of the stream, which writes nothing.
         const std::uint32_t at = writeOffset + inflated;
-        if (at >= writeEnd) {
-            return refuse(op, kTooMuchData);
-        }
         z.next_out = flashMemory.data() + at;
-        z.avail_out = writeEnd - at;
+        z.avail_out = at < writeEnd ? writeEnd - at : 0;
         const int result = inflate(&z, Z_NO_FLUSH);
         inflated = static_cast<std::uint32_t>(z.next_out - flashMemory.data()) - writeOffset;
         if (result == Z_STREAM_END) {
             corruptWritten(inflated);
             break;
+        }
+        if (result == Z_BUF_ERROR && z.avail_out == 0 && z.avail_in > 0) {
+            return refuse(op, kTooMuchData);
         }
         if (result != Z_OK && result != Z_BUF_ERROR) {
             return refuse(op, kInflateError);
