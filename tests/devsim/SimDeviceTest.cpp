@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <memory>
 #include <vector>
 
@@ -15,7 +16,8 @@ TEST(SimDevice, KeepsAFileWrittenInStepsAndCountsAWriteBeforeTheErase) {
     SimDevice device = SimDevice::standard(2, "MeridKestal STM32");
     auto step = [&](std::uint8_t pack, std::uint8_t offset, const Bytes& chunk) {
         Bytes request{pack, 2, 8, 1, offset, 0, 0, 0};
-        request.insert(request.end(), chunk.begin(), chunk.end());
+        request.resize(request.size() + chunk.size());
+        std::copy(chunk.begin(), chunk.end(), request.end() - static_cast<long>(chunk.size()));
         auto response = device.handle(request, 0);
         return response ? response->payload : Bytes{};
     };
