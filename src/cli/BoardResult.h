@@ -20,9 +20,11 @@ struct BoardResult {
     std::uint64_t bytes = 0;
     double seconds = 0;
     bool ok = false;
-    // "confirmed", "verified", "written" or "unchanged" for a success, the
-    // log's words for a failure.
+    // "confirmed", "verified", "written" or "unchanged" for a success; for a
+    // failure what went wrong and what the user can do (FailureCode).
     std::string result;
+    // The failure's stable code (FailureCode); empty for a success.
+    std::string code;
     // The SHA-256 of the image every board of the run was given; empty for
     // an ESP32 image of several parts, whose parts carry theirs.
     std::string sha256;
