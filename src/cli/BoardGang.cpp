@@ -43,6 +43,11 @@ std::vector<std::string> BoardGang::workerArguments(const std::string& port) con
     const bool both = targets.size() > 1;
     std::vector<std::string> arguments{both ? "board" : targets.front().name, "--worker", "-p", port, "-b",
                                        std::to_string(settings.baud)};
+    // A board's process writes no report; it tells its parent what the
+    // report keeps of the device.
+    if (!settings.reportPath.empty()) {
+        arguments.insert(arguments.end(), {"--report", settings.reportPath});
+    }
     if (settings.loadsEsp32()) {
         for (const auto& [off, flag] :
              {std::pair{!settings.compress, "--no-compress"}, std::pair{!settings.verify, "--no-verify"},
@@ -103,6 +108,15 @@ void BoardGang::onEvent(std::size_t index, const BoardEvent& event) {
             board.progressed = true;
         }
         break;
+    case BoardEvent::Kind::Device:
+        board.told.deviceName = event.text;
+        board.told.deviceVersion = event.detail;
+        board.told.serialNumber = event.ok ? std::optional<std::uint64_t>(event.bytes) : std::nullopt;
+        return;
+    case BoardEvent::Kind::Chip:
+        board.told.chipType = event.text;
+        board.told.chipMac = event.detail;
+        return;
     case BoardEvent::Kind::Part:
         if (under) {
             board.stages[board.current].parts.push_back(
@@ -251,4 +265,13 @@ std::vector<BoardResult> BoardGang::run(ProgressView* view) {
         }
     }
     return results;
+}
+
+std::vector<BoardRecord> BoardGang::records() {
+    std::lock_guard<std::mutex> lock(mutex);
+    std::vector<BoardRecord> told;
+    for (const Board& board : boards) {
+        told.push_back(board.told);
+    }
+    return told;
 }

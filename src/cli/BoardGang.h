@@ -1,6 +1,7 @@
 #pragma once
 
 #include "BoardProcess.h"
+#include "BoardRecord.h"
 #include "BoardResult.h"
 #include "CliSettings.h"
 #include "ProgressView.h"
@@ -46,6 +47,9 @@ public:
     // Runs until every board has ended; `view` may be null. One result per
     // board and target, the board's targets together in their order.
     std::vector<BoardResult> run(ProgressView* view);
+    // After the run, in the order of the ports: the device and the ESP32
+    // chip each board told of; the rest of each record is left empty.
+    std::vector<BoardRecord> records();
 
 private:
     using Clock = std::chrono::steady_clock;
@@ -72,6 +76,7 @@ private:
         bool ended = false;      // every stage reported, or the output ended
         bool progressed = false;
         Clock::time_point end;
+        BoardRecord told;
     };
 
     std::vector<std::string> workerArguments(const std::string& port) const;

@@ -2,6 +2,7 @@
 
 #include "Utf8Path.h"
 
+#include <algorithm>
 #include <thread>
 
 namespace {
@@ -15,6 +16,11 @@ constexpr auto kPoll = milliseconds(20);
 // a write step that stays unanswered this long has stalled.
 constexpr auto kEraseStall = milliseconds(PayloadHandler::kEraseTimeout + 2000);
 constexpr auto kWriteStall = milliseconds(3000);
+// A field request unanswered after its read period is sent again; the
+// device's answers follow one another, so this covers every field after it.
+constexpr auto kFieldRetry = milliseconds(300);
+constexpr auto kFieldBudget = milliseconds(2000);
+constexpr const char* kSerialField = "serialNumber";
 
 bool erasing(Stm32LoadFlow::Stage stage) {
     return stage == Stm32LoadFlow::Stage::EraseCommand || stage == Stm32LoadFlow::Stage::EraseStep;
@@ -54,6 +60,70 @@ BoardSession::Outcome BoardSession::failure(const std::string& fallback) {
 
 std::vector<BoardSession::DeviceSummary> BoardSession::search() {
     return devices.run();
+}
+
+std::optional<BoardSession::DeviceIdentity> BoardSession::identifyDevice() {
+    const std::vector<DeviceSummary> found = search();
+    const std::uint8_t address = link.currentDevice();
+    const auto device = std::find_if(found.begin(), found.end(),
+                                     [address](const DeviceSummary& d) { return d.address == address; });
+    if (device == found.end()) {
+        return std::nullopt;
+    }
+    DeviceIdentity identity{device->name, device->version, std::nullopt};
+    for (const FieldSummary& field : device->fields) {
+        if (field.name == kSerialField) {
+            identity.serialNumber = readField(address, field.index);
+        }
+    }
+    if (link.protocol().getPendingCount() != 0) {
+        link.protocol().resetState();
+    }
+    link.devices().clearDeviceList();
+    return identity;
+}
+
+// The device answers a field request with that field and goes on with
+// each one after it; the request is repeated where the answers stopped.
+std::optional<std::uint64_t> BoardSession::readField(std::uint8_t address, unsigned index) {
+    PayloadHandler& protocol = link.protocol();
+    MessageArgs args;
+    args.device = address;
+    args.field = static_cast<std::uint8_t>(index);
+    protocol.onMessage(GET_FIELD_MSG, &args);
+    protocol.generateResponse(GET_FIELD_MSG);
+    const auto begin = Clock::now();
+    auto lastRequest = begin;
+    while (protocol.getPendingMessage(GET_FIELD_MSG) && Clock::now() - begin < kFieldBudget &&
+           link.usb().isConnected()) {
+        std::this_thread::sleep_for(kPoll);
+        if (Clock::now() - lastRequest >= kFieldRetry) {
+            protocol.generateResponse(GET_FIELD_MSG);
+            lastRequest = Clock::now();
+        }
+    }
+    return fieldAnswered(address, index) ? fieldValue(address, index) : std::nullopt;
+}
+
+bool BoardSession::fieldAnswered(std::uint8_t address, unsigned index) {
+    const auto pending = link.protocol().getPendingMessage(GET_FIELD_MSG);
+    return !pending || pending->device != address || pending->field > index;
+}
+
+// The field's bytes as a little-endian unsigned number.
+std::optional<std::uint64_t> BoardSession::fieldValue(std::uint8_t address, unsigned index) {
+    std::lock_guard<std::recursive_mutex> lock(link.devices().getMutex());
+    App::Device* device = link.devices().getDevice(address);
+    Field* field = device != nullptr ? device->getField(static_cast<unsigned char>(index)) : nullptr;
+    if (field == nullptr) {
+        return std::nullopt;
+    }
+    std::uint64_t value = 0;
+    const unsigned char* data = field->getData();
+    for (unsigned i = field->getTypeSize(); i-- > 0;) {
+        value = value << 8 | data[i];
+    }
+    return value;
 }
 
 BoardSession::Outcome BoardSession::loadStm32(const std::string& path, const Progress& progress) {
@@ -125,7 +195,7 @@ BoardSession::Outcome BoardSession::leavePayloadProtocol() {
 
 BoardSession::Outcome BoardSession::flashEsp32(const std::vector<FlashPart>& parts,
                                                const Esp32Flash::Options& options, const Progress& progress,
-                                               std::vector<PartOutcome>& outcomes) {
+                                               std::vector<PartOutcome>& outcomes, ChipIdentity& chip) {
     std::uint64_t size = 0;
     for (const FlashPart& part : parts) {
         std::error_code sizeError;
@@ -133,7 +203,7 @@ BoardSession::Outcome BoardSession::flashEsp32(const std::vector<FlashPart>& par
     }
     std::string error;
     const auto report = [&progress, size](unsigned char percent) { progress(percent, size * percent / 100); };
-    if (!Esp32Flash::runParts(link.usb(), parts, options, report, outcomes, error)) {
+    if (!Esp32Flash::runParts(link.usb(), parts, options, report, outcomes, error, &chip)) {
         return {false, error};
     }
     return {true, {}};

@@ -16,6 +16,8 @@ constexpr int kUsageError = 2;
 void addCommonOptions(CLI::App& command, CliSettings& settings) {
     command.add_flag("--json", settings.json, "One JSON object per board at the end, on standard output");
     command.add_option("--log", settings.logPath, "Write the full protocol log to this file");
+    command.add_option("--report", settings.reportPath,
+                       "Append a record of every board to this file (.csv: CSV)");
     command.add_flag("-q,--quiet", settings.quiet, "No progress and no table; failures only");
 }
 

@@ -2,6 +2,7 @@
 
 #include "BoardGang.h"
 #include "BoardLog.h"
+#include "BoardReport.h"
 #include "BoardSession.h"
 #include "CommandLine.h"
 #include "DeviceText.h"
@@ -17,6 +18,7 @@
 #include "WorkerReport.h"
 
 #include <algorithm>
+#include <chrono>
 #include <iostream>
 #include <mutex>
 
@@ -39,6 +41,9 @@ int FlashProgram::run(int argc, char** argv) {
     if (settings.worker) {
         return runWorker();
     }
+    if (!settings.reportPath.empty() && !settings.loadsStm32() && !settings.loadsEsp32()) {
+        return badInput("--report records loads: stm32, esp32 and board (see merid-flash --help)");
+    }
     switch (settings.command) {
     case CliSettings::Command::Ports:
         return listPorts();
@@ -59,7 +64,7 @@ std::optional<std::string> FlashProgram::openLogFile(const std::vector<std::stri
     if (settings.logPath.empty()) {
         return std::nullopt;
     }
-    if (auto problem = InputCheck::logFile(settings.logPath, images)) {
+    if (auto problem = InputCheck::outputFile(settings.logPath, "log file", images)) {
         return problem;
     }
     logFile.open(pathFromUtf8(settings.logPath), std::ios::out | std::ios::trunc);
@@ -157,6 +162,9 @@ int FlashProgram::runWorker() {
     BoardLog log([&emit](const std::string& line) { emit(WorkerReport::log(line)); });
     BoardSession session(settings.ports.front(), settings.baud, log);
     BoardSession::Outcome outcome = session.open();
+    if (outcome.ok && !settings.reportPath.empty()) {
+        outcome = identifyDevice(session, emit);
+    }
     if (outcome.ok && settings.loadsStm32()) {
         outcome = session.loadStm32(settings.file, progressReport(emit));
         if (outcome.ok) {
@@ -173,6 +181,15 @@ int FlashProgram::runWorker() {
     return outcome.ok ? kSuccess : kFailure;
 }
 
+// What the report keeps of the device, before a load changes it.
+BoardSession::Outcome FlashProgram::identifyDevice(BoardSession& session, const Emit& emit) {
+    if (const auto device = session.identifyDevice()) {
+        emit(WorkerReport::device(device->name, device->version, device->serialNumber));
+    }
+    // The ESP32's flash comes next: only the ROM loader may read the link.
+    return settings.loadsStm32() ? BoardSession::Outcome{true, {}} : session.leavePayloadProtocol();
+}
+
 BoardSession::Progress FlashProgram::progressReport(const Emit& emit) {
     return [emit](unsigned percent, std::uint64_t bytes) { emit(WorkerReport::progress(percent, bytes)); };
 }
@@ -185,8 +202,12 @@ BoardSession::Outcome FlashProgram::flashEsp32(BoardSession& session, const Emit
     options.verify = settings.verify;
     options.skipUnchanged = !settings.force;
     std::vector<PartOutcome> outcomes;
+    ChipIdentity chip;
     const BoardSession::Outcome outcome =
-        session.flashEsp32(settings.parts, options, progressReport(emit), outcomes);
+        session.flashEsp32(settings.parts, options, progressReport(emit), outcomes, chip);
+    if (!chip.type.empty()) {
+        emit(WorkerReport::chip(chip.type, chip.mac));
+    }
     bool written = false;
     for (const PartOutcome& part : outcomes) {
         emit(WorkerReport::part(part.address, part.size, part.written));
@@ -286,6 +307,9 @@ int FlashProgram::runLoads() {
     if (auto problem = openLogFile(inputFiles())) {
         return badInput(*problem);
     }
+    if (auto problem = checkReport(inputFiles())) {
+        return badInput(*problem);
+    }
     std::uint64_t totalBytes = 0;
     for (const BoardGang::Target& target : targets) {
         totalBytes += target.bytes();
@@ -294,10 +318,58 @@ int FlashProgram::runLoads() {
     std::FILE* out = humanOutput();
     ProgressView view(out, Platform::isTerminal(out == stdout ? 1 : 2), settings.ports, totalBytes);
     BoardGang gang(settings, std::move(targets), logFile.is_open() ? &logFile : nullptr);
+    const auto start = std::chrono::system_clock::now();
     const std::vector<BoardResult> results = gang.run(showProgress ? &view : nullptr);
     printResults(results);
+    const bool recorded = writeReport(gang.records(), results, start);
     const bool allOk = std::all_of(results.begin(), results.end(), [](const BoardResult& r) { return r.ok; });
-    return allOk ? kSuccess : kFailure;
+    return allOk && recorded ? kSuccess : kFailure;
+}
+
+// Like the log file, before anything is sent; the report is made when missing.
+std::optional<std::string> FlashProgram::checkReport(const std::vector<std::string>& images) const {
+    if (settings.reportPath.empty()) {
+        return std::nullopt;
+    }
+    if (auto problem = InputCheck::outputFile(settings.reportPath, "report", images)) {
+        return problem;
+    }
+    return BoardReport(settings.reportPath).check();
+}
+
+// Every board's record, its targets' results completed with what the
+// parent knows: the station, the port's adapter, the time. A board starts
+// with the run, and its targets follow one another. False when a record
+// could not be written.
+bool FlashProgram::writeReport(std::vector<BoardRecord> records, const std::vector<BoardResult>& results,
+                               std::chrono::system_clock::time_point start) const {
+    if (settings.reportPath.empty() || records.empty()) {
+        return true;
+    }
+    const BoardReport report(settings.reportPath);
+    const std::string host = Platform::hostName();
+    const std::size_t perBoard = results.size() / records.size();
+    bool recorded = true;
+    for (std::size_t i = 0; i < records.size(); ++i) {
+        BoardRecord& record = records[i];
+        const auto first = results.begin() + static_cast<std::ptrdiff_t>(i * perBoard);
+        record.targets.assign(first, first + static_cast<std::ptrdiff_t>(perBoard));
+        record.host = host;
+        record.port = settings.ports[i];
+        record.adapter = PortIdentity::of(record.port);
+        record.start = start;
+        double seconds = 0;
+        for (const BoardResult& target : record.targets) {
+            seconds += target.seconds;
+        }
+        record.end = start + std::chrono::duration_cast<std::chrono::system_clock::duration>(
+                                 std::chrono::duration<double>(seconds));
+        if (auto problem = report.append(record)) {
+            std::cerr << "merid-flash: " << *problem << std::endl;
+            recorded = false;
+        }
+    }
+    return recorded;
 }
 
 void FlashProgram::printResults(const std::vector<BoardResult>& results) {

@@ -1,11 +1,13 @@
 #pragma once
 
 #include "BoardGang.h"
+#include "BoardRecord.h"
 #include "BoardResult.h"
 #include "BoardSession.h"
 #include "CliSettings.h"
 #include "ImageCopy.h"
 
+#include <chrono>
 #include <cstdint>
 #include <cstdio>
 #include <fstream>
@@ -28,6 +30,7 @@ private:
     using Emit = std::function<void(const std::string& text)>;
 
     int runWorker();
+    BoardSession::Outcome identifyDevice(BoardSession& session, const Emit& emit);
     static BoardSession::Progress progressReport(const Emit& emit);
     BoardSession::Outcome flashEsp32(BoardSession& session, const Emit& emit);
     int runLoads();
@@ -42,7 +45,10 @@ private:
     // The log file opened; the reason when it may not be. `images` are the
     // inputs it must not be.
     std::optional<std::string> openLogFile(const std::vector<std::string>& images);
+    std::optional<std::string> checkReport(const std::vector<std::string>& images) const;
     void printResults(const std::vector<BoardResult>& results);
+    bool writeReport(std::vector<BoardRecord> records, const std::vector<BoardResult>& results,
+                     std::chrono::system_clock::time_point start) const;
     // Where people read: the standard output, or the standard error when the
     // standard output carries JSON.
     std::FILE* humanOutput() const;

@@ -169,19 +169,19 @@ std::optional<std::string> InputCheck::distinctPorts(const std::vector<std::stri
     return std::nullopt;
 }
 
-std::optional<std::string> InputCheck::logFile(const std::string& path,
-                                               const std::vector<std::string>& images) {
+std::optional<std::string> InputCheck::outputFile(const std::string& path, const std::string& what,
+                                                  const std::vector<std::string>& images) {
     const std::filesystem::path log = pathFromUtf8(path);
     std::error_code error;
     if (!std::filesystem::exists(log, error)) {
         return std::nullopt;
     }
     if (!std::filesystem::is_regular_file(log, error)) {
-        return path + ": the log file is not a regular file";
+        return path + ": the " + what + " is not a regular file";
     }
     for (const auto& image : images) {
         if (std::filesystem::equivalent(log, pathFromUtf8(image), error)) {
-            return path + ": the log file is the image itself";
+            return path + ": the " + what + " is the image itself";
         }
     }
     return std::nullopt;

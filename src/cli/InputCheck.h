@@ -32,8 +32,9 @@ public:
     // The ports are all different, also through links: each line once.
     static std::optional<std::string> distinctPorts(const std::vector<std::string>& names);
 
-    // The log file may be written: it is none of the images, and a regular
-    // file when it exists (never a FIFO that would hold the run).
-    static std::optional<std::string> logFile(const std::string& path,
-                                              const std::vector<std::string>& images);
+    // A file the run writes (`what`: "log file", "report") may be written:
+    // it is none of the images, and a regular file when it exists (never a
+    // FIFO that would hold the run).
+    static std::optional<std::string> outputFile(const std::string& path, const std::string& what,
+                                                 const std::vector<std::string>& images);
 };

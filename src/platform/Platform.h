@@ -103,6 +103,19 @@ int waitChild(ChildProcess& child);
 // also takes the cursor movements of ANSI escape sequences.
 bool isTerminal(int stream);
 
+// Appends `header` (only when the file is empty) and `text` to the file at
+// `path`, made when missing, in one write each under an exclusive lock on
+// the whole file: processes that append so, on this machine or sharing the
+// file over a network, never cut into each other's lines. With both empty
+// it only opens and locks the file, which then exists. False with the
+// system's words in `error` when the file cannot be opened, locked or
+// written.
+bool appendLocked(const std::string& path, const std::string& header, const std::string& text,
+                  std::string& error);
+
+// The name of this machine; empty when the system gives none.
+std::string hostName();
+
 // A write to a closed pipe or socket fails with an error instead of ending
 // the process (POSIX); nothing to do on Windows.
 void ignoreBrokenPipe();

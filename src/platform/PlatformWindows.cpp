@@ -364,6 +364,71 @@ std::vector<std::string> commandLineArguments(int argc, char** argv) {
     return result;
 }
 
+namespace {
+
+std::string lastErrorText() {
+    return std::system_category().message(static_cast<int>(GetLastError()));
+}
+
+bool writeWhole(HANDLE file, const std::string& text) {
+    for (std::size_t done = 0; done < text.size();) {
+        DWORD written = 0;
+        const auto chunk = static_cast<DWORD>(std::min<std::size_t>(text.size() - done, 1u << 30));
+        if (!WriteFile(file, text.data() + done, chunk, &written, nullptr) || written == 0) {
+            return false;
+        }
+        done += written;
+    }
+    return true;
+}
+
+// Under the lock, at the end: the header when nothing is there yet, then
+// the text.
+bool appendTo(HANDLE file, const std::string& header, const std::string& text) {
+    LARGE_INTEGER end{};
+    if (!SetFilePointerEx(file, LARGE_INTEGER{}, &end, FILE_END)) {
+        return false;
+    }
+    return (end.QuadPart != 0 || writeWhole(file, header)) && writeWhole(file, text);
+}
+
+} // namespace
+
+bool appendLocked(const std::string& path, const std::string& header, const std::string& text,
+                  std::string& error) {
+    // Write access, which a lock needs; the writes go to the end found under it.
+    HANDLE file = CreateFileW(widen(path).c_str(), GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr,
+                              OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr);
+    if (file == INVALID_HANDLE_VALUE) {
+        error = lastErrorText();
+        return false;
+    }
+    OVERLAPPED whole{};
+    bool ok = LockFileEx(file, LOCKFILE_EXCLUSIVE_LOCK, 0, MAXDWORD, MAXDWORD, &whole) != 0;
+    if (ok) {
+        ok = appendTo(file, header, text);
+        if (!ok) {
+            error = lastErrorText();
+        }
+        UnlockFileEx(file, 0, MAXDWORD, MAXDWORD, &whole);
+    } else {
+        error = lastErrorText();
+    }
+    CloseHandle(file);
+    return ok;
+}
+
+std::string hostName() {
+    DWORD size = 0;
+    GetComputerNameExW(ComputerNameDnsHostname, nullptr, &size);
+    std::wstring name(size, L'\0');
+    if (size == 0 || !GetComputerNameExW(ComputerNameDnsHostname, name.data(), &size)) {
+        return {};
+    }
+    name.resize(size);
+    return narrow(name.c_str());
+}
+
 bool isTerminal(int stream) {
     if (_isatty(stream) == 0) {
         return false;
