@@ -17,12 +17,14 @@
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <termios.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
+#include <map>
 #include <memory>
 #include <sstream>
 #include <thread>
@@ -40,10 +42,10 @@ struct Outcome {
 // One simulated board: the payload device at address 2 and the ESP32
 // behind the enter frame.
 struct Board {
-    explicit Board(const EspRomSimulator::Config& config = {})
+    explicit Board(const EspRomSimulator::Config& config = {}, const std::string& name = "MeridKestal STM32")
         : chip(std::make_shared<EspRomSimulator>(config)) {
         EspRomBridge::install(simulator, chip);
-        simulator.addDevice(SimDevice::standard(2, "MeridKestal STM32"));
+        simulator.addDevice(SimDevice::standard(2, name));
         started = simulator.start();
     }
     ~Board() { simulator.stop(); }
@@ -394,6 +396,13 @@ TEST_F(FlashProgram, BadInputEndsTheRunBeforeAnythingIsSent) {
         {"stm32 --log " + imagePath + " -p " + good + imagePath,
          imagePath + ": the log file is the image itself"},
         {"stm32 --log " + fifo + " -p " + good + imagePath, fifo + ": the log file is not a regular file"},
+        {"esp32 --report " + imagePath + " -p " + good + imagePath,
+         imagePath + ": the report is the image itself"},
+        {"board --report " + fifo + " -p " + good + "--stm32" + app + " --esp32" + app,
+         fifo + ": the report is not a regular file"},
+        {"stm32 --report " + dir.path() + "/none/r.csv -p " + good + imagePath,
+         dir.path() + "/none/r.csv: the report cannot be written (No such file or directory)"},
+        {"search --report " + dir.path() + "/r.jsonl -p " + good, "--report records loads"},
         {"esp32 -p " + good + "0x1001" + app,
          imagePath + " at 0x1001: the address is not a multiple of the 4 KiB"},
         {"esp32 -p " + good + "0x10000" + app + " 4096" + app,
@@ -422,6 +431,7 @@ TEST_F(FlashProgram, BadInputEndsTheRunBeforeAnythingIsSent) {
         EXPECT_EQ(board->simulator.bytesReceived(), 0u);
     }
     EXPECT_EQ(testsupport::readFile(imagePath).size(), image.size()); // not taken for the log
+    EXPECT_FALSE(std::filesystem::exists(dir.path() + "/r.jsonl"));
     ::close(fifoReader);
 }
 
@@ -578,4 +588,159 @@ TEST_F(FlashProgram, LeavesTheTerminalAndTheFilesAsTheyWere) {
     run_.join();
     EXPECT_EQ(load.exitCode, 0) << load.err;
     EXPECT_EQ(std::count(held.begin(), held.end(), log), 0) << testing::PrintToString(held);
+}
+
+namespace {
+
+// The records of an RFC 4180 text: fields split at commas outside quotes,
+// a doubled quote inside them one quote, each record ended by CR LF.
+std::vector<std::vector<std::string>> csvRecords(const std::string& text) {
+    std::vector<std::vector<std::string>> records(1, std::vector<std::string>(1));
+    bool quoted = false;
+    for (std::size_t i = 0; i < text.size(); ++i) {
+        const char c = text[i];
+        std::string& field = records.back().back();
+        if (quoted && c == '"' && text.compare(i, 2, "\"\"") == 0) {
+            field += c;
+            ++i;
+        } else if (c == '"') {
+            quoted = !quoted;
+        } else if (quoted) {
+            field += c;
+        } else if (c == ',') {
+            records.back().emplace_back();
+        } else if (text.compare(i, 2, "\r\n") == 0) {
+            records.emplace_back(1);
+            ++i;
+        } else {
+            field += c;
+        }
+    }
+    records.pop_back(); // after the last CR LF
+    return records;
+}
+
+// "2026-11-26T01:02:03.456Z", and `from` <= `to` in that form.
+bool utcOrdered(const std::string& from, const std::string& to) {
+    const auto isUtc = [](const std::string& t) {
+        return t.size() == 24 && t[4] == '-' && t[10] == 'T' && t[19] == '.' && t.back() == 'Z';
+    };
+    return isUtc(from) && isUtc(to) && from <= to;
+}
+
+std::string hostName() {
+    char name[256] = {};
+    ::gethostname(name, sizeof(name) - 1);
+    return name;
+}
+
+} // namespace
+
+// A board run with --report: a JSON line per board after what the file held,
+// with the station, the device and its serial number, the chip and its MAC
+// as the simulated board gives them, and the targets as --json gives them.
+TEST_F(FlashProgram, ReportAppendsAJsonLinePerBoard) {
+    const std::string report = dir.path() + "/boards.jsonl";
+    ASSERT_TRUE(testsupport::writeFile(report, Bytes{'{', '}', '\n'}));
+    DeviceSimulator::Faults unplug;
+    unplug.unplugAfterFrames = 40;
+    boards[1]->simulator.setFaults(unplug);
+    Outcome gang = run("board --json -q -b 921600 --report " + report + " -p " + boards[0]->port() + " -p " +
+                       boards[1]->port() + " --stm32 " + imagePath + " --esp32 0x10000 " + imagePath);
+    EXPECT_EQ(gang.exitCode, 1);
+    const auto summary = jsonLines(gang.out);
+    const auto lines = jsonLines(testsupport::readFile(report));
+    ASSERT_EQ(lines.size(), 3u);
+    ASSERT_EQ(summary.size(), 2u);
+    EXPECT_EQ(lines[0], nlohmann::json::object());
+    for (std::size_t i = 0; i < 2; ++i) {
+        SCOPED_TRACE(i);
+        const auto& line = lines[i + 1];
+        EXPECT_TRUE(utcOrdered(line["start"], line["end"])) << line;
+        EXPECT_EQ(line["host"], hostName());
+        EXPECT_EQ(line["version"], MERID_VERSION);
+        EXPECT_EQ(line["port"], boards[i]->port());
+        EXPECT_EQ(line["adapter"], nullptr); // a pseudo-terminal has none
+        EXPECT_EQ(line["device"], nlohmann::json::parse(R"({"name":"MeridKestal STM32","version":"2.7",
+                                                            "serial_number":1296760898})"));
+        EXPECT_EQ(line["ok"], summary[i]["ok"]);
+        EXPECT_EQ(line["targets"], summary[i]["targets"]);
+    }
+    EXPECT_EQ(lines[1]["chip"], nlohmann::json::parse(R"({"type":"ESP32","mac":"a1:b2:7a:5b:3c:4d"})"));
+    EXPECT_EQ(lines[1]["code"], "");
+    EXPECT_EQ(lines[1]["result"], "verified");
+    EXPECT_EQ(lines[2]["chip"], nullptr); // its ESP32 was never reached
+    EXPECT_EQ(lines[2]["code"], summary[1]["targets"][0].value("code", ""));
+    EXPECT_EQ(lines[2]["result"], summary[1]["targets"][0]["result"]);
+}
+
+// Two stations append to one CSV report at once: one header, a row per
+// target and part, none torn; the device's own text escaped and quoted.
+TEST_F(FlashProgram, StationsShareACsvReport) {
+    boards[2] = std::make_unique<Board>(EspRomSimulator::Config{}, "Kestal \"7\", rev\nB");
+    ASSERT_TRUE(boards[2]->started);
+    const std::string report = dir.path() + "/line.csv";
+    const std::string digest = sha256Of(imagePath);
+    Outcome esp, stm;
+    std::thread first([&] {
+        esp = run("esp32 -q -b 921600 --report " + report + " -p " + boards[0]->port() + " -p " +
+                  boards[1]->port() + " 0x10000 " + imagePath);
+    });
+    stm = run("stm32 -q -b 921600 --report " + report + " -p " + boards[2]->port() + " " + imagePath);
+    first.join();
+    EXPECT_EQ(esp.exitCode, 0) << esp.err;
+    EXPECT_EQ(stm.exitCode, 0) << stm.err;
+    const auto records = csvRecords(testsupport::readFile(report));
+    ASSERT_EQ(records.size(), 4u);
+    EXPECT_EQ(records[0], (std::vector<std::string>{"start",
+                                                    "end",
+                                                    "host",
+                                                    "version",
+                                                    "port",
+                                                    "usb_vendor_id",
+                                                    "usb_product_id",
+                                                    "usb_serial_number",
+                                                    "device_name",
+                                                    "device_version",
+                                                    "device_serial_number",
+                                                    "chip_type",
+                                                    "chip_mac",
+                                                    "target",
+                                                    "address",
+                                                    "bytes",
+                                                    "sha256",
+                                                    "part_result",
+                                                    "ok",
+                                                    "code",
+                                                    "result"}));
+    std::map<std::string, std::vector<std::string>> byPort;
+    for (std::size_t i = 1; i < records.size(); ++i) {
+        ASSERT_EQ(records[i].size(), records[0].size());
+        EXPECT_TRUE(utcOrdered(records[i][0], records[i][1]));
+        EXPECT_EQ(records[i][2], hostName());
+        EXPECT_EQ(records[i][3], MERID_VERSION);
+        byPort[records[i][4]] = std::vector<std::string>(records[i].begin() + 5, records[i].end());
+    }
+    const std::vector<std::string> esp32{"",
+                                         "",
+                                         "",
+                                         "MeridKestal STM32",
+                                         "2.7",
+                                         "1296760898",
+                                         "ESP32",
+                                         "a1:b2:7a:5b:3c:4d",
+                                         "esp32",
+                                         "0x10000",
+                                         std::to_string(image.size()),
+                                         digest,
+                                         "written",
+                                         "true",
+                                         "",
+                                         "verified"};
+    EXPECT_EQ(byPort[boards[0]->port()], esp32);
+    EXPECT_EQ(byPort[boards[1]->port()], esp32);
+    EXPECT_EQ(
+        byPort[boards[2]->port()],
+        (std::vector<std::string>{"", "", "", "Kestal \"7\", rev\\x0aB", "2.7", "1296760898", "", "", "stm32",
+                                  "", std::to_string(image.size()), digest, "", "true", "", "confirmed"}));
 }

@@ -11,6 +11,7 @@
 
 #include <cstdint>
 #include <cstdio>
+#include <optional>
 #include <string>
 
 namespace {
@@ -56,8 +57,29 @@ TEST(WorkerReport, EveryKindComesBackAsSent) {
     EXPECT_EQ(parsed->address, 0x10000u);
     EXPECT_EQ(parsed->bytes, 1u << 20);
     EXPECT_FALSE(parsed->ok);
-    for (const char* noise :
-         {"", "progress", "part 1 2", "part 4294967296 1 1", "progress x 1", "done", "hello world"}) {
+    // What a board tells of its device and chip, a serial number or none.
+    for (const auto& serial : {std::optional<std::uint64_t>(UINT64_MAX), std::optional<std::uint64_t>()}) {
+        std::string line = WorkerReport::device(" Kestal\n 7 ", "2.7", serial);
+        line.pop_back();
+        const auto device = WorkerReport::parse(line);
+        ASSERT_TRUE(device) << line;
+        EXPECT_EQ(device->kind, BoardEvent::Kind::Device);
+        EXPECT_EQ(device->text, " Kestal\n 7 ");
+        EXPECT_EQ(device->detail, "2.7");
+        EXPECT_EQ(device->ok, serial.has_value());
+        EXPECT_EQ(device->bytes, serial.value_or(0));
+    }
+    for (const std::string mac : {"a1:b2:7a:5b:3c:4d", ""}) {
+        std::string line = WorkerReport::chip("ESP32-S3", mac);
+        line.pop_back();
+        const auto chip = WorkerReport::parse(line);
+        ASSERT_TRUE(chip) << line;
+        EXPECT_EQ(chip->kind, BoardEvent::Kind::Chip);
+        EXPECT_EQ(chip->text, "ESP32-S3");
+        EXPECT_EQ(chip->detail, mac);
+    }
+    for (const char* noise : {"", "progress", "part 1 2", "part 4294967296 1 1", "progress x 1", "done",
+                              "hello world", "device 2.7 x name"}) {
         EXPECT_FALSE(WorkerReport::parse(noise)) << noise;
     }
 }
