@@ -16,6 +16,7 @@ struct BoardEvent {
     std::uint32_t address = 0; // a part's
     bool ok = false;           // a target's success; a part written
     std::string text;          // the log line, or the reason of a failure
+    std::string code;          // a failure's (FailureCode)
 };
 
 class WorkerReport {
@@ -23,7 +24,8 @@ public:
     static std::string progress(unsigned percent, std::uint64_t bytes);
     static std::string log(const std::string& line);
     static std::string part(std::uint32_t address, std::uint64_t size, bool written);
-    static std::string done(bool ok, const std::string& reason);
+    // `code` a failure's (FailureCode), empty for a success.
+    static std::string done(bool ok, const std::string& code, const std::string& reason);
     // Nothing for a line that is none of these.
     static std::optional<BoardEvent> parse(const std::string& line);
 };
