@@ -4,6 +4,7 @@
 #include "BoardRecord.h"
 #include "BoardResult.h"
 #include "CliSettings.h"
+#include "FailureCode.h"
 #include "ProgressView.h"
 
 #include <chrono>
@@ -44,8 +45,14 @@ public:
     BoardGang(const BoardGang&) = delete;
     BoardGang& operator=(const BoardGang&) = delete;
 
-    // Runs until every board has ended; `view` may be null. One result per
-    // board and target, the board's targets together in their order.
+    // The board on `port`, which did not open with the words `line`, is not
+    // started: its first target fails, the others are not attempted.
+    void leaveOut(const std::string& port, const std::string& line);
+
+    // Runs until every board has ended; `view` may be null. A stop request
+    // (Platform::stopRequest) ends the boards under way, whose targets not
+    // yet done are then "interrupted". One result per board and target, the
+    // board's targets together in their order.
     std::vector<BoardResult> run(ProgressView* view);
     // After the run, in the order of the ports: the device and the ESP32
     // chip each board told of; the rest of each record is left empty.
@@ -63,6 +70,7 @@ private:
         bool reported = false;
         bool ok = false;
         std::string reason;
+        std::string code;
         std::uint64_t bytes = 0;
         std::vector<PartResult> parts; // as reported, in the order done
         Clock::time_point start;
@@ -84,10 +92,13 @@ private:
     void onDone(Board& board, const BoardEvent& event);
     void startBoards();
     void watch(ProgressView* view);
+    void stopBoards();
     bool takeMoves(std::vector<Moved>& moved);
     std::uint64_t bytesDone(const Board& board) const;
     void writeLog(const std::string& port, const std::string& line);
     BoardResult resultOf(const Board& board, std::size_t stage, int exitCode) const;
+    // What a target that did not report its end became.
+    FailureCode::Failure unreported(const Board& board, std::size_t stage, int exitCode) const;
     std::vector<PartResult> partsOf(const Stage& stage, const Target& target) const;
 
     const CliSettings& settings;
@@ -96,6 +107,7 @@ private:
     std::ofstream* logFile;
     std::mutex logMutex;
     std::vector<Board> boards;
+    bool stopped = false;
     // Never held across a write to the terminal: the boards' reports go on
     // while the output stands still.
     std::mutex mutex;

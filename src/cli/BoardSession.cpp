@@ -1,5 +1,9 @@
 #include "BoardSession.h"
 
+#include "EspSerialFlasherPort.h"
+#include "FailureCode.h"
+#include "InputCheck.h"
+#include "Platform.h"
 #include "Utf8Path.h"
 
 #include <algorithm>
@@ -47,15 +51,17 @@ Stm32LoadFlow::Events BoardSession::loadEvents() {
 }
 
 BoardSession::Outcome BoardSession::open() {
+    const unsigned before = log.problemCount();
     if (link.usb().connect(UsbCommunication::MethodCom) != UsbTypes::Ok) {
-        return failure("Port " + link.usb().portName + " is not available");
+        const std::string line = InputCheck::openFailure(log, link.usb().portName, before);
+        return {false, line, FailureCode::ofPort(line)};
     }
-    return {true, {}};
+    return {true, {}, {}};
 }
 
-BoardSession::Outcome BoardSession::failure(const std::string& fallback) {
+BoardSession::Outcome BoardSession::failure(const std::string& code, const std::string& fallback) {
     const std::string words = log.lastProblem();
-    return {false, words.empty() ? fallback : words};
+    return {false, words.empty() ? fallback : words, code};
 }
 
 std::vector<BoardSession::DeviceSummary> BoardSession::search() {
@@ -142,17 +148,20 @@ BoardSession::Outcome BoardSession::waitForErase() {
     // The first tick comes a period after the press, as in the window.
     do {
         std::this_thread::sleep_for(Stm32LoadFlow::kTick);
+        if (Platform::stopRequest() != 0) {
+            return stopped();
+        }
     } while (stm32.tick());
     if (eraseFailed) {
-        return {false, "the \"erase\" field went away"};
+        return {false, "the \"erase\" field went away", "erase-gone"};
     }
     if (waitEnd == Stm32LoadFlow::WaitEnd::LinkLost) {
-        return failure("the board went away");
+        return failure("link-lost", "the board went away");
     }
     if (waitEnd) {
-        return {false, "no device with an \"erase\" field answered"};
+        return {false, "no device with an \"erase\" field answered", "no-device"};
     }
-    return {true, {}};
+    return {true, {}, {}};
 }
 
 BoardSession::Outcome BoardSession::waitForTransfer(std::uint64_t size, const Progress& progress) {
@@ -162,16 +171,16 @@ BoardSession::Outcome BoardSession::waitForTransfer(std::uint64_t size, const Pr
     for (;;) {
         if (stm32.percent() == 100) {
             progress(100, size);
-            return {true, {}};
+            return {true, {}, {}};
         }
         if (const std::uint8_t status = stm32.refusal()) {
-            return {false, "Message with problem - error code: " + std::to_string(status)};
+            return {false, "Message with problem - error code: " + std::to_string(status), "device-refused"};
         }
         if (stm32.takeUnconfirmed()) {
-            return {false, "the device did not confirm the firmware"};
+            return {false, "the device did not confirm the firmware", "not-confirmed"};
         }
         if (!link.usb().isConnected()) {
-            return failure("the board went away");
+            return failure("link-lost", "the board went away");
         }
         const Stm32LoadFlow::Stage stage = stm32.stage();
         const std::uint32_t offset = stm32.offset();
@@ -181,11 +190,18 @@ BoardSession::Outcome BoardSession::waitForTransfer(std::uint64_t size, const Pr
             lastMove = Clock::now();
             progress(stm32.percent(), offset);
         }
+        if (Platform::stopRequest() != 0) {
+            return stopped();
+        }
         if (Clock::now() - lastMove > (erasing(stage) ? kEraseStall : kWriteStall)) {
-            return failure("the device stopped answering");
+            return failure("stalled", "the device stopped answering");
         }
         std::this_thread::sleep_for(kPoll);
     }
+}
+
+BoardSession::Outcome BoardSession::stopped() {
+    return {false, {}, "interrupted"};
 }
 
 BoardSession::Outcome BoardSession::leavePayloadProtocol() {
@@ -203,8 +219,21 @@ BoardSession::Outcome BoardSession::flashEsp32(const std::vector<FlashPart>& par
     }
     std::string error;
     const auto report = [&progress, size](unsigned char percent) { progress(percent, size * percent / 100); };
-    if (!Esp32Flash::runParts(link.usb(), parts, options, report, outcomes, error, &chip)) {
-        return {false, error};
+    std::atomic<bool> flashing{true};
+    // The loader blocks; its port layer gives up at its next step once told.
+    std::thread stopWatch([&flashing] {
+        for (; flashing; std::this_thread::sleep_for(kPoll)) {
+            if (Platform::stopRequest() != 0) {
+                meridEspSerialFlasherPortSetCancelled(true);
+                return;
+            }
+        }
+    });
+    const bool flashed = Esp32Flash::runParts(link.usb(), parts, options, report, outcomes, error, &chip);
+    flashing = false;
+    stopWatch.join();
+    if (!flashed) {
+        return Platform::stopRequest() != 0 ? stopped() : Outcome{false, error, FailureCode::ofEsp32(error)};
     }
-    return {true, {}};
+    return {true, {}, {}};
 }

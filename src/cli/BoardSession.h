@@ -18,13 +18,15 @@
 // One board on one port, driven by the board flows the window also drives:
 // the search and the STM32 load over the payload protocol's threads, the
 // ESP32 flash through the ROM loader. What is merid-flash's own: how long
-// each stage may stand still, and the words of an outcome. One session in a
+// each stage may stand still, the words and code of an outcome, and a load
+// that ends when the process is asked to stop. One session in a
 // process: the handler registry and the loader's state are process-wide.
 class BoardSession {
 public:
     struct Outcome {
         bool ok = false;
         std::string reason; // the words of the log for a failure
+        std::string code;   // a failure's (FailureCode)
     };
     using FieldSummary = DeviceSearch::FieldSummary;
     using DeviceSummary = DeviceSearch::DeviceSummary;
@@ -69,7 +71,9 @@ private:
     Stm32LoadFlow::Events loadEvents();
     Outcome waitForErase();
     Outcome waitForTransfer(std::uint64_t size, const Progress& progress);
-    Outcome failure(const std::string& fallback);
+    Outcome failure(const std::string& code, const std::string& fallback);
+    // A load ended by a stop request (Platform::stopRequest).
+    static Outcome stopped();
     std::optional<std::uint64_t> readField(std::uint8_t address, unsigned index);
     bool fieldAnswered(std::uint8_t address, unsigned index);
     std::optional<std::uint64_t> fieldValue(std::uint8_t address, unsigned index);

@@ -153,6 +153,8 @@ int FlashProgram::searchPort() {
 // One board for a parent: every report goes to the standard output as one
 // line, a result for each target last; a target that fails ends the board.
 int FlashProgram::runWorker() {
+    // Asked to stop, the board ends its load and closes its port.
+    Platform::catchStopRequests();
     std::mutex outputMutex;
     const Emit emit = [&outputMutex](const std::string& text) {
         std::lock_guard<std::mutex> lock(outputMutex);
@@ -168,7 +170,7 @@ int FlashProgram::runWorker() {
     if (outcome.ok && settings.loadsStm32()) {
         outcome = session.loadStm32(settings.file, progressReport(emit));
         if (outcome.ok) {
-            emit(WorkerReport::done(true, "confirmed"));
+            emit(WorkerReport::done(true, {}, "confirmed"));
             outcome = settings.loadsEsp32() ? session.leavePayloadProtocol() : outcome;
         }
     }
@@ -176,7 +178,7 @@ int FlashProgram::runWorker() {
         outcome = flashEsp32(session, emit);
     }
     if (!outcome.ok) {
-        emit(WorkerReport::done(false, outcome.reason));
+        emit(WorkerReport::done(false, outcome.code, outcome.reason));
     }
     return outcome.ok ? kSuccess : kFailure;
 }
@@ -187,7 +189,7 @@ BoardSession::Outcome FlashProgram::identifyDevice(BoardSession& session, const 
         emit(WorkerReport::device(device->name, device->version, device->serialNumber));
     }
     // The ESP32's flash comes next: only the ROM loader may read the link.
-    return settings.loadsStm32() ? BoardSession::Outcome{true, {}} : session.leavePayloadProtocol();
+    return settings.loadsStm32() ? BoardSession::Outcome{true, {}, {}} : session.leavePayloadProtocol();
 }
 
 BoardSession::Progress FlashProgram::progressReport(const Emit& emit) {
@@ -214,7 +216,7 @@ BoardSession::Outcome FlashProgram::flashEsp32(BoardSession& session, const Emit
         written = written || part.written;
     }
     if (outcome.ok) {
-        emit(WorkerReport::done(true, !written ? "unchanged" : settings.verify ? "verified" : "written"));
+        emit(WorkerReport::done(true, {}, !written ? "unchanged" : settings.verify ? "verified" : "written"));
     }
     return outcome;
 }
@@ -236,12 +238,26 @@ std::optional<std::string> FlashProgram::checkLoadInput(ImageCopy& copies,
     if (auto problem = InputCheck::distinctPorts(settings.ports)) {
         return problem;
     }
-    for (const auto& port : settings.ports) {
-        if (auto problem = InputCheck::port(port)) {
-            return problem;
-        }
+    if (auto problem = checkPorts()) {
+        return problem;
     }
     return copyImages(sizes, copies, targets);
+}
+
+// A port that does not open leaves its board out; the run goes on while
+// one opens.
+std::optional<std::string> FlashProgram::checkPorts() {
+    std::string lines;
+    for (const auto& port : settings.ports) {
+        if (auto problem = InputCheck::port(port)) {
+            unopened[port] = *problem;
+            lines += (lines.empty() ? "" : "\nmerid-flash: ") + *problem;
+        }
+    }
+    if (unopened.size() == settings.ports.size()) {
+        return lines;
+    }
+    return std::nullopt;
 }
 
 // Each part a plain binary image for the ESP32, and the parts a layout the
@@ -299,6 +315,8 @@ std::vector<std::string> FlashProgram::inputFiles() const {
 }
 
 int FlashProgram::runLoads() {
+    // A stop asked for from here on still ends with every board's result.
+    Platform::catchStopRequests();
     ImageCopy copies;
     std::vector<BoardGang::Target> targets;
     if (auto problem = checkLoadInput(copies, targets)) {
@@ -318,10 +336,16 @@ int FlashProgram::runLoads() {
     std::FILE* out = humanOutput();
     ProgressView view(out, Platform::isTerminal(out == stdout ? 1 : 2), settings.ports, totalBytes);
     BoardGang gang(settings, std::move(targets), logFile.is_open() ? &logFile : nullptr);
+    for (const auto& [port, line] : unopened) {
+        gang.leaveOut(port, line);
+    }
     const auto start = std::chrono::system_clock::now();
     const std::vector<BoardResult> results = gang.run(showProgress ? &view : nullptr);
     printResults(results);
     const bool recorded = writeReport(gang.records(), results, start);
+    if (const int stopped = Platform::stopRequest()) {
+        return stopped;
+    }
     const bool allOk = std::all_of(results.begin(), results.end(), [](const BoardResult& r) { return r.ok; });
     return allOk && recorded ? kSuccess : kFailure;
 }
@@ -380,7 +404,7 @@ void FlashProgram::printResults(const std::vector<BoardResult>& results) {
                 const std::string target =
                     settings.command == CliSettings::Command::Board ? result.target + ": " : "";
                 std::cerr << "merid-flash: " << DeviceText::forTerminal(result.port) << ": " << target
-                          << DeviceText::forTerminal(result.result) << std::endl;
+                          << result.code << ": " << DeviceText::forTerminal(result.result) << std::endl;
             }
         }
     } else {

@@ -12,13 +12,16 @@
 #include <cstdio>
 #include <fstream>
 #include <functional>
+#include <map>
 #include <optional>
 #include <string>
 #include <vector>
 
 // merid-flash: the window's loads without the window. Exit code 0 when every
-// board succeeded, 1 when any failed, 2 for bad usage or bad input, which is
-// found before anything is sent.
+// board succeeded, 1 when any failed (a board whose port does not open among
+// them), 2 for bad usage or bad input, which is found before anything is
+// sent, and for a run none of whose ports opens; 130 or 143 when an
+// interrupt or a termination stopped the run.
 class FlashProgram {
 public:
     int run(int argc, char** argv);
@@ -38,6 +41,8 @@ private:
     // is wrong, before anything is sent.
     std::optional<std::string> checkLoadInput(ImageCopy& copies, std::vector<BoardGang::Target>& targets);
     std::optional<std::string> checkParts(std::vector<std::uint64_t>& sizes);
+    // The lines of every port when none opens.
+    std::optional<std::string> checkPorts();
     std::optional<std::string> copyImages(const std::vector<std::uint64_t>& sizes, ImageCopy& copies,
                                           std::vector<BoardGang::Target>& targets);
     // The images the command line names.
@@ -56,4 +61,6 @@ private:
 
     CliSettings settings;
     std::ofstream logFile;
+    // The boards whose ports did not open, and why.
+    std::map<std::string, std::string> unopened;
 };

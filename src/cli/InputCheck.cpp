@@ -140,6 +140,10 @@ std::optional<std::string> InputCheck::port(const std::string& name) {
         usb.disconnect();
         return std::nullopt;
     }
+    return openFailure(log, name, before);
+}
+
+std::string InputCheck::openFailure(BoardLog& log, const std::string& name, unsigned before) {
     // The port's own line first, then its hint; the front's summary last.
     std::string line = log.problemStartingWith("Error opening port", before);
     const std::string hint = log.problemStartingWith("Port " + name + " is held", before) +

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "BoardLog.h"
 #include "MeridEspSerialFlasher.h"
 
 #include <cstdint>
@@ -28,6 +29,10 @@ public:
     // The port opens, and is closed again at once: nothing goes on the line.
     // When it does not open, the words of the port's log with its hint.
     static std::optional<std::string> port(const std::string& name);
+
+    // The line for port `name` that did not open: the port's own line from
+    // `log` (its problems since the count `before`) with its hint.
+    static std::string openFailure(BoardLog& log, const std::string& name, unsigned before);
 
     // The ports are all different, also through links: each line once.
     static std::optional<std::string> distinctPorts(const std::vector<std::string>& names);

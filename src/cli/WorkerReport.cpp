@@ -158,8 +158,10 @@ std::string WorkerReport::part(std::uint32_t address, std::uint64_t size, bool w
     return "part " + std::to_string(address) + " " + std::to_string(size) + (written ? " 1\n" : " 0\n");
 }
 
-std::string WorkerReport::done(bool ok, const std::string& reason) {
-    return std::string("done ") + (ok ? "1 " : "0 ") + oneLine(reason) + "\n";
+// A code is one word; "-" stands for none.
+std::string WorkerReport::done(bool ok, const std::string& code, const std::string& reason) {
+    return std::string("done ") + (ok ? "1 " : "0 ") + (code.empty() ? "-" : code) + " " + oneLine(reason) +
+           "\n";
 }
 
 std::optional<BoardEvent> WorkerReport::parse(const std::string& line) {
@@ -206,7 +208,10 @@ std::optional<BoardEvent> WorkerReport::parse(const std::string& line) {
     if (in.word("done") && in.number(ok)) {
         event.kind = BoardEvent::Kind::Done;
         event.ok = ok == 1;
-        event.text = fromOneLine(rest("done", 2));
+        const std::string words = rest("done", 2);
+        const std::size_t space = std::min(words.find(' '), words.size());
+        event.code = words.compare(0, space, "-") == 0 ? std::string() : words.substr(0, space);
+        event.text = fromOneLine(space < words.size() ? words.substr(space + 1) : std::string());
         return event;
     }
     return std::nullopt;

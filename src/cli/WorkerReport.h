@@ -18,6 +18,7 @@ struct BoardEvent {
     bool ok = false;           // a target's success; a part written; the device has a serial number
     std::string text;          // the log line, the reason of a failure, the device's name, the chip's type
     std::string detail;        // the device's version, the chip's MAC
+    std::string code;          // a failure's (FailureCode)
 };
 
 class WorkerReport {
@@ -30,7 +31,8 @@ public:
     // `mac` empty when the chip did not give it.
     static std::string chip(const std::string& type, const std::string& mac);
     static std::string part(std::uint32_t address, std::uint64_t size, bool written);
-    static std::string done(bool ok, const std::string& reason);
+    // `code` a failure's (FailureCode), empty for a success.
+    static std::string done(bool ok, const std::string& code, const std::string& reason);
     // Nothing for a line that is none of these.
     static std::optional<BoardEvent> parse(const std::string& line);
 };

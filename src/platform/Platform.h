@@ -99,6 +99,19 @@ std::size_t readChildOutput(ChildProcess& child, char* buffer, std::size_t size)
 // signal number when a signal ended it.
 int waitChild(ChildProcess& child);
 
+// Asks the child to stop before its work is done: SIGTERM on POSIX, which it
+// may catch; on Windows it ends at once. waitChild still releases it.
+void stopChild(ChildProcess& child);
+
+// The requests to stop (SIGINT and SIGTERM; on Windows Ctrl+C, Ctrl+Break
+// and the console's closing) no longer end the process: stopRequest() tells
+// of them instead.
+void catchStopRequests();
+// 0 while nothing asked the process to stop; else the exit code that tells
+// of the request: 130 for an interrupt (Ctrl+C), 143 for a termination
+// (Ctrl+Break on Windows).
+int stopRequest();
+
 // True when the standard output (1) or error (2) is a terminal, which then
 // also takes the cursor movements of ANSI escape sequences.
 bool isTerminal(int stream);

@@ -430,6 +430,38 @@ void ignoreBrokenPipe() {
     std::signal(SIGPIPE, SIG_IGN);
 }
 
+namespace {
+
+// Lock-free, so that the handler may set it.
+std::atomic<int> stopSignal{0};
+static_assert(std::atomic<int>::is_always_lock_free);
+
+extern "C" void noteStopRequest(int signalNumber) {
+    stopSignal = signalNumber;
+}
+
+} // namespace
+
+void stopChild(ChildProcess& child) {
+    if (child.process > 0) {
+        ::kill(static_cast<pid_t>(child.process), SIGTERM);
+    }
+}
+
+void catchStopRequests() {
+    struct sigaction action {};
+    action.sa_handler = noteStopRequest;
+    sigemptyset(&action.sa_mask);
+    for (const int signalNumber : {SIGINT, SIGTERM}) {
+        ::sigaction(signalNumber, &action, nullptr);
+    }
+}
+
+int stopRequest() {
+    const int signalNumber = stopSignal.load();
+    return signalNumber == 0 ? 0 : 128 + signalNumber;
+}
+
 std::vector<std::string> commandLineArguments(int argc, char** argv) {
     return std::vector<std::string>(argv, argv + argc);
 }

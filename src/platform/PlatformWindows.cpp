@@ -350,6 +350,35 @@ int waitChild(ChildProcess& child) {
 
 void ignoreBrokenPipe() {}
 
+namespace {
+
+// The exit codes a POSIX shell gives an interrupt and a termination.
+constexpr int kInterrupted = 130;
+constexpr int kTerminated = 143;
+
+std::atomic<int> stopCode{0};
+
+BOOL WINAPI noteStopRequest(DWORD event) {
+    stopCode = event == CTRL_C_EVENT ? kInterrupted : kTerminated;
+    return TRUE;
+}
+
+} // namespace
+
+void stopChild(ChildProcess& child) {
+    if (child.process != -1) {
+        TerminateProcess(reinterpret_cast<HANDLE>(child.process), kTerminated);
+    }
+}
+
+void catchStopRequests() {
+    SetConsoleCtrlHandler(noteStopRequest, TRUE);
+}
+
+int stopRequest() {
+    return stopCode.load();
+}
+
 std::vector<std::string> commandLineArguments(int argc, char** argv) {
     int count = 0;
     LPWSTR* words = CommandLineToArgvW(GetCommandLineW(), &count);
