@@ -63,8 +63,8 @@ std::string Summary::table(const std::vector<BoardResult>& results) {
         text += padded(DeviceText::forTerminal(result.port), portWidth) +
                 formatted("  %-6s %10" PRIu64 " %8.2f %9.1f  ", result.target.c_str(), result.bytes,
                           result.seconds, result.kibPerSecond()) +
-                (result.code.empty() ? "" : result.code + ": ") + DeviceText::forTerminal(result.result) +
-                "\n";
+                (result.code.empty() ? "" : DeviceText::forTerminal(result.code) + ": ") +
+                DeviceText::forTerminal(result.result) + "\n";
         for (const auto& part : result.parts) {
             text += partRow(part, portWidth);
         }

@@ -14,6 +14,8 @@
 #include "PtyPair.h"
 
 #include <fcntl.h>
+#include <signal.h>
+#include <spawn.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <termios.h>
@@ -193,12 +195,18 @@ TEST_F(FlashProgram, GangReportsTheFailingBoardAlone) {
     EXPECT_EQ(results[0]["result"], "verified");
     EXPECT_EQ(results[0]["bytes"], image.size());
     EXPECT_EQ(results[2]["result"], "verified");
-    EXPECT_EQ(results[1]["result"], "esp_loader_flash_deflate_write failed: 9");
+    EXPECT_EQ(results[1]["code"], "write-failed");
+    EXPECT_EQ(results[1]["result"], "the ESP32 refused a write; reset the board and load it again "
+                                    "(esp_loader_flash_deflate_write failed: 9)");
+    EXPECT_EQ(results[0]["code"], "");
     EXPECT_LT(results[1]["bytes"], image.size());
     EXPECT_EQ(boards[2]->chip->flash(0, static_cast<std::uint32_t>(image.size())), image);
     // The table, on the standard error beside the JSON, names the port and why.
     EXPECT_NE(gang.err.find(boards[1]->port() + "  esp32"), std::string::npos) << gang.err;
-    EXPECT_NE(gang.err.find("esp_loader_flash_deflate_write failed: 9\n"), std::string::npos) << gang.err;
+    EXPECT_NE(
+        lineOf(gang.err, boards[1]->port() + "  esp32").find("  write-failed: the ESP32 refused a write"),
+        std::string::npos)
+        << gang.err;
 }
 
 // One data request lost on the way, one answer lost, one answer later than
@@ -313,10 +321,10 @@ TEST_F(FlashProgram, BoardRunLoadsBothProcessorsOfEachBoard) {
         EXPECT_EQ(boards[i]->chip->flash(0x10000, static_cast<std::uint32_t>(image.size())), image);
     }
     EXPECT_EQ(results[2]["ok"], false);
-    EXPECT_EQ(results[2]["targets"][1]["result"], "not attempted: the STM32 load failed");
+    EXPECT_EQ(results[2]["targets"][1]["code"], "not-attempted");
     EXPECT_EQ(boards[2]->chip->counters().frames, 0u);
     const std::string row = lineOf(gang.err, boards[2]->port() + "  esp32");
-    EXPECT_EQ(row.substr(row.rfind("  ") + 2), "not attempted: the STM32 load failed") << gang.err;
+    EXPECT_NE(row.find("  not-attempted: not loaded"), std::string::npos) << gang.err;
 }
 
 // A board pulled out in the middle fails alone; quiet, the run names it in
@@ -380,10 +388,9 @@ TEST_F(FlashProgram, BadInputEndsTheRunBeforeAnythingIsSent) {
         {"stm32 -p " + good + dir.path() + "/empty.bin", dir.path() + "/empty.bin: the file is empty"},
         {"esp32 -p " + good + dir.path() + "/odd.bin",
          "must be a multiple of 4 bytes long; this one has 1001 bytes"},
-        {"esp32 -p " + good + "-p /dev/merid-none " + imagePath,
-         "Error opening port /dev/merid-none (open err=2"},
+        {"esp32 -p /dev/merid-none " + imagePath, "Error opening port /dev/merid-none (open err=2"},
         {"search -p /dev/merid-none", "Error opening port /dev/merid-none (open err=2"},
-        {"stm32 -p " + good + "-p " + boards[2]->port() + " " + imagePath,
+        {"stm32 -p " + boards[2]->port() + " " + imagePath,
          "Port " + boards[2]->port() + " is held by another program; close it there and try again"},
         {"stm32 -p " + good + "-p " + good + imagePath, "port " + boards[0]->port() + " is given twice"},
         {"esp32 --frob -p " + good + imagePath, "The following argument was not expected: --frob"},
@@ -484,8 +491,11 @@ TEST_F(FlashProgram, EveryBoardGetsTheImageAsItWasAtTheStart) {
     ASSERT_TRUE(testsupport::writeFile(big, Bytes(512u << 10, 0x11)));
     Outcome refused = run("esp32 -q -p " + tiny.port() + " 0x1000 " + imagePath + " 0x30000 " + big);
     EXPECT_EQ(refused.exitCode, 1);
-    EXPECT_EQ(refused.err, "merid-flash: " + tiny.port() +
-                               ": part at 0x30000 (524288 bytes) ends past the end of the 256 KiB flash\n");
+    EXPECT_EQ(refused.err,
+              "merid-flash: " + tiny.port() +
+                  ": past-flash-end: a part ends past the ESP32's flash; nothing was written; use "
+                  "an image for this flash size (part at 0x30000 (524288 bytes) ends past the end "
+                  "of the 256 KiB flash)\n");
     EXPECT_EQ(tiny.chip->counters().dataBlocks, 0u); // not even the part that fits
 }
 
@@ -557,7 +567,7 @@ TEST_F(FlashProgram, LeavesTheTerminalAndTheFilesAsTheyWere) {
     cooked.c_lflag |= ICANON | ECHO | ISIG;
     cooked.c_oflag |= OPOST;
     ::tcsetattr(slave, TCSANOW, &cooked);
-    Outcome refused = run("stm32 -p " + terminal.slavePath() + " -p /dev/merid-none " + imagePath);
+    Outcome refused = run("stm32 --log " + dir.path() + " -p " + terminal.slavePath() + " " + imagePath);
     EXPECT_EQ(refused.exitCode, 2);
     termios after{};
     ::tcgetattr(slave, &after);
@@ -744,4 +754,83 @@ TEST_F(FlashProgram, StationsShareACsvReport) {
         byPort[boards[2]->port()],
         (std::vector<std::string>{"", "", "", "Kestal \"7\", rev\\x0aB", "2.7", "1296760898", "", "", "stm32",
                                   "", std::to_string(image.size()), digest, "", "true", "", "confirmed"}));
+}
+
+// A port that is not there and one another program holds leave their boards
+// out, reported with their codes, while the good board loads; the common
+// options may come before the subcommand. With no port to load, nothing is.
+TEST_F(FlashProgram, AbsentAndBusyBoardsStandAsideForTheOthers) {
+    UsbCommunication holder;
+    holder.portName = boards[2]->port();
+    ASSERT_EQ(holder.connect(UsbCommunication::MethodCom), UsbTypes::Ok);
+    Outcome gang = run("--json -b 921600 -p " + boards[0]->port() + " -p /dev/merid-none -p " +
+                       boards[2]->port() + " stm32 " + imagePath);
+    EXPECT_EQ(gang.exitCode, 1) << gang.err;
+    const auto results = jsonLines(gang.out);
+    ASSERT_EQ(results.size(), 3u) << gang.out;
+    const std::pair<const char*, const char*> expected[] = {
+        {"", "confirmed"}, {"absent", "the port is not there"}, {"busy", "another program holds the port"}};
+    for (std::size_t i = 0; i < 3; ++i) {
+        SCOPED_TRACE(i);
+        EXPECT_EQ(results[i]["code"], expected[i].first);
+        EXPECT_EQ(results[i]["result"].get<std::string>().rfind(expected[i].second, 0), 0u) << results[i];
+    }
+    EXPECT_EQ(boards[0]->simulator.finishedImage(2, 0), image);
+    EXPECT_EQ(boards[2]->simulator.bytesReceived(), 0u);
+
+    Outcome none = run("stm32 -p /dev/merid-none -p " + boards[2]->port() + " " + imagePath);
+    EXPECT_EQ(none.exitCode, 2);
+    EXPECT_EQ(none.out, "");
+    EXPECT_EQ(std::count(none.err.begin(), none.err.end(), '\n'), 2) << none.err;
+    EXPECT_EQ(boards[2]->simulator.bytesReceived(), 0u);
+}
+
+// An interrupt or a termination mid-load ends every worker, whose ports are
+// free again at once, and still lists every board: the one done as done,
+// the others "interrupted"; the exit code is the signal's.
+TEST_F(FlashProgram, AStoppedGangStillReportsEveryBoard) {
+    for (const std::size_t slow : {0, 1}) {
+        boards[slow]->simulator.setPacing(115200);
+    }
+    for (const auto& [signalNumber, exitCode] : {std::pair{SIGINT, 130}, {SIGTERM, 143}}) {
+        SCOPED_TRACE(exitCode);
+        const std::string out = dir.path() + "/out.txt", err = dir.path() + "/err.txt";
+        const std::string command = "exec " + std::string(MERID_FLASH_PATH) + " stm32 --json" + everyPort() +
+                                    " " + imagePath + " >" + out + " 2>" + err;
+        const char* argv[] = {"/bin/sh", "-c", command.c_str(), nullptr};
+        pid_t pid = -1;
+        ASSERT_EQ(::posix_spawn(&pid, "/bin/sh", nullptr, nullptr, const_cast<char**>(argv), environ), 0);
+        const unsigned before =
+            boards[2]->simulator.counters(2) ? boards[2]->simulator.counters(2)->fileFinishes : 0;
+        EXPECT_TRUE(testsupport::waitUntil([&] {
+            return boards[2]->simulator.counters(2) &&
+                   boards[2]->simulator.counters(2)->fileFinishes > before &&
+                   boards[1]->simulator.bytesReceived() > 3000 && boards[0]->simulator.bytesReceived() > 3000;
+        }));
+        ::kill(pid, signalNumber);
+        int status = 0;
+        ASSERT_EQ(::waitpid(pid, &status, 0), pid);
+        EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == exitCode) << status;
+        const auto results = jsonLines(testsupport::readFile(out));
+        ASSERT_EQ(results.size(), 3u);
+        for (std::size_t i = 0; i < 3; ++i) {
+            EXPECT_EQ(results[i]["port"], boards[i]->port());
+            EXPECT_EQ(results[i]["code"], i == 2 ? "" : "interrupted") << results[i];
+        }
+        const std::string table = testsupport::readFile(err);
+        EXPECT_NE(lineOf(table, boards[0]->port() + "  stm32").find("  interrupted: "), std::string::npos)
+            << table;
+        EXPECT_NE(lineOf(table, boards[2]->port() + "  stm32").find("  confirmed"), std::string::npos)
+            << table;
+        for (const auto& process : std::filesystem::directory_iterator("/proc")) {
+            const std::string words = testsupport::readFile(process.path() / "cmdline");
+            EXPECT_FALSE(words.find(std::string("--worker") + '\0') != std::string::npos &&
+                         words.find(boards[0]->port()) != std::string::npos)
+                << words;
+        }
+        UsbCommunication again;
+        again.portName = boards[0]->port();
+        EXPECT_EQ(again.connect(UsbCommunication::MethodCom), UsbTypes::Ok);
+        again.disconnect();
+    }
 }

@@ -2,6 +2,7 @@
 // process, the JSON and the table of the end, and the progress lines.
 #include "BoardLog.h"
 #include "DeviceText.h"
+#include "FailureCode.h"
 #include "ProgressView.h"
 #include "Summary.h"
 #include "WorkerReport.h"
@@ -36,13 +37,14 @@ TEST(WorkerReport, EveryKindComesBackAsSent) {
     EXPECT_EQ(progress->bytes, 123456u);
     for (const std::string reason :
          {"", "esp_loader_flash_write failed: 9", "verified", "md5 \\n\nforged row\r\\"}) {
-        for (const bool ok : {true, false}) {
-            std::string line = WorkerReport::done(ok, reason);
+        for (const auto& [ok, code] : {std::pair{true, ""}, {false, "write-failed"}, {false, ""}}) {
+            std::string line = WorkerReport::done(ok, code, reason);
             line.pop_back();
             const auto done = WorkerReport::parse(line);
             ASSERT_TRUE(done) << line;
             EXPECT_EQ(done->kind, BoardEvent::Kind::Done);
             EXPECT_EQ(done->ok, ok);
+            EXPECT_EQ(done->code, code);
             EXPECT_EQ(done->text, reason);
         }
     }
@@ -98,7 +100,8 @@ TEST(WorkerReport, NumbersReadAsAStreamReadsThem) {
     const auto done = WorkerReport::parse("done -2147483648 x");
     ASSERT_TRUE(done);
     EXPECT_FALSE(done->ok);
-    EXPECT_EQ(done->text, "147483648 x");
+    EXPECT_EQ(done->code, "147483648");
+    EXPECT_EQ(done->text, "x");
     EXPECT_EQ(WorkerReport::parse("done +1")->ok, true);
     for (const char* refused :
          {"progress 4294967296 1", "progress 1 18446744073709551616", "progress + 1", "progress 1 -",
@@ -110,13 +113,14 @@ TEST(WorkerReport, NumbersReadAsAStreamReadsThem) {
 // Port names and reasons with quotes, backslashes and control characters
 // still make valid JSON that reads back as the same text.
 TEST(Summary, JsonAndTableCarryEveryBoard) {
-    BoardResult windows{"\\\\.\\COM10", "esp32", 65536, 2.0, true, "verified", "", {}};
-    BoardResult odd{"/tmp/a \"b\"", "stm32", 1000, 0.5, false, "line\tone\nline two \x01", "", {}};
+    BoardResult windows{"\\\\.\\COM10", "esp32", 65536, 2.0, true, "verified", "", {}, ""};
+    BoardResult odd{"/tmp/a \"b\"", "stm32", 1000, 0.5, false, "line\tone\nline two \x01", "", {}, "stalled"};
     for (const BoardResult& result : {windows, odd}) {
         const auto object = nlohmann::json::parse(Summary::json(result));
         EXPECT_EQ(object["port"], result.port);
         EXPECT_EQ(object["result"], result.result);
         EXPECT_EQ(object["ok"], result.ok);
+        EXPECT_EQ(object["code"], result.code);
         EXPECT_EQ(object["bytes"], result.bytes);
         EXPECT_NEAR(object["kib_per_s"].get<double>(), result.kibPerSecond(), 0.05);
     }
@@ -126,15 +130,18 @@ TEST(Summary, JsonAndTableCarryEveryBoard) {
     EXPECT_NE(table.find("\n\\\\.\\COM10   esp32       65536     2.00      32.0  verified\n"),
               std::string::npos)
         << table;
+    EXPECT_NE(table.find("      2.0  stalled: line\\x09one\\x0aline two \\x01\n"), std::string::npos)
+        << table;
 }
 
 // Each image's digest above the table, each part of an ESP32 image under
 // its board's row; a board run is one JSON object holding its targets.
 TEST(Summary, PartsStandUnderTheirBoard) {
-    BoardResult stm32{"/dev/a", "stm32", 1024, 1.0, true, "confirmed", "aa", {}};
+    BoardResult stm32{"/dev/a", "stm32", 1024, 1.0, true, "confirmed", "aa", {}, ""};
     BoardResult esp32{
         "/dev/a", "esp32",    8192, 2.0,
-        true,     "verified", "",   {{0x1000, 4096, "bb", "unchanged"}, {0x10000, 4096, "cc", "written"}}};
+        true,     "verified", "",   {{0x1000, 4096, "bb", "unchanged"}, {0x10000, 4096, "cc", "written"}},
+        ""};
     EXPECT_EQ(Summary::table({stm32, esp32}), "image SHA-256 aa  stm32\n"
                                               "image SHA-256 bb  esp32 0x1000\n"
                                               "image SHA-256 cc  esp32 0x10000\n"
@@ -205,7 +212,8 @@ TEST(DeviceText, ControlsAndBadBytesAreEscapedForTerminalAndJson) {
         EXPECT_TRUE(nlohmann::json::accept(c.json));
     }
     BoardResult forged{
-        "/dev/ttyUSB0", "esp32", 4, 1.0, false, "flash MD5 mismatch: flash MD5 \x1b[2J\nOK", "", {}};
+        "/dev/ttyUSB0", "esp32", 4, 1.0, false, "flash MD5 mismatch: flash MD5 \x1b[2J\nOK", "", {},
+        "md5-mismatch"};
     const std::string table = Summary::table({forged});
     EXPECT_EQ(std::count(table.begin(), table.end(), '\n'), 2) << table;
     EXPECT_NE(table.find("flash MD5 \\x1b[2J\\x0aOK\n"), std::string::npos) << table;
@@ -216,11 +224,43 @@ TEST(ProgressView, LongPortNamesMakeWholeLines) {
     const std::string port = "/dev/serial/by-id/" + std::string(400, 'x');
     const std::string line = ProgressView::line(port, 42, 1u << 20, 4u << 20, 2.0);
     EXPECT_EQ(line, port + "  42%   1048576/4194304 bytes    512.0 KiB/s      6 s left");
-    BoardResult result{port, "stm32", 4u << 20, 8.0, true, "confirmed", std::string(64, 'a'), {}};
+    BoardResult result{port, "stm32", 4u << 20, 8.0, true, "confirmed", std::string(64, 'a'), {}, ""};
     const std::string table = Summary::table({result});
     EXPECT_EQ(table, "image SHA-256 " + std::string(64, 'a') + "\nPORT" + std::string(port.size() - 4, ' ') +
                          "  TARGET      BYTES  SECONDS     KIB/S  RESULT\n" + port +
                          "  stm32     4194304     8.00     512.0  confirmed\n");
+}
+
+// The loaders' words and a port's line each get their code; a code's text
+// says what to do, with the loader's words after it.
+TEST(FailureCode, OutcomesGetTheirCodes) {
+    const std::pair<const char*, const char*> esp32[] = {
+        {"esp_loader_connect failed: 3", "no-chip"},
+        {"the chip's flash size is unknown: esp_loader_flash_detect_size failed: 2", "flash-size-unknown"},
+        {"part at 0x30000 (524288 bytes) ends past the end of the 256 KiB flash", "past-flash-end"},
+        {"flash MD5 mismatch: image MD5 aa, flash MD5 bb", "md5-mismatch"},
+        {"flash MD5 check failed: image MD5 aa, no MD5 from the chip (loader_md5_cmd failed: 2)", "no-md5"},
+        {"no MD5 from the chip for the region at 0x1000 (loader_md5_cmd failed: 2)", "no-md5"},
+        {"esp_loader_flash_deflate_write failed: 9", "write-failed"},
+        {"the loader gave no reason", "loader-failed"},
+    };
+    for (const auto& [words, code] : esp32) {
+        EXPECT_EQ(FailureCode::ofEsp32(words), code) << words;
+    }
+    EXPECT_EQ(FailureCode::ofPort("Error opening port /dev/x (open err=2: No such file or directory)"),
+              "absent");
+    EXPECT_EQ(FailureCode::ofPort("Error opening port /dev/x (flock err=11). Port /dev/x is held by another "
+                                  "program; close it there and try again"),
+              "busy");
+    EXPECT_EQ(FailureCode::ofPort("Error opening port /dev/x (open err=13). No permission for /dev/x: add"),
+              "no-access");
+    const FailureCode::Failure mismatch = FailureCode::of("md5-mismatch", "flash MD5 mismatch");
+    EXPECT_EQ(mismatch.code, "md5-mismatch");
+    EXPECT_EQ(mismatch.text,
+              "the ESP32's flash does not hold the image; load it again, and replace the board if it "
+              "fails again (flash MD5 mismatch)");
+    EXPECT_EQ(FailureCode::of("interrupted", "").text.find('('), std::string::npos);
+    EXPECT_EQ(FailureCode::of("no-such-code", "").code, "worker-failed");
 }
 
 // A flood of warnings keeps the last of them and the count of all, and
