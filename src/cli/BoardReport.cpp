@@ -75,8 +75,9 @@ std::string csvField(const std::string& text) {
 
 std::string csvLine(const std::vector<std::string>& fields) {
     std::string line;
-    for (const std::string& field : fields) {
-        line += (line.empty() ? "" : ",") + csvField(field);
+    for (std::size_t i = 0; i < fields.size(); ++i) {
+        line += i == 0 ? "" : ",";
+        line += csvField(fields[i]);
     }
     return line + "\r\n";
 }
@@ -128,7 +129,8 @@ std::string BoardReport::jsonLine(const BoardRecord& board) {
     const BoardResult* end = verdict(board);
     std::string targets;
     for (const BoardResult& target : board.targets) {
-        targets += (targets.empty() ? "" : ",") + Summary::json(target);
+        targets += targets.empty() ? "" : ",";
+        targets += Summary::json(target);
     }
     return "{\"start\":" + Summary::jsonString(utcText(board.start)) +
            ",\"end\":" + Summary::jsonString(utcText(board.end)) +
