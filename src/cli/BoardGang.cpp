@@ -111,6 +111,10 @@ void BoardGang::onEvent(std::size_t index, const BoardEvent& event) {
         }
         break;
     case BoardEvent::Kind::Device:
+        // The search that names the device is no part of the load's time.
+        if (under) {
+            board.stages[board.current].start = Clock::now();
+        }
         board.told.deviceName = event.text;
         board.told.deviceVersion = event.detail;
         board.told.serialNumber = event.ok ? std::optional<std::uint64_t>(event.bytes) : std::nullopt;
@@ -137,6 +141,9 @@ void BoardGang::onEvent(std::size_t index, const BoardEvent& event) {
     case BoardEvent::Kind::Log:
         return;
     }
+    if (board.ended && board.told.end == SystemClock::time_point{}) {
+        board.told.end = SystemClock::now();
+    }
     changed.notify_all();
 }
 
@@ -161,6 +168,7 @@ void BoardGang::startBoards() {
         board.process = std::make_unique<BoardProcess>(
             workerArguments(board.port), [this, i](const BoardEvent& event) { onEvent(i, event); });
         board.stages.front().start = Clock::now();
+        board.told.start = SystemClock::now();
         if (!board.process->start()) {
             std::lock_guard<std::mutex> lock(mutex);
             board.stages.front().reported = true;
@@ -327,8 +335,13 @@ std::vector<BoardResult> BoardGang::run(ProgressView* view) {
 std::vector<BoardRecord> BoardGang::records() {
     std::lock_guard<std::mutex> lock(mutex);
     std::vector<BoardRecord> told;
+    const SystemClock::time_point now = SystemClock::now();
     for (const Board& board : boards) {
         told.push_back(board.told);
+        // A board left out, or whose process never started, ends at once.
+        for (SystemClock::time_point* time : {&told.back().start, &told.back().end}) {
+            *time = *time == SystemClock::time_point{} ? now : *time;
+        }
     }
     return told;
 }

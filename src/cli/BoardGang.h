@@ -54,12 +54,14 @@ public:
     // yet done are then "interrupted". One result per board and target, the
     // board's targets together in their order.
     std::vector<BoardResult> run(ProgressView* view);
-    // After the run, in the order of the ports: the device and the ESP32
-    // chip each board told of; the rest of each record is left empty.
+    // After the run, in the order of the ports: when each board's process
+    // started and ended (wall-clock time), and the device and the ESP32
+    // chip it told of; the rest of each record is left empty.
     std::vector<BoardRecord> records();
 
 private:
     using Clock = std::chrono::steady_clock;
+    using SystemClock = std::chrono::system_clock;
     struct Moved {
         std::size_t index;
         unsigned percent;

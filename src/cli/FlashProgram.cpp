@@ -18,7 +18,6 @@
 #include "WorkerReport.h"
 
 #include <algorithm>
-#include <chrono>
 #include <iostream>
 #include <mutex>
 
@@ -339,10 +338,9 @@ int FlashProgram::runLoads() {
     for (const auto& [port, line] : unopened) {
         gang.leaveOut(port, line);
     }
-    const auto start = std::chrono::system_clock::now();
     const std::vector<BoardResult> results = gang.run(showProgress ? &view : nullptr);
     printResults(results);
-    const bool recorded = writeReport(gang.records(), results, start);
+    const bool recorded = writeReport(gang.records(), results);
     if (const int stopped = Platform::stopRequest()) {
         return stopped;
     }
@@ -362,11 +360,10 @@ std::optional<std::string> FlashProgram::checkReport(const std::vector<std::stri
 }
 
 // Every board's record, its targets' results completed with what the
-// parent knows: the station, the port's adapter, the time. A board starts
-// with the run, and its targets follow one another. False when a record
+// parent knows: the station and the port's adapter. False when a record
 // could not be written.
-bool FlashProgram::writeReport(std::vector<BoardRecord> records, const std::vector<BoardResult>& results,
-                               std::chrono::system_clock::time_point start) const {
+bool FlashProgram::writeReport(std::vector<BoardRecord> records,
+                               const std::vector<BoardResult>& results) const {
     if (settings.reportPath.empty() || records.empty()) {
         return true;
     }
@@ -381,13 +378,6 @@ bool FlashProgram::writeReport(std::vector<BoardRecord> records, const std::vect
         record.host = host;
         record.port = settings.ports[i];
         record.adapter = PortIdentity::of(record.port);
-        record.start = start;
-        double seconds = 0;
-        for (const BoardResult& target : record.targets) {
-            seconds += target.seconds;
-        }
-        record.end = start + std::chrono::duration_cast<std::chrono::system_clock::duration>(
-                                 std::chrono::duration<double>(seconds));
         if (auto problem = report.append(record)) {
             std::cerr << "merid-flash: " << *problem << std::endl;
             recorded = false;

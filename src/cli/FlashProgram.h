@@ -7,7 +7,6 @@
 #include "CliSettings.h"
 #include "ImageCopy.h"
 
-#include <chrono>
 #include <cstdint>
 #include <cstdio>
 #include <fstream>
@@ -52,8 +51,7 @@ private:
     std::optional<std::string> openLogFile(const std::vector<std::string>& images);
     std::optional<std::string> checkReport(const std::vector<std::string>& images) const;
     void printResults(const std::vector<BoardResult>& results);
-    bool writeReport(std::vector<BoardRecord> records, const std::vector<BoardResult>& results,
-                     std::chrono::system_clock::time_point start) const;
+    bool writeReport(std::vector<BoardRecord> records, const std::vector<BoardResult>& results) const;
     // Where people read: the standard output, or the standard error when the
     // standard output carries JSON.
     std::FILE* humanOutput() const;
