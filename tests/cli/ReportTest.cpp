@@ -234,32 +234,21 @@ TEST(ProgressView, LongPortNamesMakeWholeLines) {
 // The loaders' words and a port's line each get their code; a code's text
 // says what to do, with the loader's words after it.
 TEST(FailureCode, OutcomesGetTheirCodes) {
-    const std::pair<const char*, const char*> esp32[] = {
+    const std::pair<const char*, const char*> words[] = {
         {"esp_loader_connect failed: 3", "no-chip"},
         {"the chip's flash size is unknown: esp_loader_flash_detect_size failed: 2", "flash-size-unknown"},
-        {"part at 0x30000 (524288 bytes) ends past the end of the 256 KiB flash", "past-flash-end"},
         {"flash MD5 mismatch: image MD5 aa, flash MD5 bb", "md5-mismatch"},
-        {"flash MD5 check failed: image MD5 aa, no MD5 from the chip (loader_md5_cmd failed: 2)", "no-md5"},
         {"no MD5 from the chip for the region at 0x1000 (loader_md5_cmd failed: 2)", "no-md5"},
-        {"esp_loader_flash_deflate_write failed: 9", "write-failed"},
         {"the loader gave no reason", "loader-failed"},
     };
-    for (const auto& [words, code] : esp32) {
-        EXPECT_EQ(FailureCode::ofEsp32(words), code) << words;
+    for (const auto& [text, code] : words) {
+        EXPECT_EQ(FailureCode::ofEsp32(text), code) << text;
     }
-    EXPECT_EQ(FailureCode::ofPort("Error opening port /dev/x (open err=2: No such file or directory)"),
-              "absent");
-    EXPECT_EQ(FailureCode::ofPort("Error opening port /dev/x (flock err=11). Port /dev/x is held by another "
-                                  "program; close it there and try again"),
-              "busy");
-    EXPECT_EQ(FailureCode::ofPort("Error opening port /dev/x (open err=13). No permission for /dev/x: add"),
+    EXPECT_EQ(FailureCode::ofPort("Error opening port /dev/x (open err=13). No permission for /dev/x"),
               "no-access");
-    const FailureCode::Failure mismatch = FailureCode::of("md5-mismatch", "flash MD5 mismatch");
-    EXPECT_EQ(mismatch.code, "md5-mismatch");
-    EXPECT_EQ(mismatch.text,
+    EXPECT_EQ(FailureCode::of("md5-mismatch", "flash MD5 mismatch").text,
               "the ESP32's flash does not hold the image; load it again, and replace the board if it "
               "fails again (flash MD5 mismatch)");
-    EXPECT_EQ(FailureCode::of("interrupted", "").text.find('('), std::string::npos);
     EXPECT_EQ(FailureCode::of("no-such-code", "").code, "worker-failed");
 }
 
