@@ -25,6 +25,7 @@ constexpr auto kWriteStall = milliseconds(3000);
 constexpr auto kFieldRetry = milliseconds(300);
 constexpr auto kFieldBudget = milliseconds(2000);
 constexpr const char* kSerialField = "serialNumber";
+constexpr const char* kRefusal = "Message with problem - error code: ";
 
 bool erasing(Stm32LoadFlow::Stage stage) {
     return stage == Stm32LoadFlow::Stage::EraseCommand || stage == Stm32LoadFlow::Stage::EraseStep;
@@ -90,8 +91,10 @@ std::optional<BoardSession::DeviceIdentity> BoardSession::identifyDevice() {
 }
 
 // The device answers a field request with that field and goes on with
-// each one after it; the request is repeated where the answers stopped.
+// each one after it; the request is repeated where the answers stopped. A
+// refusal on the way leaves the value unknown rather than wrong.
 std::optional<std::uint64_t> BoardSession::readField(std::uint8_t address, unsigned index) {
+    const unsigned problemsBefore = log.problemCount();
     PayloadHandler& protocol = link.protocol();
     MessageArgs args;
     args.device = address;
@@ -108,7 +111,8 @@ std::optional<std::uint64_t> BoardSession::readField(std::uint8_t address, unsig
             lastRequest = Clock::now();
         }
     }
-    return fieldAnswered(address, index) ? fieldValue(address, index) : std::nullopt;
+    const bool refused = !log.problemStartingWith(kRefusal, problemsBefore).empty();
+    return fieldAnswered(address, index) && !refused ? fieldValue(address, index) : std::nullopt;
 }
 
 bool BoardSession::fieldAnswered(std::uint8_t address, unsigned index) {
