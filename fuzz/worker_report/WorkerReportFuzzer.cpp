@@ -52,8 +52,9 @@ void roundTrip(const BoardEvent& event) {
         break;
     }
     case BoardEvent::Kind::Done: {
-        const auto again = reread(WorkerReport::done(event.ok, event.text));
-        check(again && again->kind == event.kind && again->ok == event.ok && again->text == event.text);
+        const auto again = reread(WorkerReport::done(event.ok, event.code, event.text));
+        check(again && again->kind == event.kind && again->ok == event.ok && again->code == event.code &&
+              again->text == event.text);
         break;
     }
     }

@@ -1,6 +1,7 @@
 #include "BoardGang.h"
 
 #include "Formatted.h"
+#include "Platform.h"
 
 #include <algorithm>
 #include <cctype>
@@ -43,6 +44,11 @@ std::vector<std::string> BoardGang::workerArguments(const std::string& port) con
     const bool both = targets.size() > 1;
     std::vector<std::string> arguments{both ? "board" : targets.front().name, "--worker", "-p", port, "-b",
                                        std::to_string(settings.baud)};
+    // A board's process writes no report; it tells its parent what the
+    // report keeps of the device.
+    if (!settings.reportPath.empty()) {
+        arguments.insert(arguments.end(), {"--report", settings.reportPath});
+    }
     if (settings.loadsEsp32()) {
         for (const auto& [off, flag] :
              {std::pair{!settings.compress, "--no-compress"}, std::pair{!settings.verify, "--no-verify"},
@@ -77,6 +83,7 @@ void BoardGang::onDone(Board& board, const BoardEvent& event) {
     stage.reported = true;
     stage.ok = event.ok;
     stage.reason = event.text;
+    stage.code = event.code;
     stage.end = Clock::now();
     if (++board.current == board.stages.size()) {
         board.ended = true;
@@ -103,6 +110,19 @@ void BoardGang::onEvent(std::size_t index, const BoardEvent& event) {
             board.progressed = true;
         }
         break;
+    case BoardEvent::Kind::Device:
+        // The search that names the device is no part of the load's time.
+        if (under) {
+            board.stages[board.current].start = Clock::now();
+        }
+        board.told.deviceName = event.text;
+        board.told.deviceVersion = event.detail;
+        board.told.serialNumber = event.ok ? std::optional<std::uint64_t>(event.bytes) : std::nullopt;
+        return;
+    case BoardEvent::Kind::Chip:
+        board.told.chipType = event.text;
+        board.told.chipMac = event.detail;
+        return;
     case BoardEvent::Kind::Part:
         if (under) {
             board.stages[board.current].parts.push_back(
@@ -121,19 +141,39 @@ void BoardGang::onEvent(std::size_t index, const BoardEvent& event) {
     case BoardEvent::Kind::Log:
         return;
     }
+    if (board.ended && board.told.end == SystemClock::time_point{}) {
+        board.told.end = SystemClock::now();
+    }
     changed.notify_all();
+}
+
+void BoardGang::leaveOut(const std::string& port, const std::string& line) {
+    for (Board& board : boards) {
+        if (board.port == port) {
+            Stage& first = board.stages.front();
+            first.reported = true;
+            first.reason = line;
+            first.code = FailureCode::ofPort(line);
+            board.ended = true;
+        }
+    }
 }
 
 void BoardGang::startBoards() {
     for (std::size_t i = 0; i < boards.size(); ++i) {
         Board& board = boards[i];
+        if (board.ended) {
+            continue;
+        }
         board.process = std::make_unique<BoardProcess>(
             workerArguments(board.port), [this, i](const BoardEvent& event) { onEvent(i, event); });
         board.stages.front().start = Clock::now();
+        board.told.start = SystemClock::now();
         if (!board.process->start()) {
             std::lock_guard<std::mutex> lock(mutex);
             board.stages.front().reported = true;
             board.stages.front().reason = "the board's process could not be started";
+            board.stages.front().code = "worker-failed";
             board.stages.front().end = Clock::now();
             board.ended = true;
             board.process.reset();
@@ -188,6 +228,20 @@ void BoardGang::watch(ProgressView* view) {
         if (all) {
             return;
         }
+        if (!stopped && Platform::stopRequest() != 0) {
+            stopBoards();
+        }
+    }
+}
+
+// Their processes end; their reports end with them.
+void BoardGang::stopBoards() {
+    std::lock_guard<std::mutex> lock(mutex);
+    stopped = true;
+    for (Board& board : boards) {
+        if (!board.ended && board.process) {
+            board.process->stop();
+        }
     }
 }
 
@@ -220,17 +274,39 @@ BoardResult BoardGang::resultOf(const Board& board, std::size_t index, int exitC
     }
     const Stage* before = index > 0 ? &board.stages[index - 1] : nullptr;
     if (!stage.reported && before != nullptr && !(before->reported && before->ok)) {
-        result.result = "not attempted: the " + upper(targets[index - 1].name) + " load failed";
+        const FailureCode::Failure failure = unreported(board, index, exitCode);
+        result.code = failure.code;
+        result.result = failure.text;
         return result;
     }
     // A failed target counts what it got through.
     result.bytes = stage.reported && stage.ok ? target.bytes() : stage.bytes;
-    result.seconds =
-        std::chrono::duration<double>((stage.reported ? stage.end : board.end) - stage.start).count();
+    const Clock::time_point end = stage.reported ? stage.end : board.end;
+    result.seconds = end > stage.start ? std::chrono::duration<double>(end - stage.start).count() : 0.0;
     result.ok = stage.reported && stage.ok;
-    const bool worded = stage.reported && !stage.reason.empty();
-    result.result = worded ? stage.reason : "the board's process ended with code " + std::to_string(exitCode);
+    if (result.ok) {
+        result.result = stage.reason;
+        return result;
+    }
+    const FailureCode::Failure failure =
+        stage.reported ? FailureCode::of(stage.code, stage.reason) : unreported(board, index, exitCode);
+    result.code = failure.code;
+    result.result = failure.text;
     return result;
+}
+
+FailureCode::Failure BoardGang::unreported(const Board& board, std::size_t index, int exitCode) const {
+    for (std::size_t i = 0; i < index; ++i) {
+        const Stage& earlier = board.stages[i];
+        if (earlier.reported && !earlier.ok && earlier.code != "interrupted") {
+            return FailureCode::of("not-attempted", "the " + upper(targets[i].name) + " load failed");
+        }
+    }
+    if (stopped) {
+        return FailureCode::of("interrupted", {});
+    }
+    return FailureCode::of("worker-failed",
+                           "the board's process ended with code " + std::to_string(exitCode));
 }
 
 std::vector<BoardResult> BoardGang::run(ProgressView* view) {
@@ -245,10 +321,27 @@ std::vector<BoardResult> BoardGang::run(ProgressView* view) {
         }
         // A board whose every target succeeded ends well, or its last fails.
         BoardResult& last = results.back();
-        if (last.ok && exitCode != 0) {
+        // A board stopped after its last report has still done its load.
+        if (last.ok && exitCode != 0 && !stopped) {
+            const FailureCode::Failure failure = unreported(board, targets.size() - 1, exitCode);
             last.ok = false;
-            last.result = "the board's process ended with code " + std::to_string(exitCode);
+            last.code = failure.code;
+            last.result = failure.text;
         }
     }
     return results;
+}
+
+std::vector<BoardRecord> BoardGang::records() {
+    std::lock_guard<std::mutex> lock(mutex);
+    std::vector<BoardRecord> told;
+    const SystemClock::time_point now = SystemClock::now();
+    for (const Board& board : boards) {
+        told.push_back(board.told);
+        // A board left out, or whose process never started, ends at once.
+        for (SystemClock::time_point* time : {&told.back().start, &told.back().end}) {
+            *time = *time == SystemClock::time_point{} ? now : *time;
+        }
+    }
+    return told;
 }

@@ -1,8 +1,10 @@
 #pragma once
 
 #include "BoardProcess.h"
+#include "BoardRecord.h"
 #include "BoardResult.h"
 #include "CliSettings.h"
+#include "FailureCode.h"
 #include "ProgressView.h"
 
 #include <chrono>
@@ -43,12 +45,23 @@ public:
     BoardGang(const BoardGang&) = delete;
     BoardGang& operator=(const BoardGang&) = delete;
 
-    // Runs until every board has ended; `view` may be null. One result per
-    // board and target, the board's targets together in their order.
+    // The board on `port`, which did not open with the words `line`, is not
+    // started: its first target fails, the others are not attempted.
+    void leaveOut(const std::string& port, const std::string& line);
+
+    // Runs until every board has ended; `view` may be null. A stop request
+    // (Platform::stopRequest) ends the boards under way, whose targets not
+    // yet done are then "interrupted". One result per board and target, the
+    // board's targets together in their order.
     std::vector<BoardResult> run(ProgressView* view);
+    // After the run, in the order of the ports: when each board's process
+    // started and ended (wall-clock time), and the device and the ESP32
+    // chip it told of; the rest of each record is left empty.
+    std::vector<BoardRecord> records();
 
 private:
     using Clock = std::chrono::steady_clock;
+    using SystemClock = std::chrono::system_clock;
     struct Moved {
         std::size_t index;
         unsigned percent;
@@ -59,6 +72,7 @@ private:
         bool reported = false;
         bool ok = false;
         std::string reason;
+        std::string code;
         std::uint64_t bytes = 0;
         std::vector<PartResult> parts; // as reported, in the order done
         Clock::time_point start;
@@ -72,6 +86,7 @@ private:
         bool ended = false;      // every stage reported, or the output ended
         bool progressed = false;
         Clock::time_point end;
+        BoardRecord told;
     };
 
     std::vector<std::string> workerArguments(const std::string& port) const;
@@ -79,10 +94,13 @@ private:
     void onDone(Board& board, const BoardEvent& event);
     void startBoards();
     void watch(ProgressView* view);
+    void stopBoards();
     bool takeMoves(std::vector<Moved>& moved);
     std::uint64_t bytesDone(const Board& board) const;
     void writeLog(const std::string& port, const std::string& line);
     BoardResult resultOf(const Board& board, std::size_t stage, int exitCode) const;
+    // What a target that did not report its end became.
+    FailureCode::Failure unreported(const Board& board, std::size_t stage, int exitCode) const;
     std::vector<PartResult> partsOf(const Stage& stage, const Target& target) const;
 
     const CliSettings& settings;
@@ -91,6 +109,7 @@ private:
     std::ofstream* logFile;
     std::mutex logMutex;
     std::vector<Board> boards;
+    bool stopped = false;
     // Never held across a write to the terminal: the boards' reports go on
     // while the output stands still.
     std::mutex mutex;

@@ -18,6 +18,12 @@ bool BoardProcess::start() {
     return true;
 }
 
+void BoardProcess::stop() {
+    if (started) {
+        Platform::stopChild(child);
+    }
+}
+
 void BoardProcess::readReports() {
     std::string pending;
     char buffer[4096];

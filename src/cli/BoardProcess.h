@@ -22,6 +22,8 @@ public:
     BoardProcess& operator=(const BoardProcess&) = delete;
 
     bool start();
+    // Ends the process before its load is done.
+    void stop();
     // Waits for the end of the reports and of the process: its exit code.
     int join();
 

@@ -20,14 +20,17 @@ struct BoardResult {
     std::uint64_t bytes = 0;
     double seconds = 0;
     bool ok = false;
-    // "confirmed", "verified", "written" or "unchanged" for a success, the
-    // log's words for a failure.
+    // "confirmed", "verified", "written" or "unchanged" for a success; for a
+    // failure what went wrong and what the user can do (FailureCode).
     std::string result;
     // The SHA-256 of the image every board of the run was given; empty for
     // an ESP32 image of several parts, whose parts carry theirs.
     std::string sha256;
     // The parts of an ESP32 image, in address order.
     std::vector<PartResult> parts;
+    // The failure's stable code (FailureCode); empty for a success. Last, so
+    // that the fields before it keep their places in a brace list.
+    std::string code;
 
     double kibPerSecond() const { return seconds > 0 ? static_cast<double>(bytes) / 1024.0 / seconds : 0.0; }
 };

@@ -18,6 +18,9 @@ struct CliSettings {
     std::vector<FlashPart> parts;
     bool json = false;
     std::string logPath;
+    // Where a record of every board is appended: JSON lines, or CSV rows
+    // when the name ends in ".csv".
+    std::string reportPath;
     bool quiet = false;
     bool compress = true;
     bool verify = true;

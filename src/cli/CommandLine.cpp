@@ -4,9 +4,12 @@
 
 #include <CLI/CLI.hpp>
 
+#include <algorithm>
 #include <cstdint>
 #include <iostream>
 #include <optional>
+#include <set>
+#include <string>
 #include <vector>
 
 namespace {
@@ -16,6 +19,8 @@ constexpr int kUsageError = 2;
 void addCommonOptions(CLI::App& command, CliSettings& settings) {
     command.add_flag("--json", settings.json, "One JSON object per board at the end, on standard output");
     command.add_option("--log", settings.logPath, "Write the full protocol log to this file");
+    command.add_option("--report", settings.reportPath,
+                       "Append a record of every board to this file (.csv: CSV)");
     command.add_flag("-q,--quiet", settings.quiet, "No progress and no table; failures only");
 }
 
@@ -96,6 +101,32 @@ std::optional<std::string> readParts(const std::vector<std::string>& words, std:
     return std::nullopt;
 }
 
+// The common options, given before the subcommand, go after it, where the
+// subcommand takes them: `-p X --json stm32 F` reads as `stm32 -p X --json
+// F`. Words before the subcommand that are none of them stay where they are,
+// for CLI11 to refuse.
+std::vector<char*> commonOptionsAfterCommand(int argc, char** argv, const CLI::App& app) {
+    static const std::set<std::string> kFlags{"--json", "-q", "--quiet"};
+    static const std::set<std::string> kValued{"-p", "--port", "-b", "--baud", "--log", "--report"};
+    std::vector<char*> words(argv, argv + argc);
+    for (int i = 1; i < argc; ++i) {
+        const std::string word = argv[i];
+        // `--log=F`, and `-pX` for a short one.
+        const bool joinedShort = word.size() > 2 && word[0] == '-' && word[1] != '-';
+        const std::string name = joinedShort ? word.substr(0, 2) : word.substr(0, word.find('='));
+        if (kValued.count(word) > 0) {
+            ++i;
+        } else if (kFlags.count(word) == 0 && kValued.count(name) == 0) {
+            const auto named = [&word](const CLI::App* command) { return command->check_name(word); };
+            if (i > 1 && !app.get_subcommands(named).empty()) {
+                std::rotate(words.begin() + 1, words.begin() + i, words.begin() + i + 1);
+            }
+            break;
+        }
+    }
+    return words;
+}
+
 } // namespace
 
 std::variant<CliSettings, int> CommandLine::parse(int argc, char** argv) {
@@ -137,7 +168,8 @@ std::variant<CliSettings, int> CommandLine::parse(int argc, char** argv) {
     addEsp32Options(*board, settings, plain, unchecked);
 
     try {
-        app.parse(argc, argv);
+        std::vector<char*> words = commonOptionsAfterCommand(argc, argv, app);
+        app.parse(static_cast<int>(words.size()), words.data());
     } catch (const CLI::ParseError& error) {
         if (error.get_exit_code() == 0) {
             return app.exit(error); // the help

@@ -2,6 +2,7 @@
 
 #include "BoardGang.h"
 #include "BoardLog.h"
+#include "BoardReport.h"
 #include "BoardSession.h"
 #include "CommandLine.h"
 #include "DeviceText.h"
@@ -39,6 +40,9 @@ int FlashProgram::run(int argc, char** argv) {
     if (settings.worker) {
         return runWorker();
     }
+    if (!settings.reportPath.empty() && !settings.loadsStm32() && !settings.loadsEsp32()) {
+        return badInput("--report records loads: stm32, esp32 and board (see merid-flash --help)");
+    }
     switch (settings.command) {
     case CliSettings::Command::Ports:
         return listPorts();
@@ -59,7 +63,7 @@ std::optional<std::string> FlashProgram::openLogFile(const std::vector<std::stri
     if (settings.logPath.empty()) {
         return std::nullopt;
     }
-    if (auto problem = InputCheck::logFile(settings.logPath, images)) {
+    if (auto problem = InputCheck::outputFile(settings.logPath, "log file", images)) {
         return problem;
     }
     logFile.open(pathFromUtf8(settings.logPath), std::ios::out | std::ios::trunc);
@@ -148,6 +152,8 @@ int FlashProgram::searchPort() {
 // One board for a parent: every report goes to the standard output as one
 // line, a result for each target last; a target that fails ends the board.
 int FlashProgram::runWorker() {
+    // Asked to stop, the board ends its load and closes its port.
+    Platform::catchStopRequests();
     std::mutex outputMutex;
     const Emit emit = [&outputMutex](const std::string& text) {
         std::lock_guard<std::mutex> lock(outputMutex);
@@ -157,10 +163,13 @@ int FlashProgram::runWorker() {
     BoardLog log([&emit](const std::string& line) { emit(WorkerReport::log(line)); });
     BoardSession session(settings.ports.front(), settings.baud, log);
     BoardSession::Outcome outcome = session.open();
+    if (outcome.ok && !settings.reportPath.empty()) {
+        outcome = identifyDevice(session, emit);
+    }
     if (outcome.ok && settings.loadsStm32()) {
         outcome = session.loadStm32(settings.file, progressReport(emit));
         if (outcome.ok) {
-            emit(WorkerReport::done(true, "confirmed"));
+            emit(WorkerReport::done(true, {}, "confirmed"));
             outcome = settings.loadsEsp32() ? session.leavePayloadProtocol() : outcome;
         }
     }
@@ -168,9 +177,18 @@ int FlashProgram::runWorker() {
         outcome = flashEsp32(session, emit);
     }
     if (!outcome.ok) {
-        emit(WorkerReport::done(false, outcome.reason));
+        emit(WorkerReport::done(false, outcome.code, outcome.reason));
     }
     return outcome.ok ? kSuccess : kFailure;
+}
+
+// What the report keeps of the device, before a load changes it.
+BoardSession::Outcome FlashProgram::identifyDevice(BoardSession& session, const Emit& emit) {
+    if (const auto device = session.identifyDevice()) {
+        emit(WorkerReport::device(device->name, device->version, device->serialNumber));
+    }
+    // The ESP32's flash comes next: only the ROM loader may read the link.
+    return settings.loadsStm32() ? BoardSession::Outcome{true, {}, {}} : session.leavePayloadProtocol();
 }
 
 BoardSession::Progress FlashProgram::progressReport(const Emit& emit) {
@@ -185,15 +203,19 @@ BoardSession::Outcome FlashProgram::flashEsp32(BoardSession& session, const Emit
     options.verify = settings.verify;
     options.skipUnchanged = !settings.force;
     std::vector<PartOutcome> outcomes;
+    ChipIdentity chip;
     const BoardSession::Outcome outcome =
-        session.flashEsp32(settings.parts, options, progressReport(emit), outcomes);
+        session.flashEsp32(settings.parts, options, progressReport(emit), outcomes, chip);
+    if (!chip.type.empty()) {
+        emit(WorkerReport::chip(chip.type, chip.mac));
+    }
     bool written = false;
     for (const PartOutcome& part : outcomes) {
         emit(WorkerReport::part(part.address, part.size, part.written));
         written = written || part.written;
     }
     if (outcome.ok) {
-        emit(WorkerReport::done(true, !written ? "unchanged" : settings.verify ? "verified" : "written"));
+        emit(WorkerReport::done(true, {}, !written ? "unchanged" : settings.verify ? "verified" : "written"));
     }
     return outcome;
 }
@@ -215,12 +237,26 @@ std::optional<std::string> FlashProgram::checkLoadInput(ImageCopy& copies,
     if (auto problem = InputCheck::distinctPorts(settings.ports)) {
         return problem;
     }
-    for (const auto& port : settings.ports) {
-        if (auto problem = InputCheck::port(port)) {
-            return problem;
-        }
+    if (auto problem = checkPorts()) {
+        return problem;
     }
     return copyImages(sizes, copies, targets);
+}
+
+// A port that does not open leaves its board out; the run goes on while
+// one opens.
+std::optional<std::string> FlashProgram::checkPorts() {
+    std::string lines;
+    for (const auto& port : settings.ports) {
+        if (auto problem = InputCheck::port(port)) {
+            unopened[port] = *problem;
+            lines += (lines.empty() ? "" : "\nmerid-flash: ") + *problem;
+        }
+    }
+    if (unopened.size() == settings.ports.size()) {
+        return lines;
+    }
+    return std::nullopt;
 }
 
 // Each part a plain binary image for the ESP32, and the parts a layout the
@@ -278,12 +314,17 @@ std::vector<std::string> FlashProgram::inputFiles() const {
 }
 
 int FlashProgram::runLoads() {
+    // A stop asked for from here on still ends with every board's result.
+    Platform::catchStopRequests();
     ImageCopy copies;
     std::vector<BoardGang::Target> targets;
     if (auto problem = checkLoadInput(copies, targets)) {
         return badInput(*problem);
     }
     if (auto problem = openLogFile(inputFiles())) {
+        return badInput(*problem);
+    }
+    if (auto problem = checkReport(inputFiles())) {
         return badInput(*problem);
     }
     std::uint64_t totalBytes = 0;
@@ -294,10 +335,55 @@ int FlashProgram::runLoads() {
     std::FILE* out = humanOutput();
     ProgressView view(out, Platform::isTerminal(out == stdout ? 1 : 2), settings.ports, totalBytes);
     BoardGang gang(settings, std::move(targets), logFile.is_open() ? &logFile : nullptr);
+    for (const auto& [port, line] : unopened) {
+        gang.leaveOut(port, line);
+    }
     const std::vector<BoardResult> results = gang.run(showProgress ? &view : nullptr);
     printResults(results);
+    const bool recorded = writeReport(gang.records(), results);
+    if (const int stopped = Platform::stopRequest()) {
+        return stopped;
+    }
     const bool allOk = std::all_of(results.begin(), results.end(), [](const BoardResult& r) { return r.ok; });
-    return allOk ? kSuccess : kFailure;
+    return allOk && recorded ? kSuccess : kFailure;
+}
+
+// Like the log file, before anything is sent; the report is made when missing.
+std::optional<std::string> FlashProgram::checkReport(const std::vector<std::string>& images) const {
+    if (settings.reportPath.empty()) {
+        return std::nullopt;
+    }
+    if (auto problem = InputCheck::outputFile(settings.reportPath, "report", images)) {
+        return problem;
+    }
+    return BoardReport(settings.reportPath).check();
+}
+
+// Every board's record, its targets' results completed with what the
+// parent knows: the station and the port's adapter. False when a record
+// could not be written.
+bool FlashProgram::writeReport(std::vector<BoardRecord> records,
+                               const std::vector<BoardResult>& results) const {
+    if (settings.reportPath.empty() || records.empty()) {
+        return true;
+    }
+    const BoardReport report(settings.reportPath);
+    const std::string host = Platform::hostName();
+    const std::size_t perBoard = results.size() / records.size();
+    bool recorded = true;
+    for (std::size_t i = 0; i < records.size(); ++i) {
+        BoardRecord& record = records[i];
+        const auto first = results.begin() + static_cast<std::ptrdiff_t>(i * perBoard);
+        record.targets.assign(first, first + static_cast<std::ptrdiff_t>(perBoard));
+        record.host = host;
+        record.port = settings.ports[i];
+        record.adapter = PortIdentity::of(record.port);
+        if (auto problem = report.append(record)) {
+            std::cerr << "merid-flash: " << *problem << std::endl;
+            recorded = false;
+        }
+    }
+    return recorded;
 }
 
 void FlashProgram::printResults(const std::vector<BoardResult>& results) {
@@ -308,7 +394,7 @@ void FlashProgram::printResults(const std::vector<BoardResult>& results) {
                 const std::string target =
                     settings.command == CliSettings::Command::Board ? result.target + ": " : "";
                 std::cerr << "merid-flash: " << DeviceText::forTerminal(result.port) << ": " << target
-                          << DeviceText::forTerminal(result.result) << std::endl;
+                          << result.code << ": " << DeviceText::forTerminal(result.result) << std::endl;
             }
         }
     } else {

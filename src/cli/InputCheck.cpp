@@ -140,6 +140,10 @@ std::optional<std::string> InputCheck::port(const std::string& name) {
         usb.disconnect();
         return std::nullopt;
     }
+    return openFailure(log, name, before);
+}
+
+std::string InputCheck::openFailure(BoardLog& log, const std::string& name, unsigned before) {
     // The port's own line first, then its hint; the front's summary last.
     std::string line = log.problemStartingWith("Error opening port", before);
     const std::string hint = log.problemStartingWith("Port " + name + " is held", before) +
@@ -169,19 +173,19 @@ std::optional<std::string> InputCheck::distinctPorts(const std::vector<std::stri
     return std::nullopt;
 }
 
-std::optional<std::string> InputCheck::logFile(const std::string& path,
-                                               const std::vector<std::string>& images) {
+std::optional<std::string> InputCheck::outputFile(const std::string& path, const std::string& what,
+                                                  const std::vector<std::string>& images) {
     const std::filesystem::path log = pathFromUtf8(path);
     std::error_code error;
     if (!std::filesystem::exists(log, error)) {
         return std::nullopt;
     }
     if (!std::filesystem::is_regular_file(log, error)) {
-        return path + ": the log file is not a regular file";
+        return path + ": the " + what + " is not a regular file";
     }
     for (const auto& image : images) {
         if (std::filesystem::equivalent(log, pathFromUtf8(image), error)) {
-            return path + ": the log file is the image itself";
+            return path + ": the " + what + " is the image itself";
         }
     }
     return std::nullopt;

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "BoardLog.h"
 #include "MeridEspSerialFlasher.h"
 
 #include <cstdint>
@@ -29,11 +30,16 @@ public:
     // When it does not open, the words of the port's log with its hint.
     static std::optional<std::string> port(const std::string& name);
 
+    // The line for port `name` that did not open: the port's own line from
+    // `log` (its problems since the count `before`) with its hint.
+    static std::string openFailure(BoardLog& log, const std::string& name, unsigned before);
+
     // The ports are all different, also through links: each line once.
     static std::optional<std::string> distinctPorts(const std::vector<std::string>& names);
 
-    // The log file may be written: it is none of the images, and a regular
-    // file when it exists (never a FIFO that would hold the run).
-    static std::optional<std::string> logFile(const std::string& path,
-                                              const std::vector<std::string>& images);
+    // A file the run writes (`what`: "log file", "report") may be written:
+    // it is none of the images, and a regular file when it exists (never a
+    // FIFO that would hold the run).
+    static std::optional<std::string> outputFile(const std::string& path, const std::string& what,
+                                                 const std::vector<std::string>& images);
 };

@@ -63,6 +63,7 @@ std::string Summary::table(const std::vector<BoardResult>& results) {
         text += padded(DeviceText::forTerminal(result.port), portWidth) +
                 formatted("  %-6s %10" PRIu64 " %8.2f %9.1f  ", result.target.c_str(), result.bytes,
                           result.seconds, result.kibPerSecond()) +
+                (result.code.empty() ? "" : DeviceText::forTerminal(result.code) + ": ") +
                 DeviceText::forTerminal(result.result) + "\n";
         for (const auto& part : result.parts) {
             text += partRow(part, portWidth);
@@ -101,7 +102,7 @@ std::string Summary::json(const BoardResult& result) {
     return "{\"port\":" + jsonString(result.port) + ",\"target\":" + jsonString(result.target) +
            ",\"bytes\":" + std::to_string(result.bytes) + ",\"seconds\":" + fixed(result.seconds, 3) +
            ",\"kib_per_s\":" + fixed(result.kibPerSecond(), 1) + ",\"ok\":" + (result.ok ? "true" : "false") +
-           ",\"result\":" + jsonString(result.result) +
+           ",\"result\":" + jsonString(result.result) + ",\"code\":" + jsonString(result.code) +
            (result.sha256.empty() ? "" : ",\"sha256\":" + jsonString(result.sha256)) +
            (result.target == "esp32" ? ",\"parts\":[" + parts + "]" : "") + "}";
 }

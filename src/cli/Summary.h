@@ -10,9 +10,10 @@
 class Summary {
 public:
     // Device text shown escaped, led by the digest of each image when known;
-    // a row per board and target, the parts of an ESP32 image beneath it.
+    // a row per board and target, a failure's code before its text, the
+    // parts of an ESP32 image beneath it.
     static std::string table(const std::vector<BoardResult>& results);
-    // One target of one board.
+    // One target of one board; "code" is empty for a success.
     static std::string json(const BoardResult& result);
     // One board with all its targets, in the order loaded.
     static std::string boardJson(const std::vector<BoardResult>& targets);

@@ -1,5 +1,6 @@
 #include "WorkerReport.h"
 
+#include <algorithm>
 #include <limits>
 #include <string_view>
 #include <type_traits>
@@ -54,6 +55,23 @@ public:
         return true;
     }
 
+    // The next word, up to a blank.
+    std::string token() {
+        skipBlanks();
+        const std::size_t start = at;
+        while (at < line.size() && !isBlank(line[at])) {
+            ++at;
+        }
+        return line.substr(start, at - start);
+    }
+
+    // What follows the one blank after the last word, blanks of its own kept.
+    std::string rest() {
+        const std::size_t start = std::min(at + 1, line.size());
+        at = line.size();
+        return line.substr(start);
+    }
+
 private:
     static bool isBlank(char c) { return c == ' ' || (c >= '\t' && c <= '\r'); }
 
@@ -97,6 +115,23 @@ std::string fromOneLine(const std::string& line) {
     return text;
 }
 
+std::optional<BoardEvent> deviceEvent(Words& in) {
+    BoardEvent event;
+    event.kind = BoardEvent::Kind::Device;
+    event.detail = in.token();
+    if (event.detail == "-") {
+        event.detail.clear();
+    }
+    if (!in.word("-")) {
+        if (!in.number(event.bytes)) {
+            return std::nullopt;
+        }
+        event.ok = true;
+    }
+    event.text = fromOneLine(in.rest());
+    return event;
+}
+
 } // namespace
 
 std::string WorkerReport::progress(unsigned percent, std::uint64_t bytes) {
@@ -107,12 +142,26 @@ std::string WorkerReport::log(const std::string& line) {
     return "log " + line + "\n";
 }
 
+// The words the device chose go last, on one line; the others never hold a
+// blank, and a dash stands for one that is missing.
+std::string WorkerReport::device(const std::string& name, const std::string& version,
+                                 std::optional<std::uint64_t> serial) {
+    return "device " + (version.empty() ? "-" : version) + " " + (serial ? std::to_string(*serial) : "-") +
+           " " + oneLine(name) + "\n";
+}
+
+std::string WorkerReport::chip(const std::string& type, const std::string& mac) {
+    return "chip " + (mac.empty() ? "-" : mac) + " " + oneLine(type) + "\n";
+}
+
 std::string WorkerReport::part(std::uint32_t address, std::uint64_t size, bool written) {
     return "part " + std::to_string(address) + " " + std::to_string(size) + (written ? " 1\n" : " 0\n");
 }
 
-std::string WorkerReport::done(bool ok, const std::string& reason) {
-    return std::string("done ") + (ok ? "1 " : "0 ") + oneLine(reason) + "\n";
+// A code is one word; "-" stands for none.
+std::string WorkerReport::done(bool ok, const std::string& code, const std::string& reason) {
+    return std::string("done ") + (ok ? "1 " : "0 ") + (code.empty() ? "-" : code) + " " + oneLine(reason) +
+           "\n";
 }
 
 std::optional<BoardEvent> WorkerReport::parse(const std::string& line) {
@@ -135,6 +184,18 @@ std::optional<BoardEvent> WorkerReport::parse(const std::string& line) {
         event.text = rest("log", 0);
         return event;
     }
+    if (in.word("device")) {
+        return deviceEvent(in);
+    }
+    if (in.word("chip")) {
+        event.kind = BoardEvent::Kind::Chip;
+        event.detail = in.token();
+        event.text = fromOneLine(in.rest());
+        if (event.detail == "-") {
+            event.detail.clear();
+        }
+        return event;
+    }
     int ok = 0;
     if (in.word("part")) {
         if (!in.number(event.address) || !in.number(event.bytes) || !in.number(ok)) {
@@ -147,7 +208,10 @@ std::optional<BoardEvent> WorkerReport::parse(const std::string& line) {
     if (in.word("done") && in.number(ok)) {
         event.kind = BoardEvent::Kind::Done;
         event.ok = ok == 1;
-        event.text = fromOneLine(rest("done", 2));
+        const std::string words = rest("done", 2);
+        const std::size_t space = std::min(words.find(' '), words.size());
+        event.code = words.compare(0, space, "-") == 0 ? std::string() : words.substr(0, space);
+        event.text = fromOneLine(space < words.size() ? words.substr(space + 1) : std::string());
         return event;
     }
     return std::nullopt;

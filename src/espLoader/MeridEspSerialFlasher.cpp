@@ -12,6 +12,7 @@
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <vector>
 
 #include <zlib.h>
@@ -147,6 +148,14 @@ std::string sizeText(uint32_t bytes) {
     return std::to_string(bytes / 1024) + " KiB";
 }
 
+// The chip's name as its maker writes it.
+std::string chipName(target_chip_t target) {
+    static const char* const kNames[] = {"ESP8266",  "ESP32",    "ESP32-S2", "ESP32-C3", "ESP32-S3",
+                                         "ESP32-C2", "ESP32-C5", "ESP32-H2", "ESP32-C6", "ESP32-P4"};
+    const auto index = static_cast<size_t>(target);
+    return index < std::size(kNames) ? kNames[index] : "unknown";
+}
+
 } // namespace
 
 bool MeridEspSerialFlasher::flashBinary(UsbCommunication& usb, const std::string& path,
@@ -171,9 +180,16 @@ struct MeridEspSerialFlasher::LoadedPart {
 bool MeridEspSerialFlasher::flashParts(UsbCommunication& usb, const std::vector<FlashPart>& parts,
                                        const FlashOptions& options,
                                        const std::function<void(unsigned char)>& progress,
-                                       std::vector<PartOutcome>* outcomes, std::string* error) {
+                                       std::vector<PartOutcome>* outcomes, std::string* error,
+                                       ChipIdentity* chip) {
     std::vector<LoadedPart> loaded;
-    if (!readParts(parts, loaded, error) || !connect(usb, error) || !partsFit(loaded, error)) {
+    if (!readParts(parts, loaded, error) || !connect(usb, error)) {
+        return false;
+    }
+    if (chip != nullptr) {
+        *chip = identify();
+    }
+    if (!partsFit(loaded, error)) {
         return false;
     }
     uint64_t total = 0;
@@ -251,6 +267,24 @@ bool MeridEspSerialFlasher::connect(UsbCommunication& usb, std::string* error) {
         return fail(error, "esp_loader_connect failed: " + std::to_string(result));
     }
     return true;
+}
+
+// The detected chip's type, and its MAC from the efuses: a chip that does
+// not give it is still flashed.
+ChipIdentity MeridEspSerialFlasher::identify() {
+    ChipIdentity chip;
+    chip.type = chipName(esp_loader_get_target());
+    uint8_t mac[6] = {};
+    const esp_loader_error_t result = esp_loader_read_mac(mac);
+    if (result != ESP_LOADER_SUCCESS) {
+        loggerManager->log(failedWith("esp_loader_read_mac", result), BaseLogger::WARNING, kTag);
+        return chip;
+    }
+    static const char kHex[] = "0123456789abcdef";
+    for (const uint8_t byte : mac) {
+        chip.mac += std::string(chip.mac.empty() ? "" : ":") + kHex[byte >> 4] + kHex[byte & 15];
+    }
+    return chip;
 }
 
 // The flash size the chip reports bounds every part; the loader keeps it for

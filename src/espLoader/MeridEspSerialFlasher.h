@@ -23,6 +23,14 @@ struct PartOutcome {
     bool written = false; // false: the region already held these bytes (same MD5), nothing was sent
 };
 
+// The chip the ROM loader found at connect: its type ("ESP32", "ESP32-S3",
+// ...) and its MAC address as six lower-case hexadecimal pairs with colons,
+// empty when the chip did not give it.
+struct ChipIdentity {
+    std::string type;
+    std::string mac;
+};
+
 // Writes binary images into the ESP32's flash through its ROM loader, over
 // the program's one serial link.
 class MeridEspSerialFlasher {
@@ -48,15 +56,18 @@ public:
     // (`options.address` is not used). Nothing is written when a part ends
     // past the flash the chip reports. `progress` receives the percentage of
     // all parts' bytes. `outcomes`, when not null, receives one entry per
-    // part done, in address order, also on a failure.
+    // part done, in address order, also on a failure. `chip`, when not null,
+    // receives what the connect found out about the chip.
     static bool flashParts(UsbCommunication& usb, const std::vector<FlashPart>& parts,
                            const FlashOptions& options, const std::function<void(unsigned char)>& progress,
-                           std::vector<PartOutcome>* outcomes, std::string* error);
+                           std::vector<PartOutcome>* outcomes, std::string* error,
+                           ChipIdentity* chip = nullptr);
 
 private:
     struct LoadedPart;
 
     static bool connect(UsbCommunication& usb, std::string* error);
+    static ChipIdentity identify();
     static bool readParts(const std::vector<FlashPart>& parts, std::vector<LoadedPart>& loaded,
                           std::string* error);
     static bool partsFit(const std::vector<LoadedPart>& parts, std::string* error);

@@ -32,10 +32,11 @@ bool Esp32Flash::run(UsbCommunication& usb, const std::string& path, const Optio
 }
 
 bool Esp32Flash::runParts(UsbCommunication& usb, const std::vector<FlashPart>& parts, const Options& options,
-                          const Progress& progress, std::vector<PartOutcome>& outcomes, std::string& error) {
+                          const Progress& progress, std::vector<PartOutcome>& outcomes, std::string& error,
+                          ChipIdentity* chip) {
     outcomes.clear();
-    return withReason(MeridEspSerialFlasher::flashParts(usb, parts, options, progress, &outcomes, &error),
-                      error);
+    return withReason(
+        MeridEspSerialFlasher::flashParts(usb, parts, options, progress, &outcomes, &error, chip), error);
 }
 
 Esp32Flash::Esp32Flash(UsbCommunication& usb, std::function<void()> changed)

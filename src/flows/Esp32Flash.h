@@ -28,7 +28,8 @@ public:
                     const Progress& progress, std::string& error);
     // A multi-part flash on the calling thread (MeridEspSerialFlasher::flashParts).
     static bool runParts(UsbCommunication& usb, const std::vector<FlashPart>& parts, const Options& options,
-                         const Progress& progress, std::vector<PartOutcome>& outcomes, std::string& error);
+                         const Progress& progress, std::vector<PartOutcome>& outcomes, std::string& error,
+                         ChipIdentity* chip = nullptr);
 
     Esp32Flash(UsbCommunication& usb, std::function<void()> changed);
     ~Esp32Flash();

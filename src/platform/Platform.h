@@ -99,9 +99,35 @@ std::size_t readChildOutput(ChildProcess& child, char* buffer, std::size_t size)
 // signal number when a signal ended it.
 int waitChild(ChildProcess& child);
 
+// Asks the child to stop before its work is done: SIGTERM on POSIX, which it
+// may catch; on Windows it ends at once. waitChild still releases it.
+void stopChild(ChildProcess& child);
+
+// The requests to stop (SIGINT and SIGTERM; on Windows Ctrl+C, Ctrl+Break
+// and the console's closing) no longer end the process: stopRequest() tells
+// of them instead.
+void catchStopRequests();
+// 0 while nothing asked the process to stop; else the exit code that tells
+// of the request: 130 for an interrupt (Ctrl+C), 143 for a termination
+// (Ctrl+Break on Windows).
+int stopRequest();
+
 // True when the standard output (1) or error (2) is a terminal, which then
 // also takes the cursor movements of ANSI escape sequences.
 bool isTerminal(int stream);
+
+// Appends `header` (only when the file is empty) and `text` to the file at
+// `path`, made when missing, in one write each under an exclusive lock on
+// the whole file: processes that append so, on this machine or sharing the
+// file over a network, never cut into each other's lines. With both empty
+// it only opens and locks the file, which then exists. False with the
+// system's words in `error` when the file cannot be opened, locked or
+// written.
+bool appendLocked(const std::string& path, const std::string& header, const std::string& text,
+                  std::string& error);
+
+// The name of this machine; empty when the system gives none.
+std::string hostName();
 
 // A write to a closed pipe or socket fails with an error instead of ending
 // the process (POSIX); nothing to do on Windows.

@@ -1,5 +1,6 @@
 #include "Platform.h"
 
+#include <algorithm>
 #include <array>
 #include <atomic>
 #include <cerrno>
@@ -17,6 +18,7 @@
 #include <system_error>
 #include <time.h>
 #include <unistd.h>
+#include <vector>
 
 extern char** environ;
 
@@ -355,12 +357,109 @@ int waitChild(ChildProcess& child) {
     return WIFSIGNALED(status) ? 128 + WTERMSIG(status) : WEXITSTATUS(status);
 }
 
+namespace {
+
+bool writeWhole(int fd, const std::string& text) {
+    for (std::size_t done = 0; done < text.size();) {
+        const ssize_t n = ::write(fd, text.data() + done, text.size() - done);
+        if (n < 0 && errno == EINTR) {
+            continue;
+        }
+        if (n <= 0) {
+            return false;
+        }
+        done += static_cast<std::size_t>(n);
+    }
+    return true;
+}
+
+// Under the lock: the header when nothing is there yet, then the text.
+bool appendTo(int fd, const std::string& header, const std::string& text) {
+    struct stat status {};
+    if (::fstat(fd, &status) != 0) {
+        return false;
+    }
+    return (status.st_size != 0 || writeWhole(fd, header)) && writeWhole(fd, text);
+}
+
+} // namespace
+
+bool appendLocked(const std::string& path, const std::string& header, const std::string& text,
+                  std::string& error) {
+    // Non-blocking, so that a FIFO's open never waits for a reader.
+    const int fd = ::open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NONBLOCK, 0644);
+    if (fd < 0) {
+        error = std::system_category().message(errno);
+        return false;
+    }
+    // A record lock, which network file systems honour too; it ends with the close.
+    struct flock whole {};
+    whole.l_type = F_WRLCK;
+    whole.l_whence = SEEK_SET;
+    int locked = -1;
+    do {
+        locked = ::fcntl(fd, F_SETLKW, &whole);
+    } while (locked != 0 && errno == EINTR);
+    const bool ok = locked == 0 && appendTo(fd, header, text);
+    if (!ok) {
+        error = std::system_category().message(errno);
+    }
+    ::close(fd);
+    return ok;
+}
+
+std::string hostName() {
+    std::vector<char> name(256);
+    for (;;) {
+        if (::gethostname(name.data(), name.size()) != 0) {
+            if (errno != ENAMETOOLONG || name.size() > (1u << 16)) {
+                return {};
+            }
+        } else if (std::find(name.begin(), name.end(), '\0') != name.end()) {
+            return name.data();
+        }
+        name.resize(name.size() * 2);
+    }
+}
+
 bool isTerminal(int stream) {
     return ::isatty(stream) == 1;
 }
 
 void ignoreBrokenPipe() {
     std::signal(SIGPIPE, SIG_IGN);
+}
+
+namespace {
+
+// Lock-free, so that the handler may set it.
+std::atomic<int> stopSignal{0};
+static_assert(std::atomic<int>::is_always_lock_free);
+
+extern "C" void noteStopRequest(int signalNumber) {
+    stopSignal = signalNumber;
+}
+
+} // namespace
+
+void stopChild(ChildProcess& child) {
+    if (child.process > 0) {
+        ::kill(static_cast<pid_t>(child.process), SIGTERM);
+    }
+}
+
+void catchStopRequests() {
+    struct sigaction action {};
+    action.sa_handler = noteStopRequest;
+    sigemptyset(&action.sa_mask);
+    for (const int signalNumber : {SIGINT, SIGTERM}) {
+        ::sigaction(signalNumber, &action, nullptr);
+    }
+}
+
+int stopRequest() {
+    const int signalNumber = stopSignal.load();
+    return signalNumber == 0 ? 0 : 128 + signalNumber;
 }
 
 std::vector<std::string> commandLineArguments(int argc, char** argv) {

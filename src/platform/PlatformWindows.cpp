@@ -350,6 +350,35 @@ int waitChild(ChildProcess& child) {
 
 void ignoreBrokenPipe() {}
 
+namespace {
+
+// The exit codes a POSIX shell gives an interrupt and a termination.
+constexpr int kInterrupted = 130;
+constexpr int kTerminated = 143;
+
+std::atomic<int> stopCode{0};
+
+BOOL WINAPI noteStopRequest(DWORD event) {
+    stopCode = event == CTRL_C_EVENT ? kInterrupted : kTerminated;
+    return TRUE;
+}
+
+} // namespace
+
+void stopChild(ChildProcess& child) {
+    if (child.process != -1) {
+        TerminateProcess(reinterpret_cast<HANDLE>(child.process), kTerminated);
+    }
+}
+
+void catchStopRequests() {
+    SetConsoleCtrlHandler(noteStopRequest, TRUE);
+}
+
+int stopRequest() {
+    return stopCode.load();
+}
+
 std::vector<std::string> commandLineArguments(int argc, char** argv) {
     int count = 0;
     LPWSTR* words = CommandLineToArgvW(GetCommandLineW(), &count);
@@ -362,6 +391,71 @@ std::vector<std::string> commandLineArguments(int argc, char** argv) {
     }
     LocalFree(words);
     return result;
+}
+
+namespace {
+
+std::string lastErrorText() {
+    return std::system_category().message(static_cast<int>(GetLastError()));
+}
+
+bool writeWhole(HANDLE file, const std::string& text) {
+    for (std::size_t done = 0; done < text.size();) {
+        DWORD written = 0;
+        const auto chunk = static_cast<DWORD>(std::min<std::size_t>(text.size() - done, 1u << 30));
+        if (!WriteFile(file, text.data() + done, chunk, &written, nullptr) || written == 0) {
+            return false;
+        }
+        done += written;
+    }
+    return true;
+}
+
+// Under the lock, at the end: the header when nothing is there yet, then
+// the text.
+bool appendTo(HANDLE file, const std::string& header, const std::string& text) {
+    LARGE_INTEGER end{};
+    if (!SetFilePointerEx(file, LARGE_INTEGER{}, &end, FILE_END)) {
+        return false;
+    }
+    return (end.QuadPart != 0 || writeWhole(file, header)) && writeWhole(file, text);
+}
+
+} // namespace
+
+bool appendLocked(const std::string& path, const std::string& header, const std::string& text,
+                  std::string& error) {
+    // Write access, which a lock needs; the writes go to the end found under it.
+    HANDLE file = CreateFileW(widen(path).c_str(), GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr,
+                              OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr);
+    if (file == INVALID_HANDLE_VALUE) {
+        error = lastErrorText();
+        return false;
+    }
+    OVERLAPPED whole{};
+    bool ok = LockFileEx(file, LOCKFILE_EXCLUSIVE_LOCK, 0, MAXDWORD, MAXDWORD, &whole) != 0;
+    if (ok) {
+        ok = appendTo(file, header, text);
+        if (!ok) {
+            error = lastErrorText();
+        }
+        UnlockFileEx(file, 0, MAXDWORD, MAXDWORD, &whole);
+    } else {
+        error = lastErrorText();
+    }
+    CloseHandle(file);
+    return ok;
+}
+
+std::string hostName() {
+    DWORD size = 0;
+    GetComputerNameExW(ComputerNameDnsHostname, nullptr, &size);
+    std::wstring name(size, L'\0');
+    if (size == 0 || !GetComputerNameExW(ComputerNameDnsHostname, name.data(), &size)) {
+        return {};
+    }
+    name.resize(size);
+    return narrow(name.c_str());
 }
 
 bool isTerminal(int stream) {

@@ -14,16 +14,21 @@
 #include "PtyPair.h"
 
 #include <fcntl.h>
+#include <signal.h>
+#include <spawn.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <termios.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
+#include <map>
 #include <memory>
+#include <optional>
 #include <sstream>
 #include <thread>
 
@@ -40,10 +45,10 @@ struct Outcome {
 // One simulated board: the payload device at address 2 and the ESP32
 // behind the enter frame.
 struct Board {
-    explicit Board(const EspRomSimulator::Config& config = {})
+    explicit Board(const EspRomSimulator::Config& config = {}, const std::string& name = "MeridKestal STM32")
         : chip(std::make_shared<EspRomSimulator>(config)) {
         EspRomBridge::install(simulator, chip);
-        simulator.addDevice(SimDevice::standard(2, "MeridKestal STM32"));
+        simulator.addDevice(SimDevice::standard(2, name));
         started = simulator.start();
     }
     ~Board() { simulator.stop(); }
@@ -94,6 +99,18 @@ protected:
     static std::string lineOf(const std::string& text, const std::string& start) {
         const std::size_t at = text.find(start);
         return at == std::string::npos ? std::string() : text.substr(at, text.find('\n', at) - at);
+    }
+
+    // The /proc folder of a board's process for `port`, while one runs.
+    static std::optional<std::filesystem::path> workerOf(const std::string& port) {
+        for (const auto& process : std::filesystem::directory_iterator("/proc")) {
+            const std::string words = testsupport::readFile(process.path() / "cmdline");
+            if (words.find(std::string("--worker") + '\0') != std::string::npos &&
+                words.find(port) != std::string::npos) {
+                return process.path();
+            }
+        }
+        return std::nullopt;
     }
 
     static std::vector<nlohmann::json> jsonLines(const std::string& text) {
@@ -191,12 +208,18 @@ TEST_F(FlashProgram, GangReportsTheFailingBoardAlone) {
     EXPECT_EQ(results[0]["result"], "verified");
     EXPECT_EQ(results[0]["bytes"], image.size());
     EXPECT_EQ(results[2]["result"], "verified");
-    EXPECT_EQ(results[1]["result"], "esp_loader_flash_deflate_write failed: 9");
+    EXPECT_EQ(results[1]["code"], "write-failed");
+    EXPECT_EQ(results[1]["result"], "the ESP32 refused a write; reset the board and load it again "
+                                    "(esp_loader_flash_deflate_write failed: 9)");
+    EXPECT_EQ(results[0]["code"], "");
     EXPECT_LT(results[1]["bytes"], image.size());
     EXPECT_EQ(boards[2]->chip->flash(0, static_cast<std::uint32_t>(image.size())), image);
     // The table, on the standard error beside the JSON, names the port and why.
     EXPECT_NE(gang.err.find(boards[1]->port() + "  esp32"), std::string::npos) << gang.err;
-    EXPECT_NE(gang.err.find("esp_loader_flash_deflate_write failed: 9\n"), std::string::npos) << gang.err;
+    EXPECT_NE(
+        lineOf(gang.err, boards[1]->port() + "  esp32").find("  write-failed: the ESP32 refused a write"),
+        std::string::npos)
+        << gang.err;
 }
 
 // One data request lost on the way, one answer lost, one answer later than
@@ -311,10 +334,10 @@ TEST_F(FlashProgram, BoardRunLoadsBothProcessorsOfEachBoard) {
         EXPECT_EQ(boards[i]->chip->flash(0x10000, static_cast<std::uint32_t>(image.size())), image);
     }
     EXPECT_EQ(results[2]["ok"], false);
-    EXPECT_EQ(results[2]["targets"][1]["result"], "not attempted: the STM32 load failed");
+    EXPECT_EQ(results[2]["targets"][1]["code"], "not-attempted");
     EXPECT_EQ(boards[2]->chip->counters().frames, 0u);
     const std::string row = lineOf(gang.err, boards[2]->port() + "  esp32");
-    EXPECT_EQ(row.substr(row.rfind("  ") + 2), "not attempted: the STM32 load failed") << gang.err;
+    EXPECT_NE(row.find("  not-attempted: not loaded"), std::string::npos) << gang.err;
 }
 
 // A board pulled out in the middle fails alone; quiet, the run names it in
@@ -378,10 +401,9 @@ TEST_F(FlashProgram, BadInputEndsTheRunBeforeAnythingIsSent) {
         {"stm32 -p " + good + dir.path() + "/empty.bin", dir.path() + "/empty.bin: the file is empty"},
         {"esp32 -p " + good + dir.path() + "/odd.bin",
          "must be a multiple of 4 bytes long; this one has 1001 bytes"},
-        {"esp32 -p " + good + "-p /dev/merid-none " + imagePath,
-         "Error opening port /dev/merid-none (open err=2"},
+        {"esp32 -p /dev/merid-none " + imagePath, "Error opening port /dev/merid-none (open err=2"},
         {"search -p /dev/merid-none", "Error opening port /dev/merid-none (open err=2"},
-        {"stm32 -p " + good + "-p " + boards[2]->port() + " " + imagePath,
+        {"stm32 -p " + boards[2]->port() + " " + imagePath,
          "Port " + boards[2]->port() + " is held by another program; close it there and try again"},
         {"stm32 -p " + good + "-p " + good + imagePath, "port " + boards[0]->port() + " is given twice"},
         {"esp32 --frob -p " + good + imagePath, "The following argument was not expected: --frob"},
@@ -394,6 +416,13 @@ TEST_F(FlashProgram, BadInputEndsTheRunBeforeAnythingIsSent) {
         {"stm32 --log " + imagePath + " -p " + good + imagePath,
          imagePath + ": the log file is the image itself"},
         {"stm32 --log " + fifo + " -p " + good + imagePath, fifo + ": the log file is not a regular file"},
+        {"esp32 --report " + imagePath + " -p " + good + imagePath,
+         imagePath + ": the report is the image itself"},
+        {"board --report " + fifo + " -p " + good + "--stm32" + app + " --esp32" + app,
+         fifo + ": the report is not a regular file"},
+        {"stm32 --report " + dir.path() + "/none/r.csv -p " + good + imagePath,
+         dir.path() + "/none/r.csv: the report cannot be written (No such file or directory)"},
+        {"search --report " + dir.path() + "/r.jsonl -p " + good, "--report records loads"},
         {"esp32 -p " + good + "0x1001" + app,
          imagePath + " at 0x1001: the address is not a multiple of the 4 KiB"},
         {"esp32 -p " + good + "0x10000" + app + " 4096" + app,
@@ -422,6 +451,7 @@ TEST_F(FlashProgram, BadInputEndsTheRunBeforeAnythingIsSent) {
         EXPECT_EQ(board->simulator.bytesReceived(), 0u);
     }
     EXPECT_EQ(testsupport::readFile(imagePath).size(), image.size()); // not taken for the log
+    EXPECT_FALSE(std::filesystem::exists(dir.path() + "/r.jsonl"));
     ::close(fifoReader);
 }
 
@@ -474,8 +504,11 @@ TEST_F(FlashProgram, EveryBoardGetsTheImageAsItWasAtTheStart) {
     ASSERT_TRUE(testsupport::writeFile(big, Bytes(512u << 10, 0x11)));
     Outcome refused = run("esp32 -q -p " + tiny.port() + " 0x1000 " + imagePath + " 0x30000 " + big);
     EXPECT_EQ(refused.exitCode, 1);
-    EXPECT_EQ(refused.err, "merid-flash: " + tiny.port() +
-                               ": part at 0x30000 (524288 bytes) ends past the end of the 256 KiB flash\n");
+    EXPECT_EQ(refused.err,
+              "merid-flash: " + tiny.port() +
+                  ": past-flash-end: a part ends past the ESP32's flash; nothing was written; use "
+                  "an image for this flash size (part at 0x30000 (524288 bytes) ends past the end "
+                  "of the 256 KiB flash)\n");
     EXPECT_EQ(tiny.chip->counters().dataBlocks, 0u); // not even the part that fits
 }
 
@@ -547,7 +580,7 @@ TEST_F(FlashProgram, LeavesTheTerminalAndTheFilesAsTheyWere) {
     cooked.c_lflag |= ICANON | ECHO | ISIG;
     cooked.c_oflag |= OPOST;
     ::tcsetattr(slave, TCSANOW, &cooked);
-    Outcome refused = run("stm32 -p " + terminal.slavePath() + " -p /dev/merid-none " + imagePath);
+    Outcome refused = run("stm32 --log " + dir.path() + " -p " + terminal.slavePath() + " " + imagePath);
     EXPECT_EQ(refused.exitCode, 2);
     termios after{};
     ::tcgetattr(slave, &after);
@@ -561,21 +594,214 @@ TEST_F(FlashProgram, LeavesTheTerminalAndTheFilesAsTheyWere) {
         [&] { load = run("stm32 --log " + log + " -p " + boards[0]->port() + " " + imagePath); });
     std::vector<std::string> held;
     EXPECT_TRUE(testsupport::waitUntil([&] {
-        for (const auto& process : std::filesystem::directory_iterator("/proc")) {
-            const std::string words = testsupport::readFile(process.path() / "cmdline");
-            if (words.find(std::string("--worker") + '\0') == std::string::npos ||
-                words.find(boards[0]->port()) == std::string::npos) {
-                continue;
-            }
-            std::error_code error;
-            for (const auto& fd : std::filesystem::directory_iterator(process.path() / "fd", error)) {
-                held.push_back(std::filesystem::read_symlink(fd.path(), error).string());
-            }
-            return !held.empty();
+        const auto worker = workerOf(boards[0]->port());
+        std::error_code error;
+        for (const auto& fd : std::filesystem::directory_iterator(worker.value_or("/none") / "fd", error)) {
+            held.push_back(std::filesystem::read_symlink(fd.path(), error).string());
         }
-        return false;
+        return !held.empty();
     }));
     run_.join();
     EXPECT_EQ(load.exitCode, 0) << load.err;
     EXPECT_EQ(std::count(held.begin(), held.end(), log), 0) << testing::PrintToString(held);
+}
+
+namespace {
+
+// The records of an RFC 4180 text: fields split at commas outside quotes,
+// a doubled quote inside them one quote, each record ended by CR LF.
+std::vector<std::vector<std::string>> csvRecords(const std::string& text) {
+    std::vector<std::vector<std::string>> records(1, std::vector<std::string>(1));
+    bool quoted = false;
+    for (std::size_t i = 0; i < text.size(); ++i) {
+        const char c = text[i];
+        std::string& field = records.back().back();
+        if (quoted && c == '"' && text.compare(i, 2, "\"\"") == 0) {
+            field += c;
+            ++i;
+        } else if (c == '"') {
+            quoted = !quoted;
+        } else if (quoted) {
+            field += c;
+        } else if (c == ',') {
+            records.back().emplace_back();
+        } else if (text.compare(i, 2, "\r\n") == 0) {
+            records.emplace_back(1);
+            ++i;
+        } else {
+            field += c;
+        }
+    }
+    records.pop_back(); // after the last CR LF
+    return records;
+}
+
+// "2026-11-26T01:02:03.456Z", and `from` <= `to` in that form.
+bool utcOrdered(const std::string& from, const std::string& to) {
+    const auto isUtc = [](const std::string& t) {
+        return t.size() == 24 && t[4] == '-' && t[10] == 'T' && t[19] == '.' && t.back() == 'Z';
+    };
+    return isUtc(from) && isUtc(to) && from <= to;
+}
+
+std::string hostName() {
+    char name[256] = {};
+    ::gethostname(name, sizeof(name) - 1);
+    return name;
+}
+
+} // namespace
+
+// A board run with --report: a JSON line per board after what the file held,
+// with the station, the device and its serial number, the chip and its MAC
+// as the simulated board gives them, and the targets as --json gives them.
+TEST_F(FlashProgram, ReportAppendsAJsonLinePerBoard) {
+    const std::string report = dir.path() + "/boards.jsonl";
+    ASSERT_TRUE(testsupport::writeFile(report, Bytes{'{', '}', '\n'}));
+    DeviceSimulator::Faults unplug;
+    unplug.unplugAfterFrames = 40;
+    boards[1]->simulator.setFaults(unplug);
+    Outcome gang = run("board --json -q -b 921600 --report " + report + " -p " + boards[0]->port() + " -p " +
+                       boards[1]->port() + " --stm32 " + imagePath + " --esp32 0x10000 " + imagePath);
+    EXPECT_EQ(gang.exitCode, 1);
+    const auto summary = jsonLines(gang.out);
+    const auto lines = jsonLines(testsupport::readFile(report));
+    ASSERT_EQ(lines.size(), 3u);
+    ASSERT_EQ(summary.size(), 2u);
+    EXPECT_EQ(lines[0], nlohmann::json::object());
+    for (std::size_t i = 0; i < 2; ++i) {
+        SCOPED_TRACE(i);
+        const auto& line = lines[i + 1];
+        EXPECT_TRUE(utcOrdered(line["start"], line["end"])) << line;
+        EXPECT_EQ(line["host"], hostName());
+        EXPECT_EQ(line["version"], MERID_VERSION);
+        EXPECT_EQ(line["port"], boards[i]->port());
+        EXPECT_EQ(line["adapter"], nullptr); // a pseudo-terminal has none
+        EXPECT_EQ(line["device"], nlohmann::json::parse(R"({"name":"MeridKestal STM32","version":"2.7",
+                                                            "serial_number":1296760898})"));
+        EXPECT_EQ(line["ok"], summary[i]["ok"]);
+        EXPECT_EQ(line["targets"], summary[i]["targets"]);
+    }
+    EXPECT_EQ(lines[1]["chip"], nlohmann::json::parse(R"({"type":"ESP32","mac":"a1:b2:7a:5b:3c:4d"})"));
+    EXPECT_EQ(lines[1]["code"], "");
+    EXPECT_EQ(lines[1]["result"], "verified");
+    EXPECT_EQ(lines[2]["chip"], nullptr); // its ESP32 was never reached
+    EXPECT_NE(lines[2]["code"], "");
+    EXPECT_EQ(lines[2]["code"], summary[1]["targets"][0]["code"]);
+    EXPECT_EQ(lines[2]["result"], summary[1]["targets"][0]["result"]);
+}
+
+// Two stations append to one CSV report at once: one header, a row per
+// target and part, none torn; the device's own text escaped and quoted, a
+// serial number the device refuses to give left empty.
+TEST_F(FlashProgram, StationsShareACsvReport) {
+    boards[2] = std::make_unique<Board>(EspRomSimulator::Config{}, "Kestal \"7\", rev\nB");
+    ASSERT_TRUE(boards[2]->started);
+    DeviceSimulator::Faults noSerial; // its field requests refused
+    noSerial.errorStatus = 5;
+    noSerial.errorNext = 10;
+    noSerial.errorCommand = 4;
+    boards[1]->simulator.setFaults(noSerial);
+    const std::string report = dir.path() + "/line.csv";
+    const std::string digest = sha256Of(imagePath);
+    Outcome esp, stm;
+    std::thread first([&] {
+        esp = run("esp32 -q -b 921600 --report " + report + " -p " + boards[0]->port() + " -p " +
+                  boards[1]->port() + " 0x10000 " + imagePath);
+    });
+    stm = run("stm32 -q -b 921600 --report " + report + " -p " + boards[2]->port() + " " + imagePath);
+    first.join();
+    EXPECT_EQ(esp.exitCode, 0) << esp.err;
+    EXPECT_EQ(stm.exitCode, 0) << stm.err;
+    const auto records = csvRecords(testsupport::readFile(report));
+    ASSERT_EQ(records.size(), 4u);
+    const std::string header = "start,end,host,version,port,usb_vendor_id,usb_product_id,usb_serial_number,"
+                               "device_name,device_version,device_serial_number,chip_type,chip_mac,target,"
+                               "address,bytes,sha256,part_result,ok,code,result\r\n";
+    EXPECT_EQ(testsupport::readFile(report).substr(0, header.size()), header);
+    std::map<std::string, std::vector<std::string>> byPort;
+    for (std::size_t i = 1; i < records.size(); ++i) {
+        ASSERT_EQ(records[i].size(), records[0].size());
+        EXPECT_TRUE(utcOrdered(records[i][0], records[i][1]));
+        EXPECT_EQ(records[i][2], hostName());
+        EXPECT_EQ(records[i][3], MERID_VERSION);
+        byPort[records[i][4]] = std::vector<std::string>(records[i].begin() + 5, records[i].end());
+    }
+    const std::vector<std::string> esp32 =
+        csvRecords(",,,MeridKestal STM32,2.7,1296760898,ESP32,a1:b2:7a:5b:3c:4d,esp32,0x10000," +
+                   std::to_string(image.size()) + "," + digest + ",written,true,,verified\r\n")
+            .front();
+    EXPECT_EQ(byPort[boards[0]->port()], esp32);
+    std::vector<std::string> unknownSerial = esp32;
+    unknownSerial[5].clear();
+    EXPECT_EQ(byPort[boards[1]->port()], unknownSerial);
+    EXPECT_EQ(
+        byPort[boards[2]->port()],
+        (std::vector<std::string>{"", "", "", "Kestal \"7\", rev\\x0aB", "2.7", "1296760898", "", "", "stm32",
+                                  "", std::to_string(image.size()), digest, "", "true", "", "confirmed"}));
+}
+
+// A port that is not there and one another program holds leave their boards
+// out, reported with their codes, while the good board loads; the common
+// options may come before the subcommand.
+TEST_F(FlashProgram, AbsentAndBusyBoardsStandAsideForTheOthers) {
+    UsbCommunication holder;
+    holder.portName = boards[2]->port();
+    ASSERT_EQ(holder.connect(UsbCommunication::MethodCom), UsbTypes::Ok);
+    Outcome gang = run("--json -b 921600 -p " + boards[0]->port() + " -p /dev/merid-none -p " +
+                       boards[2]->port() + " stm32 " + imagePath);
+    EXPECT_EQ(gang.exitCode, 1) << gang.err;
+    const auto results = jsonLines(gang.out);
+    ASSERT_EQ(results.size(), 3u) << gang.out;
+    const std::pair<const char*, const char*> expected[] = {
+        {"", "confirmed"}, {"absent", "the port is not there"}, {"busy", "another program holds the port"}};
+    for (std::size_t i = 0; i < 3; ++i) {
+        SCOPED_TRACE(i);
+        EXPECT_EQ(results[i]["code"], expected[i].first);
+        EXPECT_EQ(results[i]["result"].get<std::string>().rfind(expected[i].second, 0), 0u) << results[i];
+    }
+    EXPECT_EQ(boards[0]->simulator.finishedImage(2, 0), image);
+    EXPECT_EQ(boards[2]->simulator.bytesReceived(), 0u);
+}
+
+// An interrupt or a termination mid-load ends every worker, whose ports are
+// free again at once, and still lists every board: the one done as done,
+// the others "interrupted"; the exit code is the signal's.
+TEST_F(FlashProgram, AStoppedGangStillReportsEveryBoard) {
+    boards[0]->simulator.setPacing(115200);
+    boards[1]->simulator.setPacing(115200);
+    const auto finishes = [this] {
+        return boards[2]->simulator.counters(2).value_or(SimDevice::Counters{}).fileFinishes;
+    };
+    for (const auto& [signalNumber, exitCode] : {std::pair{SIGINT, 130}, {SIGTERM, 143}}) {
+        SCOPED_TRACE(exitCode);
+        const std::string out = dir.path() + "/out.txt", err = dir.path() + "/err.txt";
+        const std::string command = "exec " + std::string(MERID_FLASH_PATH) + " stm32 --json" + everyPort() +
+                                    " " + imagePath + " >" + out + " 2>" + err;
+        const char* argv[] = {"/bin/sh", "-c", command.c_str(), nullptr};
+        const unsigned before = finishes();
+        pid_t pid = -1;
+        ASSERT_EQ(::posix_spawn(&pid, "/bin/sh", nullptr, nullptr, const_cast<char**>(argv), environ), 0);
+        EXPECT_TRUE(testsupport::waitUntil([&] {
+            return finishes() > before && boards[0]->simulator.bytesReceived() > 3000 &&
+                   boards[1]->simulator.bytesReceived() > 3000;
+        }));
+        ::kill(pid, signalNumber);
+        int status = 0;
+        ASSERT_EQ(::waitpid(pid, &status, 0), pid);
+        EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == exitCode) << status;
+        const auto results = jsonLines(testsupport::readFile(out));
+        ASSERT_EQ(results.size(), 3u);
+        for (std::size_t i = 0; i < 3; ++i) {
+            EXPECT_EQ(results[i]["port"], boards[i]->port());
+            EXPECT_EQ(results[i]["code"], i == 2 ? "" : "interrupted") << results[i];
+        }
+        const std::string table = testsupport::readFile(err);
+        EXPECT_NE(lineOf(table, boards[0]->port() + "  stm32").find("  interrupted: "), std::string::npos)
+            << table;
+        EXPECT_FALSE(workerOf(boards[0]->port()) || workerOf(boards[1]->port()));
+        UsbCommunication again;
+        again.portName = boards[0]->port();
+        EXPECT_EQ(again.connect(UsbCommunication::MethodCom), UsbTypes::Ok);
+    }
 }

@@ -2,6 +2,7 @@
 // process, the JSON and the table of the end, and the progress lines.
 #include "BoardLog.h"
 #include "DeviceText.h"
+#include "FailureCode.h"
 #include "ProgressView.h"
 #include "Summary.h"
 #include "WorkerReport.h"
@@ -11,6 +12,7 @@
 
 #include <cstdint>
 #include <cstdio>
+#include <optional>
 #include <string>
 
 namespace {
@@ -35,13 +37,14 @@ TEST(WorkerReport, EveryKindComesBackAsSent) {
     EXPECT_EQ(progress->bytes, 123456u);
     for (const std::string reason :
          {"", "esp_loader_flash_write failed: 9", "verified", "md5 \\n\nforged row\r\\"}) {
-        for (const bool ok : {true, false}) {
-            std::string line = WorkerReport::done(ok, reason);
+        for (const auto& [ok, code] : {std::pair{true, ""}, {false, "write-failed"}, {false, ""}}) {
+            std::string line = WorkerReport::done(ok, code, reason);
             line.pop_back();
             const auto done = WorkerReport::parse(line);
             ASSERT_TRUE(done) << line;
             EXPECT_EQ(done->kind, BoardEvent::Kind::Done);
             EXPECT_EQ(done->ok, ok);
+            EXPECT_EQ(done->code, code);
             EXPECT_EQ(done->text, reason);
         }
     }
@@ -56,8 +59,29 @@ TEST(WorkerReport, EveryKindComesBackAsSent) {
     EXPECT_EQ(parsed->address, 0x10000u);
     EXPECT_EQ(parsed->bytes, 1u << 20);
     EXPECT_FALSE(parsed->ok);
-    for (const char* noise :
-         {"", "progress", "part 1 2", "part 4294967296 1 1", "progress x 1", "done", "hello world"}) {
+    // What a board tells of its device and chip, a serial number or none.
+    for (const auto& serial : {std::optional<std::uint64_t>(UINT64_MAX), std::optional<std::uint64_t>()}) {
+        std::string line = WorkerReport::device(" Kestal\n 7 ", "2.7", serial);
+        line.pop_back();
+        const auto device = WorkerReport::parse(line);
+        ASSERT_TRUE(device) << line;
+        EXPECT_EQ(device->kind, BoardEvent::Kind::Device);
+        EXPECT_EQ(device->text, " Kestal\n 7 ");
+        EXPECT_EQ(device->detail, "2.7");
+        EXPECT_EQ(device->ok, serial.has_value());
+        EXPECT_EQ(device->bytes, serial.value_or(0));
+    }
+    for (const std::string mac : {"a1:b2:7a:5b:3c:4d", ""}) {
+        std::string line = WorkerReport::chip("ESP32-S3", mac);
+        line.pop_back();
+        const auto chip = WorkerReport::parse(line);
+        ASSERT_TRUE(chip) << line;
+        EXPECT_EQ(chip->kind, BoardEvent::Kind::Chip);
+        EXPECT_EQ(chip->text, "ESP32-S3");
+        EXPECT_EQ(chip->detail, mac);
+    }
+    for (const char* noise : {"", "progress", "part 1 2", "part 4294967296 1 1", "progress x 1", "done",
+                              "hello world", "device 2.7 x name"}) {
         EXPECT_FALSE(WorkerReport::parse(noise)) << noise;
     }
 }
@@ -76,7 +100,8 @@ TEST(WorkerReport, NumbersReadAsAStreamReadsThem) {
     const auto done = WorkerReport::parse("done -2147483648 x");
     ASSERT_TRUE(done);
     EXPECT_FALSE(done->ok);
-    EXPECT_EQ(done->text, "147483648 x");
+    EXPECT_EQ(done->code, "147483648");
+    EXPECT_EQ(done->text, "x");
     EXPECT_EQ(WorkerReport::parse("done +1")->ok, true);
     for (const char* refused :
          {"progress 4294967296 1", "progress 1 18446744073709551616", "progress + 1", "progress 1 -",
@@ -88,13 +113,14 @@ TEST(WorkerReport, NumbersReadAsAStreamReadsThem) {
 // Port names and reasons with quotes, backslashes and control characters
 // still make valid JSON that reads back as the same text.
 TEST(Summary, JsonAndTableCarryEveryBoard) {
-    BoardResult windows{"\\\\.\\COM10", "esp32", 65536, 2.0, true, "verified", "", {}};
-    BoardResult odd{"/tmp/a \"b\"", "stm32", 1000, 0.5, false, "line\tone\nline two \x01", "", {}};
+    BoardResult windows{"\\\\.\\COM10", "esp32", 65536, 2.0, true, "verified", "", {}, ""};
+    BoardResult odd{"/tmp/a \"b\"", "stm32", 1000, 0.5, false, "line\tone\nline two \x01", "", {}, "stalled"};
     for (const BoardResult& result : {windows, odd}) {
         const auto object = nlohmann::json::parse(Summary::json(result));
         EXPECT_EQ(object["port"], result.port);
         EXPECT_EQ(object["result"], result.result);
         EXPECT_EQ(object["ok"], result.ok);
+        EXPECT_EQ(object["code"], result.code);
         EXPECT_EQ(object["bytes"], result.bytes);
         EXPECT_NEAR(object["kib_per_s"].get<double>(), result.kibPerSecond(), 0.05);
     }
@@ -104,15 +130,18 @@ TEST(Summary, JsonAndTableCarryEveryBoard) {
     EXPECT_NE(table.find("\n\\\\.\\COM10   esp32       65536     2.00      32.0  verified\n"),
               std::string::npos)
         << table;
+    EXPECT_NE(table.find("      2.0  stalled: line\\x09one\\x0aline two \\x01\n"), std::string::npos)
+        << table;
 }
 
 // Each image's digest above the table, each part of an ESP32 image under
 // its board's row; a board run is one JSON object holding its targets.
 TEST(Summary, PartsStandUnderTheirBoard) {
-    BoardResult stm32{"/dev/a", "stm32", 1024, 1.0, true, "confirmed", "aa", {}};
+    BoardResult stm32{"/dev/a", "stm32", 1024, 1.0, true, "confirmed", "aa", {}, ""};
     BoardResult esp32{
         "/dev/a", "esp32",    8192, 2.0,
-        true,     "verified", "",   {{0x1000, 4096, "bb", "unchanged"}, {0x10000, 4096, "cc", "written"}}};
+        true,     "verified", "",   {{0x1000, 4096, "bb", "unchanged"}, {0x10000, 4096, "cc", "written"}},
+        ""};
     EXPECT_EQ(Summary::table({stm32, esp32}), "image SHA-256 aa  stm32\n"
                                               "image SHA-256 bb  esp32 0x1000\n"
                                               "image SHA-256 cc  esp32 0x10000\n"
@@ -183,7 +212,8 @@ TEST(DeviceText, ControlsAndBadBytesAreEscapedForTerminalAndJson) {
         EXPECT_TRUE(nlohmann::json::accept(c.json));
     }
     BoardResult forged{
-        "/dev/ttyUSB0", "esp32", 4, 1.0, false, "flash MD5 mismatch: flash MD5 \x1b[2J\nOK", "", {}};
+        "/dev/ttyUSB0", "esp32", 4, 1.0, false, "flash MD5 mismatch: flash MD5 \x1b[2J\nOK", "", {},
+        "md5-mismatch"};
     const std::string table = Summary::table({forged});
     EXPECT_EQ(std::count(table.begin(), table.end(), '\n'), 2) << table;
     EXPECT_NE(table.find("flash MD5 \\x1b[2J\\x0aOK\n"), std::string::npos) << table;
@@ -194,11 +224,32 @@ TEST(ProgressView, LongPortNamesMakeWholeLines) {
     const std::string port = "/dev/serial/by-id/" + std::string(400, 'x');
     const std::string line = ProgressView::line(port, 42, 1u << 20, 4u << 20, 2.0);
     EXPECT_EQ(line, port + "  42%   1048576/4194304 bytes    512.0 KiB/s      6 s left");
-    BoardResult result{port, "stm32", 4u << 20, 8.0, true, "confirmed", std::string(64, 'a'), {}};
+    BoardResult result{port, "stm32", 4u << 20, 8.0, true, "confirmed", std::string(64, 'a'), {}, ""};
     const std::string table = Summary::table({result});
     EXPECT_EQ(table, "image SHA-256 " + std::string(64, 'a') + "\nPORT" + std::string(port.size() - 4, ' ') +
                          "  TARGET      BYTES  SECONDS     KIB/S  RESULT\n" + port +
                          "  stm32     4194304     8.00     512.0  confirmed\n");
+}
+
+// The loaders' words and a port's line each get their code; a code's text
+// says what to do, with the loader's words after it.
+TEST(FailureCode, OutcomesGetTheirCodes) {
+    const std::pair<const char*, const char*> words[] = {
+        {"esp_loader_connect failed: 3", "no-chip"},
+        {"the chip's flash size is unknown: esp_loader_flash_detect_size failed: 2", "flash-size-unknown"},
+        {"flash MD5 mismatch: image MD5 aa, flash MD5 bb", "md5-mismatch"},
+        {"no MD5 from the chip for the region at 0x1000 (loader_md5_cmd failed: 2)", "no-md5"},
+        {"the loader gave no reason", "loader-failed"},
+    };
+    for (const auto& [text, code] : words) {
+        EXPECT_EQ(FailureCode::ofEsp32(text), code) << text;
+    }
+    EXPECT_EQ(FailureCode::ofPort("Error opening port /dev/x (open err=13). No permission for /dev/x"),
+              "no-access");
+    EXPECT_EQ(FailureCode::of("md5-mismatch", "flash MD5 mismatch").text,
+              "the ESP32's flash does not hold the image; load it again, and replace the board if it "
+              "fails again (flash MD5 mismatch)");
+    EXPECT_EQ(FailureCode::of("no-such-code", "").code, "worker-failed");
 }
 
 // A flood of warnings keeps the last of them and the count of all, and

@@ -63,3 +63,21 @@ TEST(Platform, PrivateDirectoryIsMadeOrRefused) {
               fs::perms::none);
 #endif
 }
+
+// The report's append: the file made by a check that writes nothing, the
+// header only into an empty file, the texts in order; a folder that is not
+// there is a refusal with the system's words.
+TEST(Platform, AppendUnderLockWritesTheHeaderOnce) {
+    testsupport::TempDir dir;
+    const std::string path = dir.path() + "/boards.csv";
+    std::string error;
+    ASSERT_TRUE(Platform::appendLocked(path, {}, {}, error)) << error;
+    EXPECT_TRUE(std::filesystem::exists(Platform::pathFromUtf8(path)));
+    for (const char* text : {"a,1\r\n", "b,2\r\n"}) {
+        EXPECT_TRUE(Platform::appendLocked(path, "name,n\r\n", text, error)) << error;
+    }
+    EXPECT_EQ(testsupport::readFile(path), "name,n\r\na,1\r\nb,2\r\n");
+    EXPECT_FALSE(Platform::appendLocked(dir.path() + "/none/boards.csv", {}, "c,3\r\n", error));
+    EXPECT_FALSE(error.empty());
+    EXPECT_FALSE(Platform::hostName().empty());
+}
