@@ -61,8 +61,11 @@ std::string jsonChip(const BoardRecord& board) {
 }
 
 // A CSV field: quoted when it holds a comma, a quote or a line break, its
-// quotes doubled.
-std::string csvField(const std::string& text) {
+// quotes doubled. A field that a spreadsheet would take for a formula (a
+// board's name that starts with =, +, - or @) is led by an apostrophe.
+std::string csvField(const std::string& field) {
+    const bool formula = !field.empty() && std::string("=+-@").find(field.front()) != std::string::npos;
+    const std::string text = formula ? "'" + field : field;
     if (text.find_first_of(",\"\r\n") == std::string::npos) {
         return text;
     }

@@ -693,9 +693,10 @@ TEST_F(FlashProgram, ReportAppendsAJsonLinePerBoard) {
 
 // Two stations append to one CSV report at once: one header, a row per
 // target and part, none torn; the device's own text escaped and quoted, a
-// serial number the device refuses to give left empty.
+// serial number the device refuses to give left empty, a name that would
+// be a spreadsheet formula kept as text.
 TEST_F(FlashProgram, StationsShareACsvReport) {
-    boards[2] = std::make_unique<Board>(EspRomSimulator::Config{}, "Kestal \"7\", rev\nB");
+    boards[2] = std::make_unique<Board>(EspRomSimulator::Config{}, "=Kestal \"7\", rev\nB");
     ASSERT_TRUE(boards[2]->started);
     DeviceSimulator::Faults noSerial; // its field requests refused
     noSerial.errorStatus = 5;
@@ -735,10 +736,10 @@ TEST_F(FlashProgram, StationsShareACsvReport) {
     std::vector<std::string> unknownSerial = esp32;
     unknownSerial[5].clear();
     EXPECT_EQ(byPort[boards[1]->port()], unknownSerial);
-    EXPECT_EQ(
-        byPort[boards[2]->port()],
-        (std::vector<std::string>{"", "", "", "Kestal \"7\", rev\\x0aB", "2.7", "1296760898", "", "", "stm32",
-                                  "", std::to_string(image.size()), digest, "", "true", "", "confirmed"}));
+    EXPECT_EQ(byPort[boards[2]->port()],
+              (std::vector<std::string>{"", "", "", "'=Kestal \"7\", rev\\x0aB", "2.7", "1296760898", "", "",
+                                        "stm32", "", std::to_string(image.size()), digest, "", "true", "",
+                                        "confirmed"}));
 }
 
 // A port that is not there and one another program holds leave their boards
