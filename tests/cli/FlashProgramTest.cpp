@@ -106,7 +106,7 @@ protected:
         for (const auto& process : std::filesystem::directory_iterator("/proc")) {
             const std::string words = testsupport::readFile(process.path() / "cmdline");
             if (words.find(std::string("--worker") + '\0') != std::string::npos &&
-                words.find(port) != std::string::npos) {
+                words.find('\0' + port + '\0') != std::string::npos) {
                 return process.path();
             }
         }
@@ -783,9 +783,10 @@ TEST_F(FlashProgram, AStoppedGangStillReportsEveryBoard) {
         const unsigned before = finishes();
         pid_t pid = -1;
         ASSERT_EQ(::posix_spawn(&pid, "/bin/sh", nullptr, nullptr, const_cast<char**>(argv), environ), 0);
+        // The unpaced board's process has ended, its report told; the others are loading.
         EXPECT_TRUE(testsupport::waitUntil([&] {
-            return finishes() > before && boards[0]->simulator.bytesReceived() > 3000 &&
-                   boards[1]->simulator.bytesReceived() > 3000;
+            return finishes() > before && !workerOf(boards[2]->port()) &&
+                   boards[0]->simulator.bytesReceived() > 3000 && boards[1]->simulator.bytesReceived() > 3000;
         }));
         ::kill(pid, signalNumber);
         int status = 0;
