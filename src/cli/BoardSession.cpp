@@ -178,7 +178,7 @@ BoardSession::Outcome BoardSession::waitForTransfer(std::uint64_t size, const Pr
             return {true, {}, {}};
         }
         if (const std::uint8_t status = stm32.refusal()) {
-            return {false, "Message with problem - error code: " + std::to_string(status), "device-refused"};
+            return {false, kRefusal + std::to_string(status), "device-refused"};
         }
         if (stm32.takeUnconfirmed()) {
             return {false, "the device did not confirm the firmware", "not-confirmed"};

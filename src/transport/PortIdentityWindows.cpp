@@ -46,7 +46,7 @@ std::string idAfter(const std::string& instance, const char* tag) {
 }
 
 // The USB device node at or above `node`: its instance id reads
-// USB\VID_xxxx&PID_xxxx\serial; an interface of a composite device (&MI_)
+// USB\VID_<vendor>&PID_<product>\<serial>; an interface of a composite device (&MI_)
 // and a driver's own node (FTDIBUS\...) lead up to it.
 bool usbDevice(DEVINST& node, std::string& instance) {
     for (int depth = 0; depth < 8; ++depth) {
